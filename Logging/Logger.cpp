@@ -1,0 +1,165 @@
+#include "Logging/Logger.h"
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+
+#include "Platform/Platform.h"
+
+namespace TorvUtils {
+
+namespace fs = std::filesystem;
+
+Logger& Logger::Instance() {
+    static Logger instance;  // thread-safe first-use initialisation
+    return instance;
+}
+
+std::string Logger::LevelWord(int rank) {
+    switch (rank) {
+        case 1: return "ERROR";
+        case 2: return "INFO";
+        case 3: return "DEBUG";
+        default: return "UNKNOWN";
+    }
+}
+
+std::string Logger::Timestamp() {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const auto day = floor<days>(now);
+    const year_month_day ymd{day};
+    const hh_mm_ss hms{floor<milliseconds>(now - day)};
+    char text[32];
+    std::snprintf(text, sizeof(text), "%04d-%02u-%02u T%02d:%02d:%02d,%03d", static_cast<int>(ymd.year()),
+                  static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                  static_cast<int>(hms.hours().count()), static_cast<int>(hms.minutes().count()),
+                  static_cast<int>(hms.seconds().count()), static_cast<int>(hms.subseconds().count()));
+    return text;
+}
+
+void Logger::Log(const std::string& text, int level) {
+    int rank;
+    switch (level) {
+        case 0: rank = 3; break;
+        case 1: rank = 2; break;
+        case 2: rank = 1; break;
+        default: return;
+    }
+    WriteRank(text, rank);
+}
+
+bool Logger::IsRankEnabled(int rank) const {
+    std::lock_guard lock(mutex_);
+    return (toConsole_ || toDebugger_ || toFile_) && rank <= threshold_;
+}
+
+void Logger::WriteRank(const std::string& text, int rank) {
+    std::lock_guard lock(mutex_);
+    if (!(toConsole_ || toDebugger_ || toFile_) || rank > threshold_) return;
+    std::string line = Timestamp();
+    line += ';';
+    line += LevelWord(rank);
+    line += ';';
+    line += text;
+    line += '\n';
+    if (toConsole_) {
+        std::cout << line;
+        std::cout.flush();
+    }
+    if (toDebugger_) Platform::DebuggerOutput(line);
+    if (toFile_) WriteLocked(line);
+}
+
+std::string Logger::FilePath(int32_t index) const {
+    return directory_ + prefix_ + std::to_string(index) + extension_;
+}
+
+int32_t Logger::CurrentIndex() const {
+    std::lock_guard lock(mutex_);
+    return currentIndex_;
+}
+
+// The ring file written most recently is where a restarted process continues.
+int32_t Logger::NewestRingFileLocked() const {
+    int32_t newest = 0;
+    fs::file_time_type newestTime = fs::file_time_type::min();
+    std::error_code ec;
+    for (int32_t i = 0; i < fileCount_; ++i) {
+        const auto t = fs::last_write_time(FilePath(i), ec);
+        if (!ec && t > newestTime) {
+            newestTime = t;
+            newest = i;
+        }
+    }
+    return newest;
+}
+
+void Logger::OpenCurrentLocked(bool truncate) {
+    const std::string path = FilePath(currentIndex_);
+    file_.open(path, truncate ? (std::ios::out | std::ios::trunc) : (std::ios::out | std::ios::app));
+    std::error_code ec;
+    const auto size = truncate ? 0 : fs::file_size(path, ec);
+    fileSize_ = ec ? 0 : size;
+}
+
+void Logger::CloseLocked() {
+    if (file_.is_open()) file_.close();
+    file_.clear();
+}
+
+void Logger::WriteLocked(const std::string& line) {
+    if (!file_.is_open()) {
+        if (!ringScanned_) {
+            currentIndex_ = NewestRingFileLocked();
+            ringScanned_ = true;
+        }
+        OpenCurrentLocked(false);
+        // A file that cannot be opened loses the line; the next line tries again.
+        if (!file_.is_open()) return;
+    }
+    if (maxFileSize_ != 0 && fileSize_ > static_cast<uint64_t>(maxFileSize_)) {
+        CloseLocked();
+        currentIndex_ = (currentIndex_ + 1 < fileCount_) ? currentIndex_ + 1 : 0;
+        OpenCurrentLocked(true);
+        if (!file_.is_open()) return;
+    }
+    file_.write(line.data(), static_cast<std::streamsize>(line.size()));
+    file_.flush();
+    fileSize_ += line.size();
+}
+
+void Logger::SetToConsole(bool on) { std::lock_guard lock(mutex_); toConsole_ = on; }
+void Logger::SetToDebugger(bool on) { std::lock_guard lock(mutex_); toDebugger_ = on; }
+void Logger::SetToFile(bool on) { std::lock_guard lock(mutex_); toFile_ = on; }
+void Logger::SetThreshold(int32_t threshold) { std::lock_guard lock(mutex_); threshold_ = threshold; }
+void Logger::SetMaxFileSize(int32_t bytes) { std::lock_guard lock(mutex_); maxFileSize_ = bytes; }
+
+// Settings that change the file names close the current file and rescan the ring.
+void Logger::SetDirectory(const std::string& directory) {
+    std::lock_guard lock(mutex_);
+    directory_ = directory;
+    CloseLocked();
+    ringScanned_ = false;
+}
+void Logger::SetPrefix(const std::string& prefix) {
+    std::lock_guard lock(mutex_);
+    prefix_ = prefix;
+    CloseLocked();
+    ringScanned_ = false;
+}
+void Logger::SetExtension(const std::string& extension) {
+    std::lock_guard lock(mutex_);
+    extension_ = extension;
+    CloseLocked();
+    ringScanned_ = false;
+}
+void Logger::SetFileCount(int32_t count) {
+    std::lock_guard lock(mutex_);
+    fileCount_ = count > 0 ? count : 1;
+    CloseLocked();
+    ringScanned_ = false;
+}
+
+}  // namespace TorvUtils

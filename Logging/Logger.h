@@ -1,0 +1,69 @@
+#pragma once
+#include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <string>
+
+namespace TorvUtils {
+
+// The process-wide logger. Callers pass a public level (0 DEBUG, 1 INFO, 2 ERROR);
+// inside, levels are ranks (3 DEBUG, 2 INFO, 1 ERROR) and a line is written when its
+// rank is not above the threshold.
+class Logger {
+public:
+    static Logger& Instance();
+
+    // Public-level entry point; an unknown level writes nothing.
+    void Log(const std::string& text, int level);
+    // Writes a line of the given rank straight away (rank 3 is worded DEBUG).
+    void WriteRank(const std::string& text, int rank);
+    // True when a line of this rank would be written: lets callers skip composing it.
+    bool IsRankEnabled(int rank) const;
+
+    void SetToConsole(bool on);
+    void SetToDebugger(bool on);
+    void SetToFile(bool on);
+    void SetDirectory(const std::string& directory);
+    void SetPrefix(const std::string& prefix);
+    void SetExtension(const std::string& extension);
+    void SetFileCount(int32_t count);
+    void SetMaxFileSize(int32_t bytes);
+    void SetThreshold(int32_t threshold);
+
+    // Name of the ring file with the given index.
+    std::string FilePath(int32_t index) const;
+    int32_t CurrentIndex() const;
+
+    static std::string LevelWord(int rank);
+    static std::string Timestamp();
+
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
+
+private:
+    Logger() = default;
+    void WriteLocked(const std::string& line);
+    void OpenCurrentLocked(bool truncate);
+    int32_t NewestRingFileLocked() const;
+    void CloseLocked();
+
+    mutable std::mutex mutex_;
+    bool toConsole_ = false;
+    bool toDebugger_ = false;
+    bool toFile_ = true;
+    std::string directory_;
+    std::string prefix_ = "log_";
+    std::string extension_ = ".txt";
+    int32_t fileCount_ = 3;
+    int32_t maxFileSize_ = 5000000;
+    int32_t threshold_ = 2;
+    int32_t currentIndex_ = 0;
+    bool ringScanned_ = false;
+    std::ofstream file_;
+    uint64_t fileSize_ = 0;
+};
+
+}  // namespace TorvUtils
+
+// The one logging call that the whole system uses.
+inline void Log(const std::string& text, int level) { TorvUtils::Logger::Instance().Log(text, level); }
