@@ -1,0 +1,40 @@
+#pragma once
+#include <functional>
+#include <memory>
+
+#include "FilterDriver/NdisApiTypes.h"
+
+namespace NativeNetworkDriver {
+
+// The packet-filter driver's operations, one call per driver function. Implemented by the
+// Windows DLL client, by Linux kernel interception and by an in-memory fake for tests.
+class IFilterDriverApi {
+public:
+    virtual ~IFilterDriverApi() = default;
+
+    virtual bool IsDriverLoaded() = 0;
+    virtual bool GetTcpipBoundAdaptersInfo(NdisApi::TCP_AdapterList* list) = 0;
+    virtual bool SetAdapterMode(const NdisApi::ADAPTER_MODE* mode) = 0;
+    virtual bool GetHwPacketFilter(NdisApi::Handle adapter, uint32_t* filter) = 0;
+    virtual bool SetHwPacketFilter(NdisApi::Handle adapter, uint32_t filter) = 0;
+    virtual bool SetPacketFilterTable(const NdisApi::STATIC_FILTER_TABLE* table) = 0;
+    virtual bool SetPacketEvent(NdisApi::Handle adapter, NdisApi::Handle event) = 0;
+    // Reads one diverted frame into request->EthPacket; false when none is waiting.
+    virtual bool ReadPacket(NdisApi::ETH_REQUEST* request) = 0;
+    virtual bool SendPacketToAdapter(const NdisApi::ETH_REQUEST* request) = 0;
+    virtual bool SendPacketToMstcp(const NdisApi::ETH_REQUEST* request) = 0;
+    virtual bool FlushAdapterPacketQueue(NdisApi::Handle adapter) = 0;
+
+    // The notification event for an adapter's diverted frames: a new auto-reset event on
+    // Windows (registered with SetPacketEvent), the backend's own pollable descriptor on
+    // Linux. 0 on failure. Released with CloseAdapterEvent.
+    virtual NdisApi::Handle CreateAdapterEvent(NdisApi::Handle adapter) = 0;
+    virtual void CloseAdapterEvent(NdisApi::Handle adapter, NdisApi::Handle event) = 0;
+};
+
+// Creates the driver client of this platform. Tests replace the factory with an in-memory one.
+using FilterDriverApiFactory = std::function<std::unique_ptr<IFilterDriverApi>()>;
+std::unique_ptr<IFilterDriverApi> CreateFilterDriverApi();
+void SetFilterDriverApiFactory(FilterDriverApiFactory factory);  // empty restores the platform's
+
+}  // namespace NativeNetworkDriver
