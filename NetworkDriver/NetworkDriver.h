@@ -1,0 +1,48 @@
+#pragma once
+#include <memory>
+#include <string>
+
+#include "NetworkDriver/Messages.h"
+#include "NetworkDriver/PipeChannel.h"
+#include "NetworkDriver/SessionFactory.h"
+
+namespace NativeNetworkDriver {
+
+// The root object: owns the pipe channel, the packet side and the sessions. The
+// constructor runs the control pipe's read loop; the process lives as long as it does.
+class NetworkDriver : private IPipeDataRead {
+public:
+    explicit NetworkDriver(std::unique_ptr<ISessionFactory> factory = CreateSessionFactory());
+    ~NetworkDriver() override;
+    NetworkDriver(const NetworkDriver&) = delete;
+    NetworkDriver& operator=(const NetworkDriver&) = delete;
+
+    // A frame read from the virtual adapter, for the tunnel.
+    void OnVPNDataRead(const Bytes& frame);
+
+    static std::string GetVersionString();
+
+private:
+    void OnPipeDataRead(const PipeMessage& message) override;
+    void SendResult(uint32_t type, uint32_t result);
+    void ReleaseArpCacheIfUnused();
+
+    void OnInitializeConfiguration(const Bytes& payload);
+    void OnStartVPN(const Bytes& payload);
+    void OnAddSupervisorMAC(const Bytes& payload);
+    void OnRemoveSupervisorMAC(const Bytes& payload);
+    void OnStopVPN();
+    void OnStartICS(const Bytes& payload);
+    void OnStopICS();
+    void OnStartNAT(const Bytes& payload);
+    void OnStopNAT();
+
+    std::unique_ptr<PipeChannel> pipe;
+    std::unique_ptr<ISessionFactory> publisher;  // the packet side: publisher and session construction
+    std::unique_ptr<ISharedArpCache> arpCache;
+    std::unique_ptr<IVpnSession> vpn;
+    std::unique_ptr<ITranslationSession> nat;
+    std::unique_ptr<ITranslationSession> ics;
+};
+
+}  // namespace NativeNetworkDriver
