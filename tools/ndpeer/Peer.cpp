@@ -1,6 +1,8 @@
 #include "Peer.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,6 +62,10 @@ bool Peer::StartDaemon() {
     if (pid < 0) return false;
     if (pid == 0) {
         setenv("NETWORKDRIVER_PIPE_DIR", options_.pipeDir.c_str(), 1);
+        if (!options_.daemonNetns.empty()) {
+            const int ns = ::open(("/run/netns/" + options_.daemonNetns).c_str(), O_RDONLY | O_CLOEXEC);
+            if (ns < 0 || setns(ns, CLONE_NEWNET) != 0) _exit(126);
+        }
         execl(options_.daemonPath.c_str(), options_.daemonPath.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
@@ -240,7 +246,7 @@ int Peer::Run(const Scenario& scenario) {
     std::cout << "-- daemon connected" << std::endl;
     const std::string tapName = !options_.tapName.empty() ? options_.tapName : scenario.tap;
     if (!tapName.empty()) {
-        tap_.Open(tapName, options_.tapMac);
+        tap_.Open(tapName, options_.tapMac, options_.tapNetns);
         std::cout << "-- bridging tap " << tapName << std::endl;
         tapReader_ = std::thread(&Peer::TapLoop, this);
     }

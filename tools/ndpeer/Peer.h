@@ -17,6 +17,8 @@ struct PeerOptions {
     std::string pipeDir;
     std::string daemonPath;   // start this daemon, if set
     std::string tapName;      // bridge type-2 frames to this tap, if set
+    std::string tapNetns;     // network namespace the tap is made in
+    std::string daemonNetns;  // network namespace the daemon runs in
     std::vector<uint8_t> tapMac;
     double connectTimeout = 10;
     double answerTimeout = 10;
