@@ -2,6 +2,7 @@
 #include <exception>
 #include <string>
 
+#include "FilterDriver/IFilterDriverApi.h"
 #include "Logging/BrandInfo.h"
 #include "Logging/Logger.h"
 #include "NetworkDriver/NetworkDriver.h"
@@ -9,6 +10,8 @@
 
 #ifdef _WIN32
 #include <windows.h>
+#else
+#include "Platform/FilterDriverBackend.h"
 #endif
 
 namespace {
@@ -49,6 +52,9 @@ int Run() {
     std::set_terminate(LogFatalAndAbort);
     Platform::RaiseProcessPriority();
     InitializeLogging();
+#ifndef _WIN32
+    NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateLinuxFilterDriverApi);
+#endif
     {
         NativeNetworkDriver::NetworkDriver driver;
     }
