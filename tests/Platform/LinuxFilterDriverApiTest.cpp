@@ -74,7 +74,8 @@ struct Tunnel {
 
     bool Send(const Bytes& frame, bool toStack) {
         NdisApi::INTERMEDIATE_BUFFER buffer{};
-        std::memcpy(buffer.m_IBuffer, frame.data(), frame.size());
+        // An oversize frame is announced with its real length but only its first bytes fit.
+        std::memcpy(buffer.m_IBuffer, frame.data(), std::min(frame.size(), sizeof(buffer.m_IBuffer)));
         buffer.m_Length = static_cast<uint32_t>(frame.size());
         const NdisApi::ETH_REQUEST request{handle, &buffer};
         return toStack ? api.SendPacketToMstcp(&request) : api.SendPacketToAdapter(&request);
@@ -188,10 +189,12 @@ TEST_F(LinuxDriver, ListsInterfacesWithGuidNamesAndLoadsItsPrograms) {
             if (name != "\\DEVICE\\" + Platform::InterfaceGuidText(VethPair::kDaemonIf)) continue;
             found = true;
             EXPECT_EQ(name, "\\DEVICE\\{3076646E-0000-0000-0000-000000000000}");
-            EXPECT_EQ(list.m_nAdapterHandle[i], if_nametoindex(VethPair::kDaemonIf));
+            const Handle handle = list.m_nAdapterHandle[i];  // packed: copy before comparing
+            const uint16_t mtu = list.m_usMTU[i];
+            EXPECT_EQ(handle, if_nametoindex(VethPair::kDaemonIf));
             const uint8_t mac[6] = {0x02, 0x4e, 0x44, 0, 0, 1};
             EXPECT_EQ(std::memcmp(list.m_czCurrentAddress[i], mac, 6), 0);
-            EXPECT_EQ(list.m_usMTU[i], 1500);
+            EXPECT_EQ(mtu, 1500);
         }
         EXPECT_TRUE(found);
         // A handle that is no interface is refused everywhere.
@@ -329,7 +332,7 @@ TEST_F(LinuxDriver, SuperFramesOfAPeerWithOffloadsAreSplitAndDataArrivesIntact) 
         Bytes received;
         received.reserve(data.size());
         uint8_t buffer[65536];
-        for (ssize_t n; (n = recv(conn, buffer, sizeof(buffer), 0)) > 0;) received.insert(received.end(), buffer, buffer + n);
+        for (ssize_t n; (n = recv(conn, buffer, sizeof(buffer), 0)) > 0;) Append(received, buffer, static_cast<size_t>(n));
         sender.join();
         close(conn);
         EXPECT_EQ(received.size(), data.size());

@@ -3,6 +3,8 @@
 // namespace joined by a veth pair. The test process's own namespace is never changed:
 // code that must run inside a namespace runs on a thread that entered it with setns.
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <signal.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -11,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -100,12 +103,28 @@ public:
     static constexpr const char* kDaemonMac = "02:4e:44:00:00:01";
     static constexpr const char* kPeerMac = "02:4e:44:00:00:02";
 
+    // Namespaces left behind by test processes that died before cleaning up.
+    static void RemoveStale() {
+        DIR* dir = opendir("/run/netns");
+        if (dir == nullptr) return;
+        for (dirent* entry; (entry = readdir(dir)) != nullptr;) {
+            const std::string name = entry->d_name;
+            if (name.rfind("ndt", 0) != 0) continue;
+            const long pid = std::atol(name.c_str() + 3);
+            if (pid > 0 && pid != getpid() && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+                Shell("ip netns del " + name);
+            }
+        }
+        closedir(dir);
+    }
+
     // Why the tests cannot run here, or "" when they can.
     static std::string Unavailable() {
         if (geteuid() != 0) return "needs root (network namespaces, tcx programs, packet sockets)";
         const std::string probe = "ndprobe" + std::to_string(getpid());
         if (Shell("ip netns add " + probe) != 0) return "cannot create network namespaces (ip netns add failed)";
         Shell("ip netns del " + probe);
+        RemoveStale();
         return {};
     }
 
