@@ -60,7 +60,7 @@ TEST(NatPorts, PortsAreTakenFromTheFrontAndFreedToTheBack) {
     EXPECT_EQ(next, (std::vector<uint16_t>{5002, 5003, 5000}));
 
     // A second frame of a known flow takes no port.
-    Frame again = HostSyn(40000);
+    Frame again = HostSyn(40002);
     EXPECT_EQ(ThrownText([&] { rig.Out(again); }), "<nothing thrown>");
     EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 0u);
 }

@@ -32,6 +32,10 @@ Bytes B(const MacAddress& mac);
 Bytes B(const Ipv4Address& ip);
 
 struct TcpSpec {
+    TcpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
+            uint16_t srcPort, uint16_t dstPort, uint32_t seq, uint32_t ack, uint8_t flags, std::string payload = {})
+        : srcMac(srcMac), dstMac(dstMac), srcIp(srcIp), dstIp(dstIp), srcPort(srcPort), dstPort(dstPort), seq(seq),
+          ack(ack), flags(flags), payload(std::move(payload)) {}
     MacAddress srcMac{}, dstMac{};
     Ipv4Address srcIp{}, dstIp{};
     uint16_t srcPort = 0, dstPort = 0;
@@ -46,6 +50,10 @@ struct TcpSpec {
 Frame Tcp(const TcpSpec& spec);
 
 struct UdpSpec {
+    UdpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
+            uint16_t srcPort, uint16_t dstPort, std::string payload = {}, bool noChecksum = false)
+        : srcMac(srcMac), dstMac(dstMac), srcIp(srcIp), dstIp(dstIp), srcPort(srcPort), dstPort(dstPort),
+          payload(std::move(payload)), noChecksum(noChecksum) {}
     MacAddress srcMac{}, dstMac{};
     Ipv4Address srcIp{}, dstIp{};
     uint16_t srcPort = 0, dstPort = 0;
