@@ -156,6 +156,7 @@ struct LinuxFilterDriverApi::Adapter {
 
 bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQUEST& request) {
     NdisApi::INTERMEDIATE_BUFFER& out = *request.EthPacket;
+    bool errorSeen = false;
     for (;;) {
         if (s.splitting) {
             size_t length = s.splitter.Next(out.m_IBuffer, sizeof(out.m_IBuffer));
@@ -198,7 +199,13 @@ bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQ
         for (auto& message : s.messages) message.msg_hdr.msg_flags = 0;
         const int received = recvmmsg(s.socket.Get(), s.messages.data(), kBatch, MSG_DONTWAIT, nullptr);
         if (received < 0 && errno == EINTR) continue;
-        if (received <= 0) return false;  // empty, or the interface went down or away
+        if (received < 0 && errno != EAGAIN && errno != EWOULDBLOCK && !errorSeen) {
+            // A pending socket error (the interface went down or away) is reported before
+            // queued frames; it is cleared now, so read once more.
+            errorSeen = true;
+            continue;
+        }
+        if (received <= 0) return false;
         s.count = static_cast<unsigned>(received);
         s.next = 0;
     }
@@ -304,13 +311,10 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
     if (name.empty()) return false;
 
     // Segmentation offloads make 64 KiB frames; with them off the stack sends frames that fit.
-    adapter.savedOffloads = GetOffloads(name);
+    if (!DisableOffloads(name, adapter.savedOffloads)) {
+        Log("Linux filter driver: could not turn off offloads on " + name + ": " + ErrnoText(errno), 0);
+    }
     adapter.offloadName = name;
-    OffloadState off;
-    off.tso = adapter.savedOffloads.tso >= 0 ? 0 : -1;
-    off.gso = adapter.savedOffloads.gso >= 0 ? 0 : -1;
-    off.gro = adapter.savedOffloads.gro >= 0 ? 0 : -1;
-    if (!SetOffloads(name, off)) Log("Linux filter driver: could not turn off offloads on " + name, 0);
 
     std::unique_ptr<CaptureSource> fromWire = MakeCaptureSource(adapter.ifindex, true);
     std::unique_ptr<CaptureSource> fromStack = MakeCaptureSource(adapter.ifindex, false);
@@ -327,7 +331,8 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
     if (!egress.Valid()) {
         Log("Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code), 0);
         ingress.Reset();
-        SetOffloads(name, adapter.savedOffloads);
+        RestoreOffloads(name, adapter.savedOffloads);
+        adapter.offloadName.clear();
         return false;
     }
     for (const Bpf::Fd& event : adapter.events) {
@@ -369,7 +374,7 @@ void LinuxFilterDriverApi::CloseTunnel(Adapter& adapter) {
     }
     // Restore only on the interface we changed: the index may now belong to nothing.
     if (!adapter.offloadName.empty() && InterfaceName(adapter.ifindex) == adapter.offloadName) {
-        SetOffloads(adapter.offloadName, adapter.savedOffloads);
+        RestoreOffloads(adapter.offloadName, adapter.savedOffloads);
     }
     adapter.offloadName.clear();
     adapter.tunnel = false;

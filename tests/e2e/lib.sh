@@ -30,7 +30,7 @@ require_namespaces() {
 
 cleanup() {
   local status=$?
-  for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && kill -9 "$pid" 2>/dev/null || true; done
+  for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && { kill -9 "$pid"; wait "$pid"; } 2>/dev/null || true; done
   for ns in "${_namespaces[@]:-}"; do
     [ -n "$ns" ] || continue
     ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
