@@ -80,3 +80,38 @@ TEST(Scenario, StepsEncodeTheRequestsTheyName) {
     EXPECT_EQ(nat.DNatTableEntryTimeout, 30000u);
     EXPECT_EQ(scenario.steps[2].kind, ndpeer::Step::Kind::Sleep);
 }
+
+TEST(Scenario, AbsentAdaptersAndWaitFileSteps) {
+    const json document = {
+        {"steps",
+         {{{"send", "StartNAT"},
+           {"mappings",
+            {{{"external", "lo"},
+              {"internal", {{"interface", "nope0"}, {"absent", true}, {"mac", "02:00:00:00:00:07"}, {"ip", "10.5.0.1/20"}}}}}}},
+          {{"waitFile", "/tmp/go"}, {"within", 2.5}},
+          {{"waitFile", "/tmp/go2"}}}}};
+    const auto scenario = ndpeer::ParseScenario(document, "inline");
+    ASSERT_EQ(scenario.steps.size(), 3u);
+    const auto nat = NativeNetworkDriver::DecodeStartNATRequest(scenario.steps[0].payload);
+    ASSERT_EQ(nat.mappings.size(), 1u);
+    const auto& absent = nat.mappings[0].internal;
+    EXPECT_EQ(absent.ID, "{65706F6E-0030-0000-0000-000000000000}");
+    EXPECT_EQ(absent.name, "nope0");
+    EXPECT_EQ(absent.MAC, (NativeNetworkDriver::Bytes{2, 0, 0, 0, 0, 7}));
+    ASSERT_EQ(absent.IPs.size(), 1u);
+    EXPECT_EQ(absent.IPs[0].address, (NativeNetworkDriver::Bytes{10, 5, 0, 1}));
+    EXPECT_EQ(absent.IPs[0].mask, (NativeNetworkDriver::Bytes{255, 255, 240, 0}));
+    EXPECT_TRUE(absent.GWIP.empty());
+    EXPECT_EQ(scenario.steps[1].kind, ndpeer::Step::Kind::WaitFile);
+    EXPECT_EQ(scenario.steps[1].path, "/tmp/go");
+    EXPECT_EQ(scenario.steps[1].seconds, 2.5);
+    EXPECT_EQ(scenario.steps[2].seconds, 60.0);
+
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartNAT", "mappings": [{"external": "lo",
+        "internal": {"interface": "nope0", "absent": true, "ip": "10.5.0.1/33"}}]}]})"),
+              "steps[0].mappings[0].internal.ip: expected a prefix length from 0 to 32: \"10.5.0.1/33\"");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartNAT", "mappings": [{"external": "lo",
+        "internal": {"interface": "nope0", "ip": "10.5.0.1"}}]}]})"),
+              "steps[0].mappings[0].internal: no network interface named \"nope0\"");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"waitFile": ""}]})"), "steps[0].waitFile: expected a file path");
+}

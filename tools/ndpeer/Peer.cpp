@@ -184,6 +184,19 @@ bool Peer::RunStep(const Step& step, size_t index) {
             }
             return true;
         }
+        case Step::Kind::WaitFile: {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(step.seconds);
+            while (::access(step.path.c_str(), F_OK) != 0) {
+                if (interrupted || std::chrono::steady_clock::now() >= deadline) {
+                    std::cerr << "step " << index << ": " << step.path << " did not appear within " << step.seconds
+                              << " s" << std::endl;
+                    return false;
+                }
+                usleep(20000);
+            }
+            std::cout << "-- " << step.path << " appeared" << std::endl;
+            return true;
+        }
         case Step::Kind::Send: break;
     }
     {

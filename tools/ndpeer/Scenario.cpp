@@ -108,23 +108,52 @@ private:
     std::string where_;
 };
 
+// "a.b.c.d/len": an address with its mask.
+nd::IpEntry ParseIpWithPrefix(const std::string& text) {
+    const size_t slash = text.find('/');
+    if (slash == std::string::npos) throw std::invalid_argument("expected address/prefix-length: \"" + text + "\"");
+    nd::IpEntry entry{ParseIp(text.substr(0, slash)), nd::Bytes(4, 0)};
+    const std::string digits = text.substr(slash + 1);
+    const bool number = !digits.empty() && digits.size() <= 2 && digits.find_first_not_of("0123456789") == std::string::npos;
+    const unsigned length = number ? static_cast<unsigned>(std::stoul(digits)) : 99;
+    if (length > 32) throw std::invalid_argument("expected a prefix length from 0 to 32: \"" + text + "\"");
+    for (unsigned bit = 0; bit < length; ++bit) entry.mask[bit / 8] |= static_cast<uint8_t>(0x80 >> (bit % 8));
+    return entry;
+}
+
 // An adapter is an interface name, or an object naming the interface with overrides.
+// "absent": true describes an interface that need not exist here (its GUID from the name,
+// addresses only from the overrides), for requests that name a missing adapter.
 nd::AdapterInfo ReadAdapterField(const json& value, const std::string& origin, const std::string& where) {
     std::string name;
+    bool absent = false;
     if (value.is_string()) {
         name = value.get<std::string>();
     } else {
         Fields f(value, origin, where);
         name = f.String("interface");
+        absent = f.Bool("absent", false);
     }
     nd::AdapterInfo info;
     try {
-        info = ReadAdapter(name);
+        if (absent) {
+            info.ID = nd::FormatGuid(InterfaceGuid(name));
+            info.name = name;
+        } else {
+            info = ReadAdapter(name);
+        }
     } catch (const std::exception& e) {
         throw ScenarioError(origin + ": " + where + ": " + e.what());
     }
     if (value.is_object()) {
         Fields f(value, origin, where);
+        if (f.Has("ip")) {
+            try {
+                info.IPs = {ParseIpWithPrefix(f.String("ip"))};
+            } catch (const std::invalid_argument& e) {
+                f.Fail(f.Path("ip"), e.what());
+            }
+        }
         if (f.Has("gatewayIp")) info.GWIP = f.Ip("gatewayIp");
         if (f.Has("gatewayMac")) info.GWMAC = f.Mac("gatewayMac");
         if (f.Has("mac")) info.MAC = f.Mac("mac");
@@ -211,6 +240,14 @@ Step ParseStep(const json& value, const std::string& origin, const std::string& 
     }
     if (f.Has("closePipe")) {
         step.kind = Step::Kind::ClosePipe;
+        return step;
+    }
+    if (f.Has("waitFile")) {
+        // Lets a test script choose when the following steps run: it creates the file.
+        step.kind = Step::Kind::WaitFile;
+        step.path = f.String("waitFile");
+        if (step.path.empty()) f.Fail(f.Path("waitFile"), "expected a file path");
+        step.seconds = f.Has("within") ? f.Seconds("within") : 60.0;
         return step;
     }
     if (f.Has("expectExit")) {

@@ -18,13 +18,14 @@ struct Expectation {
 };
 
 struct Step {
-    enum class Kind { Send, Sleep, ClosePipe, ExpectExit } kind = Kind::Send;
+    enum class Kind { Send, Sleep, ClosePipe, ExpectExit, WaitFile } kind = Kind::Send;
     std::string name;  // request name, for printing
     uint32_t type = 0;
     std::vector<uint8_t> payload;
     std::optional<std::vector<uint8_t>> rawBytes;  // sent as they are, no framing
     std::optional<Expectation> expect;
-    double seconds = 0;                   // Sleep; ExpectExit: how long to wait
+    double seconds = 0;                   // Sleep; ExpectExit, WaitFile: how long to wait
+    std::string path;                     // WaitFile
     int exitCode = 0;                     // ExpectExit
 };
 
