@@ -39,7 +39,7 @@ cleanup() {
   if [ "$status" -ne 0 ] && [ "$status" -ne 77 ] && [ -f "$LOG" ]; then
     echo "--- daemon log"; tail -n 40 "$LOG"
   fi
-  rm -rf "$WORK"
+  [ -n "${KEEP_WORK:-}" ] && echo "work folder kept: $WORK" || rm -rf "$WORK"
   exit "$status"
 }
 trap cleanup EXIT
@@ -86,6 +86,15 @@ kill_daemon() {
     [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && kill -9 "$pid"
   done
   return 0
+}
+
+# daemon_running NS: true while a daemon runs in that namespace.
+daemon_running() {
+  local pid
+  for pid in $(ip netns pids "$1$TAG"); do
+    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && return 0
+  done
+  return 1
 }
 
 # The translation topology. IP forwarding stays off in the daemon's namespace, so nothing
