@@ -79,13 +79,23 @@ check() {
 
 log_has() { grep -qF -- "$1" "$LOG"; }
 
-# kill_daemon NS: SIGKILL for the daemon running in that namespace.
+# kill_daemon NS: SIGKILL for the daemon running in that namespace, and waits until it has
+# really ended. Its executable link goes first and its main thread turns zombie while the
+# other threads still hold the descriptors (and with them the adapter hooks); they are all
+# closed once the process is gone or is a zombie without other threads.
 kill_daemon() {
-  local pid
+  local pid killed=()
   for pid in $(ip netns pids "$1$TAG"); do
-    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && kill -9 "$pid"
+    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && kill -9 "$pid" && killed+=("$pid")
+  done
+  for pid in "${killed[@]:-}"; do
+    [ -n "$pid" ] && wait_for 10 _ended "$pid"
   done
   return 0
+}
+_ended() {
+  [ ! -e "/proc/$1/stat" ] ||
+    { [ "$(cut -d' ' -f3 "/proc/$1/stat" 2>/dev/null)" = Z ] && [ "$(ls "/proc/$1/task" 2>/dev/null)" = "$1" ]; }
 }
 
 # daemon_running NS: true while a daemon runs in that namespace.
