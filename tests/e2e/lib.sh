@@ -107,6 +107,12 @@ daemon_running() {
   return 1
 }
 
+# reaches NS ADDRESS...: one ping from the namespace is answered by each address.
+reaches() {
+  local ns=$1 address; shift
+  for address; do in_ns "$ns" ping -q -c 1 -W 2 "$address" > /dev/null || return 1; done
+}
+
 # The translation topology. IP forwarding stays off in the daemon's namespace, so nothing
 # crosses between its adapters unless the daemon translates it.
 #   in:  in0 10.1.0.2/24, default via 10.1.0.1        (internal host)

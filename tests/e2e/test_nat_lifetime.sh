@@ -49,7 +49,7 @@ while got < len(texts) and time.time() < deadline:
     except socket.timeout: break' "$@"
 }
 
-in_ns ext tcpdump -i ext0 -n -e -l --immediate-mode 'arp or (udp and port 5353)' > "$WORK/wire.txt" 2> "$WORK/tcpdump.err" &
+ip netns exec "ext$TAG" tcpdump -i ext0 -n -e -l --immediate-mode 'arp or (udp and port 5353)' > "$WORK/wire.txt" 2> "$WORK/tcpdump.err" &
 _pids+=($!)
 wait_for 10 grep -q "listening on" "$WORK/tcpdump.err"
 
