@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "NetworkDriver/Messages.h"
+#include "Scenario.h"
+#include "support/TestFiles.h"
+
+using nlohmann::json;
+
+namespace {
+
+std::string RefusalOf(const std::string& text) {
+    ndtest::TempDir dir;
+    const std::string path = dir.Path() + "/scenario.json";
+    std::ofstream(path) << text;
+    try {
+        ndpeer::LoadScenario(path);
+    } catch (const ndpeer::ScenarioError& e) {
+        const std::string message = e.what();
+        EXPECT_EQ(message.rfind(path + ": ", 0), 0u) << message;  // names the file
+        return message.substr(path.size() + 2);
+    }
+    return "accepted";
+}
+
+}  // namespace
+
+TEST(Scenario, MalformedFilesAreRefusedNamingFieldAndReason) {
+    EXPECT_EQ(RefusalOf("{\"steps\": [}").rfind("not valid JSON", 0), 0u);
+    EXPECT_EQ(RefusalOf("{}"), "steps: missing");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "Launch"}]})").rfind("steps[0].send: unknown request \"Launch\"", 0), 0u);
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartVPN", "SupervisorMACAddress": "02:00:00"}]})"),
+              "steps[0].SupervisorMACAddress: not a MAC address (expected aa:bb:cc:dd:ee:ff): \"02:00:00\"");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartNAT", "tcpPortPoolSize": -4}]})"),
+              "steps[0].tcpPortPoolSize: expected a whole number from 0 to 4294967295");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartNAT", "rules": [{"fromAdapter": "lo", "fromPort": 70000}]}]})"),
+              "steps[0].rules[0].fromPort: expected a whole number from 0 to 65535");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartICS", "sharedAdapter": "no-such-if0"}]})"),
+              "steps[0].sharedAdapter: no network interface named \"no-such-if0\"");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "Frame", "hex": "0g"}]})"), "steps[0].hex: not hexadecimal: \"0g\"");
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"sleep": "long"}]})"), "steps[0].sleep: expected a number of seconds");
+}
+
+TEST(Scenario, StepsEncodeTheRequestsTheyName) {
+    const json document = {{"steps",
+                            {{{"send", "StartVPN"},
+                              {"SupervisorMACAddress", "02:00:00:00:00:05"},
+                              {"VpnPromiscuousMode", true},
+                              {"adapters", {"lo"}},
+                              {"expect", {{"result", 1}}}},
+                             {{"send", "StartNAT"},
+                              {"rules",
+                               {{{"fromAdapter", "lo"},
+                                 {"fromPort", 8080},
+                                 {"protocol", "UDP"},
+                                 {"toAdapter", {{"interface", "lo"}, {"gatewayIp", "127.0.0.9"}}},
+                                 {"toIp", "127.0.0.2"},
+                                 {"toPort", 80},
+                                 {"fromIpRanges", {{{"low", "127.0.0.1"}, {"high", "127.0.0.5"}}}}}}},
+                              {"timeout", 30000}},
+                             {{"sleep", 0.5}}}}};
+    const auto scenario = ndpeer::ParseScenario(document, "inline");
+    ASSERT_EQ(scenario.steps.size(), 3u);
+    const auto vpn = NativeNetworkDriver::DecodeStartVPNRequest(scenario.steps[0].payload);
+    EXPECT_EQ(scenario.steps[0].type, 3u);
+    EXPECT_EQ(vpn.SupervisorMACAddress, (NativeNetworkDriver::Bytes{2, 0, 0, 0, 0, 5}));
+    EXPECT_TRUE(vpn.VpnPromiscuousMode);
+    ASSERT_EQ(vpn.guids.size(), 1u);
+    EXPECT_EQ(NativeNetworkDriver::FormatGuid(vpn.guids[0]), "{00006F6C-0000-0000-0000-000000000000}");
+    EXPECT_EQ(scenario.steps[0].expect->result, 1u);
+
+    const auto nat = NativeNetworkDriver::DecodeStartNATRequest(scenario.steps[1].payload);
+    ASSERT_EQ(nat.rules.size(), 1u);
+    EXPECT_EQ(nat.rules[0].protocol, 17u);
+    EXPECT_EQ(nat.rules[0].fromAdapter.name, "lo");
+    EXPECT_EQ(nat.rules[0].fromAdapter.MAC.size(), 6u);  // read from the system
+    EXPECT_EQ(nat.rules[0].toAdapter.GWIP, (NativeNetworkDriver::Bytes{127, 0, 0, 9}));
+    EXPECT_EQ(nat.rules[0].fromIPs[0].high, (NativeNetworkDriver::Bytes{127, 0, 0, 5}));
+    EXPECT_EQ(nat.DNatTableEntryTimeout, 30000u);
+    EXPECT_EQ(scenario.steps[2].kind, ndpeer::Step::Kind::Sleep);
+}
