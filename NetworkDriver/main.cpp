@@ -1,4 +1,5 @@
 // Process entry: high priority, the log, then one NetworkDriver for the life of the pipes.
+#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -46,6 +47,11 @@ void InitializeLogging() {
 }
 
 int Run() {
+#ifdef _WIN32
+    // No window and nobody to click: the C runtime's abort message must not become a
+    // message box that holds the process, so it goes to standard error.
+    _set_error_mode(_OUT_TO_STDERR);
+#endif
     std::set_terminate(LogFatalAndAbort);
     Platform::RaiseProcessPriority();
     InitializeLogging();
