@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "ChildProcess.h"
 #include "PeerChannel.h"
 #include "Scenario.h"
 #include "TapDevice.h"
@@ -40,7 +41,6 @@ private:
     bool RunStep(const Step& step, size_t index);
     bool CheckAnswer(const Step& step, size_t index);
     std::optional<Message> NextAnswer(double seconds);
-    bool WaitDaemonExit(double seconds, int& status);
     void ReceiveLoop();
     void TapLoop();
     void Hold();
@@ -57,8 +57,7 @@ private:
     std::atomic<bool> stop_{false};
     std::thread receiver_;
     std::thread tapReader_;
-    int daemonPid_ = -1;
-    bool daemonReaped_ = false;
+    ChildProcess daemon_;
 };
 
 std::string DescribeMessage(const Message& message);

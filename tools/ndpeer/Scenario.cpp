@@ -196,6 +196,7 @@ Expectation ReadExpectation(const Fields& step) {
     if (f.Has("type")) e.type = f.Number("type", std::nullopt);
     if (f.Has("result")) e.result = f.Number("result", std::nullopt);
     if (f.Has("payloadHex")) e.payload = f.Hex("payloadHex");
+    if (f.Has("messageHex")) e.message = f.Hex("messageHex");
     return e;
 }
 
@@ -291,6 +292,16 @@ Step ParseStep(const json& value, const std::string& origin, const std::string& 
                                    "\" (InitializeConfiguration, StartVPN, AddSupervisorMACToVPN, "
                                    "RemoveSupervisorMACFromVPN, StopVPN, StartICS, StopICS, StartNAT, StopNAT, "
                                    "Frame, Message, Raw)");
+    }
+    // Length changes for the stream tests: zero bytes appended, or the tail cut off. The
+    // header announces the changed length.
+    if (f.Has("padTo")) {
+        const uint32_t size = f.Number("padTo", std::nullopt, 64u << 20);
+        if (size > step.payload.size()) step.payload.resize(size, 0);
+    }
+    if (f.Has("truncateBy")) {
+        const uint32_t cut = f.Number("truncateBy", std::nullopt, step.payload.size());
+        step.payload.resize(step.payload.size() - cut);
     }
     return step;
 }

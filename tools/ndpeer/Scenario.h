@@ -14,6 +14,7 @@ struct Expectation {
     std::optional<uint32_t> type;
     std::optional<uint32_t> result;        // a result answer's value
     std::optional<std::vector<uint8_t>> payload;  // exact payload bytes
+    std::optional<std::vector<uint8_t>> message;  // exact bytes of the whole answer, header included
     bool none = false;                     // no answer at all may come
 };
 
