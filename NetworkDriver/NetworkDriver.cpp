@@ -122,8 +122,8 @@ void NetworkDriver::OnStartICS(const Bytes& payload) {
         Log("ICS object already exists, deleting it before re-creating", 0);
         ics.reset();
     }
-    if (!arpCache) arpCache = CreateArpCache(publisher.get());
-    ics = CreateIcsSession(publisher.get(), arpCache.get(), request);
+    if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
+    ics = std::make_unique<ICS>(publisher.get(), arpCache.get(), request);
     SendResult(kStartICS, ics ? ics->Status() : 0);
 }
 
@@ -134,8 +134,8 @@ void NetworkDriver::OnStartNAT(const Bytes& payload) {
         Log("NAT object already exists, deleting it before re-creating", 0);
         nat.reset();
     }
-    if (!arpCache) arpCache = CreateArpCache(publisher.get());
-    nat = CreateNatSession(publisher.get(), arpCache.get(), request);
+    if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
+    nat = std::make_unique<NAT>(publisher.get(), arpCache.get(), request);
     SendResult(kStartNAT, nat ? nat->Status() : 0);
 }
 

@@ -5,7 +5,9 @@
 #include "NetworkDriver/Messages.h"
 #include "NetworkDriver/PipeChannel.h"
 #include "FilterDriver/FilterDriversPublisher.h"
-#include "Sessions/TranslationSession.h"
+#include "Packet/ArpCache.h"
+#include "Sessions/ICS.h"
+#include "Sessions/NAT.h"
 #include "VPN/IVPNDataRead.h"
 #include "VPN/VPN.h"
 
@@ -42,10 +44,10 @@ private:
 
     std::unique_ptr<PipeChannel> pipe;
     std::unique_ptr<FilterDriversPublisher> publisher;
-    std::unique_ptr<ISharedArpCache> arpCache;
+    std::unique_ptr<ArpCache> arpCache;
     std::unique_ptr<VPN> vpn;
-    std::unique_ptr<ITranslationSession> nat;
-    std::unique_ptr<ITranslationSession> ics;
+    std::unique_ptr<NAT> nat;
+    std::unique_ptr<ICS> ics;
 };
 
 }  // namespace NativeNetworkDriver

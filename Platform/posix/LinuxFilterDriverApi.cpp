@@ -39,6 +39,8 @@ constexpr size_t kMinEtherFrame = 60;
 // recvmmsg batch: frames per call and room per frame (a GSO super-frame is up to 64 KiB).
 constexpr unsigned kBatch = 8;
 constexpr size_t kSlotSize = kVnetHeaderSize + 65536 + 256;
+// Frames handed out before a socket found empty is asked again.
+constexpr unsigned kRecheckInterval = 2 * kBatch;
 
 constexpr int kCaptureBufferBytes = 8 * 1024 * 1024;
 constexpr int kSendBufferBytes = 4 * 1024 * 1024;
@@ -148,6 +150,8 @@ struct LinuxFilterDriverApi::Adapter {
     std::mutex readMutex;
     std::unique_ptr<CaptureSource> sources[2];  // 0: from the wire, 1: from the stack
     unsigned nextSource = 0;
+    bool empty[2] = {false, false};  // found empty during the current drain
+    unsigned framesSinceRecheck = 0;
     Counters counters;
 
     bool TakeFrame(CaptureSource& source, NdisApi::ETH_REQUEST& request);
@@ -156,6 +160,7 @@ struct LinuxFilterDriverApi::Adapter {
 
 bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQUEST& request) {
     NdisApi::INTERMEDIATE_BUFFER& out = *request.EthPacket;
+    bool errorSeen = false;
     for (;;) {
         if (s.splitting) {
             size_t length = s.splitter.Next(out.m_IBuffer, sizeof(out.m_IBuffer));
@@ -198,7 +203,13 @@ bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQ
         for (auto& message : s.messages) message.msg_hdr.msg_flags = 0;
         const int received = recvmmsg(s.socket.Get(), s.messages.data(), kBatch, MSG_DONTWAIT, nullptr);
         if (received < 0 && errno == EINTR) continue;
-        if (received <= 0) return false;  // empty, or the interface went down or away
+        if (received < 0 && errno != EAGAIN && errno != EWOULDBLOCK && !errorSeen) {
+            // A pending socket error (the interface went down or away) is reported before
+            // queued frames; it is cleared now, so read once more.
+            errorSeen = true;
+            continue;
+        }
+        if (received <= 0) return false;
         s.count = static_cast<unsigned>(received);
         s.next = 0;
     }
@@ -304,13 +315,10 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
     if (name.empty()) return false;
 
     // Segmentation offloads make 64 KiB frames; with them off the stack sends frames that fit.
-    adapter.savedOffloads = GetOffloads(name);
+    if (!DisableOffloads(name, adapter.savedOffloads)) {
+        Log("Linux filter driver: could not turn off offloads on " + name + ": " + ErrnoText(errno), 0);
+    }
     adapter.offloadName = name;
-    OffloadState off;
-    off.tso = adapter.savedOffloads.tso >= 0 ? 0 : -1;
-    off.gso = adapter.savedOffloads.gso >= 0 ? 0 : -1;
-    off.gro = adapter.savedOffloads.gro >= 0 ? 0 : -1;
-    if (!SetOffloads(name, off)) Log("Linux filter driver: could not turn off offloads on " + name, 0);
 
     std::unique_ptr<CaptureSource> fromWire = MakeCaptureSource(adapter.ifindex, true);
     std::unique_ptr<CaptureSource> fromStack = MakeCaptureSource(adapter.ifindex, false);
@@ -327,7 +335,8 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
     if (!egress.Valid()) {
         Log("Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code), 0);
         ingress.Reset();
-        SetOffloads(name, adapter.savedOffloads);
+        RestoreOffloads(name, adapter.savedOffloads);
+        adapter.offloadName.clear();
         return false;
     }
     for (const Bpf::Fd& event : adapter.events) {
@@ -343,6 +352,7 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
         adapter.sources[0] = std::move(fromWire);
         adapter.sources[1] = std::move(fromStack);
         adapter.nextSource = 0;
+        adapter.empty[0] = adapter.empty[1] = false;
     }
     adapter.ingressLink = std::move(ingress);
     adapter.egressLink = std::move(egress);
@@ -369,7 +379,7 @@ void LinuxFilterDriverApi::CloseTunnel(Adapter& adapter) {
     }
     // Restore only on the interface we changed: the index may now belong to nothing.
     if (!adapter.offloadName.empty() && InterfaceName(adapter.ifindex) == adapter.offloadName) {
-        SetOffloads(adapter.offloadName, adapter.savedOffloads);
+        RestoreOffloads(adapter.offloadName, adapter.savedOffloads);
     }
     adapter.offloadName.clear();
     adapter.tunnel = false;
@@ -433,14 +443,25 @@ bool LinuxFilterDriverApi::ReadPacket(NdisApi::ETH_REQUEST* request) {
     if (!adapter) return false;
     std::lock_guard<std::mutex> read(adapter->readMutex);
     if (!adapter->sources[0] || !adapter->sources[1]) return false;
-    // Alternate between the sockets so neither direction starves the other.
+    // Alternate between the sockets so neither direction starves the other. A socket found
+    // empty is skipped for a while rather than asked again for every frame of the other.
+    if (++adapter->framesSinceRecheck >= kRecheckInterval) {
+        adapter->framesSinceRecheck = 0;
+        adapter->empty[0] = adapter->empty[1] = false;
+    }
     for (unsigned i = 0; i < 2; ++i) {
         const unsigned index = (adapter->nextSource + i) % 2;
+        if (adapter->empty[index]) continue;
         if (adapter->TakeFrame(*adapter->sources[index], *request)) {
             adapter->nextSource = (index + 1) % 2;
             return true;
         }
+        adapter->empty[index] = true;
     }
+    // Both empty: the next drain starts afresh (the event is level-triggered, so a frame
+    // that came in on a skipped socket wakes the reader again at once).
+    adapter->empty[0] = adapter->empty[1] = false;
+    adapter->framesSinceRecheck = 0;
     return false;
 }
 

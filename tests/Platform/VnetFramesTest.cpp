@@ -116,7 +116,7 @@ void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, si
         EXPECT_EQ((flags & 0x09) != 0, last && (spec.flags & 0x09) != 0);     // FIN, PSH only at the end
         EXPECT_EQ((flags & 0x80) != 0, i == 0 && (spec.flags & 0x80) != 0);  // CWR only at the start
         EXPECT_EQ(flags & 0x10, 0x10);
-        joined.insert(joined.end(), s.begin() + static_cast<long>(header), s.end());
+        Append(joined, s.data() + header, s.size() - header);
     }
     EXPECT_EQ(joined, payload);
 }
@@ -183,7 +183,7 @@ TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
             if (!ipv6) {
                 EXPECT_TRUE(Ipv4HeaderChecksumValid(s.data(), s.size()));
             }
-            joined.insert(joined.end(), s.begin() + static_cast<long>(l4 + 8), s.end());
+            Append(joined, s.data() + l4 + 8, s.size() - l4 - 8);
         }
         EXPECT_EQ(joined, payload);
 

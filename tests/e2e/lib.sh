@@ -30,7 +30,7 @@ require_namespaces() {
 
 cleanup() {
   local status=$?
-  for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && kill -9 "$pid" 2>/dev/null || true; done
+  for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && { kill -9 "$pid"; wait "$pid"; } 2>/dev/null || true; done
   for ns in "${_namespaces[@]:-}"; do
     [ -n "$ns" ] || continue
     ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
@@ -86,4 +86,79 @@ kill_daemon() {
     [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && kill -9 "$pid"
   done
   return 0
+}
+
+# The translation topology. IP forwarding stays off in the daemon's namespace, so nothing
+# crosses between its adapters unless the daemon translates it.
+#   in:  in0 10.1.0.2/24, default via 10.1.0.1        (internal host)
+#   nd:  nd-int 10.1.0.1/24 | nd-ext 198.51.100.1/24, default via 198.51.100.2   (daemon)
+#   ext: ext0 198.51.100.2/24, and 203.0.113.10/32 on lo (a host behind the gateway)
+nat_topology() {
+  ns in; ns nd; ns ext
+  veth in0 in nd-int nd
+  veth nd-ext nd ext0 ext
+  in_ns in ip addr add 10.1.0.2/24 dev in0
+  in_ns in ip route add default via 10.1.0.1
+  in_ns nd ip addr add 10.1.0.1/24 dev nd-int
+  in_ns nd ip addr add 198.51.100.1/24 dev nd-ext
+  in_ns nd ip route add default via 198.51.100.2
+  in_ns nd sysctl -qw net.ipv4.ip_forward=0
+  in_ns ext ip addr add 198.51.100.2/24 dev ext0
+  in_ns ext ip addr add 203.0.113.10/32 dev lo
+  in_ns ext sysctl -qw net.ipv4.conf.all.rp_filter=0
+  # The peer reads the gateway's MAC from the daemon host's neighbour table.
+  in_ns nd ping -q -c 1 -W 2 198.51.100.2 > /dev/null
+}
+
+# start_daemon SCENARIO: ndpeer in the daemon's namespace starts the daemon and keeps serving.
+start_daemon() {
+  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$1" --hold -1 > "$WORK/peer.log" 2>&1
+}
+
+# serve_http NS ADDRESS PORT DIR: a web server that logs each request's client and Host.
+serve_http() {
+  local ns=$1 address=$2 port=$3 dir=$4
+  cat > "$WORK/http_server.py" <<'PY'
+import http.server, sys
+class Handler(http.server.SimpleHTTPRequestHandler):
+    def log_message(self, fmt, *args):
+        sys.stderr.write("client=%s host=%s path=%s\n" % (self.client_address[0], self.headers.get("Host"), self.path))
+        sys.stderr.flush()
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+    def server_bind(self):  # no reverse lookup of the address: there is no DNS here
+        import socketserver
+        socketserver.TCPServer.server_bind(self)
+        self.server_name, self.server_port = self.server_address[:2]
+Server((sys.argv[1], int(sys.argv[2])), Handler).serve_forever()
+PY
+  (cd "$dir" && exec ip netns exec "$ns$TAG" python3 "$WORK/http_server.py" "$address" "$port") 2>> "$WORK/http_$ns.log" &
+  _pids+=($!)
+  wait_for 10 in_ns "$ns" bash -c "echo > /dev/tcp/$address/$port" ||
+    { echo "web server in $ns did not start:"; cat "$WORK/http_$ns.log"; return 1; }
+}
+
+# udp_echo NS ADDRESS PORT: answers every datagram with "echo:" + its text, logging the sender.
+udp_echo() {
+  cat > "$WORK/udp_echo.py" <<'PY'
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind((sys.argv[1], int(sys.argv[2])))
+while True:
+    data, peer = s.recvfrom(2048)
+    sys.stderr.write("client=%s:%d\n" % peer); sys.stderr.flush()
+    s.sendto(b"echo:" + data, peer)
+PY
+  bg ip netns exec "$1$TAG" python3 "$WORK/udp_echo.py" "$2" "$3" 2>> "$WORK/udp_$1.log"
+  sleep 0.3
+}
+
+# udp_ask NS ADDRESS PORT TEXT: one request, prints the answer (empty on time-out).
+udp_ask() {
+  ip netns exec "$1$TAG" python3 -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.settimeout(3)
+s.sendto(sys.argv[3].encode(), (sys.argv[1], int(sys.argv[2])))
+try: print(s.recvfrom(2048)[0].decode())
+except socket.timeout: print("")' "$2" "$3" "$4"
 }

@@ -31,13 +31,12 @@ check "broadcast ARP crossed: the remote learnt the LAN host's MAC" \
   bash -c "ip netns exec remote$TAG ip neigh show 10.9.0.2 | grep -q lladdr"
 
 # A TCP transfer across the tunnel, checked by hash.
-head -c 3000000 /dev/urandom > "$WORK/blob"
-(cd "$WORK" && exec ip netns exec "lan$TAG" python3 -m http.server 8080 --bind 10.9.0.2) > /dev/null 2>&1 &
-_pids+=($!)
-wait_for 10 in_ns lan bash -c "echo > /dev/tcp/10.9.0.2/8080"
+mkdir -p "$WORK/www"
+head -c 3000000 /dev/urandom > "$WORK/www/blob"
+serve_http lan 10.9.0.2 8080 "$WORK/www"
 in_ns remote curl -sS --max-time 30 -o "$WORK/fetched" http://10.9.0.2:8080/blob
 check "a 3 MB download across the tunnel arrives intact" \
-  test "$(sha256sum < "$WORK/blob")" = "$(sha256sum < "$WORK/fetched")"
+  test "$(sha256sum < "$WORK/www/blob")" = "$(sha256sum < "$WORK/fetched")"
 
 # A frame for the daemon host's own MAC goes up its stack only, never out to the LAN.
 in_ns lan tcpdump -i lan0 -n -c 1 icmp and dst host 10.9.0.1 > "$WORK/leak.txt" 2>/dev/null &
