@@ -1,6 +1,7 @@
 #pragma once
 // Configuration records held by the translator and the keys of its tables.
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -113,5 +114,7 @@ bool ToIp(const Bytes& bytes, Ipv4Address& out);
 // True when `ip` lies in the subnet of `entry` (address and mask of 4 bytes each).
 bool InSubnet(const IpEntry& entry, const Ipv4Address& ip);
 uint32_t IpToNumber(const Ipv4Address& ip);
+// The fragments of one datagram as the ARP table holds them.
+std::set<Frame> FragmentSet(const FragmentList& fragments);
 
 }  // namespace Nat

@@ -299,6 +299,7 @@ Scenario ParseScenario(const json& document, const std::string& origin) {
     Fields top(document, origin, "");
     Scenario scenario;
     scenario.tap = top.String("tap", std::string());
+    (void)top.String("comment", std::string());  // free text for people
     if (!top.Has("steps")) top.Fail("steps", "missing");
     scenario.steps = top.List<Step>("steps", [&](const json& v, const std::string& at) { return ParseStep(v, origin, at); });
     return scenario;
