@@ -632,7 +632,9 @@ PayloadChange NetworkAddressTranslator::RewritePassiveReply(Frame& frame, const 
     temporary.toAdapter = route->toAdapter;
     temporary.toIp = ToBytes(serverIp);
     temporary.toPort = reply->port;
-    temporary.translateSource = route->translateSource;
+    // The server accepts a data connection only from its control connection's peer, so it
+    // is translated as that connection is, whichever rule to the same server came first.
+    temporary.translateSource = entry.internal.destinationIp != entry.external.remoteIp;
     temporary.temporary = true;
     temporary.refreshedTick = clock_();
     temporary.linkedKeys.push_back(entry.external);
