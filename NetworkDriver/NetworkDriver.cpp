@@ -20,13 +20,13 @@ std::string NetworkDriver::GetVersionString() {
     return std::to_string(v.major) + "." + std::to_string(v.minor) + "." + std::to_string(v.revision);
 }
 
-NetworkDriver::NetworkDriver(std::unique_ptr<ISessionFactory> factory) {
+NetworkDriver::NetworkDriver() {
     const std::string startLine = "Network Driver " + GetVersionString() + " started.";
     Log(kHyphens, 1);
     Log(startLine, 1);
     Log(kHyphens, 1);
 
-    publisher = std::move(factory);
+    publisher = std::make_unique<FilterDriversPublisher>();
     Log("FilterDriversPublisher created.", 0);
 
     pipe = std::make_unique<PipeChannel>();
@@ -44,7 +44,7 @@ NetworkDriver::~NetworkDriver() {
     pipe.reset();
 }
 
-void NetworkDriver::OnVPNDataRead(const Bytes& frame) {
+void NetworkDriver::OnVPNDataRead(const Nat::Frame& frame) {
     if (pipe) pipe->Send(kVpnFrame, frame);
 }
 
@@ -73,8 +73,8 @@ void NetworkDriver::OnPipeDataRead(const PipeMessage& message) {
 void NetworkDriver::OnInitializeConfiguration(const Bytes& payload) {
     const auto request = DecodeInitializeConfigurationRequest(payload);
     Log(ToLogLine(request), 1);
-    const bool configured = publisher && publisher->SetHandleVirtualMachine(request.HandleVirtualMachine);
-    SendResult(kInitializeConfiguration, configured ? 1 : 0);
+    if (publisher) publisher->SetHandleVirtualMachine(request.HandleVirtualMachine);
+    SendResult(kInitializeConfiguration, publisher ? 1 : 0);
 }
 
 void NetworkDriver::OnStartVPN(const Bytes& payload) {
@@ -84,18 +84,21 @@ void NetworkDriver::OnStartVPN(const Bytes& payload) {
         Log("VPN object already exists, deleting it before re-creating", 0);
         vpn.reset();
     }
-    vpn = publisher->CreateVpn(request);
-    if (vpn->Status() == 1) {
-        vpn->AddSupervisorMAC(request.SupervisorMACAddress, request.VpnPromiscuousMode);
-        vpn->SetReader([this](const Bytes& frame) { OnVPNDataRead(frame); });
+    std::set<std::string> guids;
+    for (const auto& guid : request.guids) guids.insert(FormatGuid(guid));
+    vpn = std::make_unique<VPN>(publisher.get());
+    vpn->Open(guids);
+    if (vpn->State() == VpnState::Opened) {
+        vpn->AddSupervisorMAC({request.SupervisorMACAddress, request.VpnPromiscuousMode});
+        vpn->SetReader(this);
     }
-    SendResult(kStartVPN, vpn->Status());
+    SendResult(kStartVPN, static_cast<uint32_t>(vpn->State()));
 }
 
 void NetworkDriver::OnAddSupervisorMAC(const Bytes& payload) {
     const auto request = DecodeAddSupervisorMACToVPNRequest(payload);
     Log(ToLogLine(request), 1);
-    if (vpn) vpn->AddSupervisorMAC(request.SupervisorMACAddress, request.VpnPromiscuousMode);
+    if (vpn) vpn->AddSupervisorMAC({request.SupervisorMACAddress, request.VpnPromiscuousMode});
     SendResult(kAddSupervisorMACToVPN, 1);
 }
 
@@ -119,8 +122,8 @@ void NetworkDriver::OnStartICS(const Bytes& payload) {
         Log("ICS object already exists, deleting it before re-creating", 0);
         ics.reset();
     }
-    if (!arpCache) arpCache = publisher->CreateArpCache();
-    ics = publisher->CreateIcs(arpCache.get(), request);
+    if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
+    ics = std::make_unique<ICS>(publisher.get(), arpCache.get(), request);
     SendResult(kStartICS, ics ? ics->Status() : 0);
 }
 
@@ -131,8 +134,8 @@ void NetworkDriver::OnStartNAT(const Bytes& payload) {
         Log("NAT object already exists, deleting it before re-creating", 0);
         nat.reset();
     }
-    if (!arpCache) arpCache = publisher->CreateArpCache();
-    nat = publisher->CreateNat(arpCache.get(), request);
+    if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
+    nat = std::make_unique<NAT>(publisher.get(), arpCache.get(), request);
     SendResult(kStartNAT, nat ? nat->Status() : 0);
 }
 

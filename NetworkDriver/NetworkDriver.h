@@ -4,21 +4,26 @@
 
 #include "NetworkDriver/Messages.h"
 #include "NetworkDriver/PipeChannel.h"
-#include "NetworkDriver/SessionFactory.h"
+#include "FilterDriver/FilterDriversPublisher.h"
+#include "Packet/ArpCache.h"
+#include "Sessions/ICS.h"
+#include "Sessions/NAT.h"
+#include "VPN/IVPNDataRead.h"
+#include "VPN/VPN.h"
 
 namespace NativeNetworkDriver {
 
 // The root object: owns the pipe channel, the packet side and the sessions. The
 // constructor runs the control pipe's read loop; the process lives as long as it does.
-class NetworkDriver : private IPipeDataRead {
+class NetworkDriver : public IVPNDataRead, private IPipeDataRead {
 public:
-    explicit NetworkDriver(std::unique_ptr<ISessionFactory> factory = CreateSessionFactory());
+    NetworkDriver();
     ~NetworkDriver() override;
     NetworkDriver(const NetworkDriver&) = delete;
     NetworkDriver& operator=(const NetworkDriver&) = delete;
 
     // A frame read from the virtual adapter, for the tunnel.
-    void OnVPNDataRead(const Bytes& frame);
+    void OnVPNDataRead(const Nat::Frame& frame) override;
 
     static std::string GetVersionString();
 
@@ -38,11 +43,11 @@ private:
     void OnStopNAT();
 
     std::unique_ptr<PipeChannel> pipe;
-    std::unique_ptr<ISessionFactory> publisher;  // the packet side: publisher and session construction
-    std::unique_ptr<ISharedArpCache> arpCache;
-    std::unique_ptr<IVpnSession> vpn;
-    std::unique_ptr<ITranslationSession> nat;
-    std::unique_ptr<ITranslationSession> ics;
+    std::unique_ptr<FilterDriversPublisher> publisher;
+    std::unique_ptr<ArpCache> arpCache;
+    std::unique_ptr<VPN> vpn;
+    std::unique_ptr<NAT> nat;
+    std::unique_ptr<ICS> ics;
 };
 
 }  // namespace NativeNetworkDriver

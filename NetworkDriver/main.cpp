@@ -3,6 +3,7 @@
 #include <exception>
 #include <string>
 
+#include "FilterDriver/IFilterDriverApi.h"
 #include "Logging/BrandInfo.h"
 #include "Logging/Logger.h"
 #include "NetworkDriver/NetworkDriver.h"
@@ -10,6 +11,10 @@
 
 #ifdef _WIN32
 #include <windows.h>
+
+#include "Platform/FilterDriverBackendWindows.h"
+#else
+#include "Platform/FilterDriverBackend.h"
 #endif
 
 namespace {
@@ -55,6 +60,11 @@ int Run() {
     std::set_terminate(LogFatalAndAbort);
     Platform::RaiseProcessPriority();
     InitializeLogging();
+#ifdef _WIN32
+    NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateWindowsFilterDriverApi);
+#else
+    NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateLinuxFilterDriverApi);
+#endif
     {
         NativeNetworkDriver::NetworkDriver driver;
     }

@@ -32,7 +32,30 @@ public:
     void Subscribe(Nat::IResolvedPacketSubscriber* subscriber);
     void Unsubscribe(Nat::IResolvedPacketSubscriber* subscriber);
 
-    // (implementation details are the owner's: entries, lock, lastCleanup, Cleanup())
+private:
+    struct UnresolvedPacket {
+        Nat::Frame frame;
+        std::set<Nat::Frame> fragments;  // a whole fragmented datagram, released as such
+        std::string adapterGuid;         // where the frame is offered again
+        uint32_t added = 0;
+    };
+    struct ArpEntry {
+        std::optional<Nat::MacAddress> mac;  // empty while unresolved
+        std::vector<UnresolvedPacket> packets;
+        uint32_t updated = 0;  // creation or last reply
+    };
+
+    // Drops stale entries at most every two minutes; the caller holds the lock.
+    void Cleanup();
+    std::string DumpLocked() const;
+    void LogChange(const std::string& what, const Nat::Ipv4Address* ip) const;
+
+    Clock clock_;
+    std::map<Nat::Ipv4Address, ArpEntry> entries_;
+    uint32_t lastCleanup_ = 0;
+    // Re-entrant: released frames travel back through the translator on this thread.
+    mutable std::recursive_mutex lock_;
+    Nat::IResolvedPacketSubscriber* subscriber_ = nullptr;
 };
 
 // A 60-byte broadcast ARP request for targetIp.

@@ -14,8 +14,10 @@ public:
     TapDevice(const TapDevice&) = delete;
     TapDevice& operator=(const TapDevice&) = delete;
 
-    // Creates (or attaches to) the tap, sets its MAC when given and brings it up. Throws.
-    void Open(const std::string& name, const std::vector<uint8_t>& mac);
+    // Creates (or attaches to) the tap, sets its MAC when given and brings it up. With a
+    // network namespace name the tap is made inside that namespace (/run/netns/NAME): the
+    // remote end of the bridge lives apart from the daemon. Throws.
+    void Open(const std::string& name, const std::vector<uint8_t>& mac, const std::string& netns = {});
     bool IsOpen() const { return fd_ >= 0; }
     // True when a frame is waiting; false after `timeoutMs`.
     bool WaitReadable(int timeoutMs);
@@ -24,6 +26,7 @@ public:
     bool Write(const std::vector<uint8_t>& frame);
 
 private:
+    void OpenHere(const std::string& name, const std::vector<uint8_t>& mac);
     int fd_ = -1;
 };
 

@@ -28,6 +28,8 @@ int main(int argc, char** argv) {
     app.add_flag("--vm", vm, "HandleVirtualMachine for init");
     app.add_option("--tap", options.tapName, "bridge tunnel frames to this tap device");
     app.add_option("--tap-mac", tapMac, "MAC address of the tap device");
+    app.add_option("--tap-netns", options.tapNetns, "network namespace to make the tap in");
+    app.add_option("--daemon-netns", options.daemonNetns, "network namespace to start the daemon in");
     app.add_option("--hold", options.hold, "keep serving this many seconds after the steps (-1: until Ctrl-C)");
     app.add_option("--connect-timeout", options.connectTimeout, "seconds to wait for the daemon")->capture_default_str();
     app.add_option("--answer-timeout", options.answerTimeout, "seconds to wait for each answer")->capture_default_str();

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
 #include <linux/if_tun.h>
@@ -19,7 +20,41 @@ TapDevice::~TapDevice() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-void TapDevice::Open(const std::string& name, const std::vector<uint8_t>& mac) {
+namespace {
+
+// Runs `work` inside another network namespace and comes back, on this thread.
+template <typename F>
+void InNamespace(const std::string& netns, F&& work) {
+    if (netns.empty()) {
+        work();
+        return;
+    }
+    const int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int target = ::open(("/run/netns/" + netns).c_str(), O_RDONLY | O_CLOEXEC);
+    if (home < 0 || target < 0 || setns(target, CLONE_NEWNET) != 0) {
+        if (home >= 0) ::close(home);
+        if (target >= 0) ::close(target);
+        throw std::runtime_error("cannot enter network namespace " + netns);
+    }
+    ::close(target);
+    try {
+        work();
+    } catch (...) {
+        setns(home, CLONE_NEWNET);
+        ::close(home);
+        throw;
+    }
+    setns(home, CLONE_NEWNET);
+    ::close(home);
+}
+
+}  // namespace
+
+void TapDevice::Open(const std::string& name, const std::vector<uint8_t>& mac, const std::string& netns) {
+    InNamespace(netns, [&] { OpenHere(name, mac); });
+}
+
+void TapDevice::OpenHere(const std::string& name, const std::vector<uint8_t>& mac) {
     fd_ = ::open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd_ < 0) throw std::runtime_error(std::string("cannot open /dev/net/tun: ") + std::strerror(errno));
     ifreq request{};

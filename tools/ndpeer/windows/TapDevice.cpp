@@ -6,7 +6,7 @@ namespace ndpeer {
 
 TapDevice::~TapDevice() = default;
 
-void TapDevice::Open(const std::string& name, const std::vector<uint8_t>&) {
+void TapDevice::Open(const std::string& name, const std::vector<uint8_t>&, const std::string&) {
     throw std::runtime_error("cannot bridge to tap " + name + ": tap devices exist only on Linux");
 }
 

@@ -1,0 +1,131 @@
+#include "FilterDriver/FragmentCollector.h"
+
+#include <utility>
+
+#include "Platform/Platform.h"
+
+namespace NativeNetworkDriver {
+
+namespace {
+constexpr size_t kEthernetHeader = 14;
+constexpr uint32_t kMaxDatagram = 65535;
+}  // namespace
+
+bool ReadFragmentFields(const Nat::Frame& frame, FragmentFields& fields) {
+    if (frame.size() < kEthernetHeader + 20) return false;
+    if (frame[12] != 0x08 || frame[13] != 0x00) return false;
+    const uint8_t* ip = frame.data() + kEthernetHeader;
+    FragmentFields f;
+    f.headerLength = (ip[0] & 0x0Fu) * 4u;
+    f.totalLength = (static_cast<uint32_t>(ip[2]) << 8) | ip[3];
+    f.identification = static_cast<uint16_t>((ip[4] << 8) | ip[5]);
+    f.moreFragments = (ip[6] & 0x20) != 0;
+    f.dontFragment = (ip[6] & 0x40) != 0;
+    f.offset = (((static_cast<uint32_t>(ip[6]) << 8) | ip[7]) & 0x1FFFu) * 8u;
+    f.protocol = ip[9];
+    for (int i = 0; i < 4; ++i) {
+        f.source[i] = ip[12 + i];
+        f.destination[i] = ip[16 + i];
+    }
+    if (f.headerLength < 20 || f.totalLength < f.headerLength) return false;
+    if (kEthernetHeader + f.totalLength > frame.size()) return false;
+    if (f.offset + f.PayloadLength() + f.headerLength > kMaxDatagram) return false;
+    fields = f;
+    return true;
+}
+
+FragmentCollector::FragmentCollector() : FragmentCollector(Limits{}) {}
+
+FragmentCollector::FragmentCollector(Limits limits, Clock clock) : limits_(limits), clock_(std::move(clock)) {}
+
+uint32_t FragmentCollector::Now() const { return clock_ ? clock_() : Platform::TickCount(); }
+
+bool FragmentCollector::IsComplete(const Datagram& datagram) {
+    if (!datagram.lastSeen) return false;
+    uint32_t covered = 0;
+    for (const auto& [offset, piece] : datagram.pieces) {
+        if (offset > covered) return false;  // a hole
+        const uint32_t end = offset + piece.payloadLength;
+        if (end > covered) covered = end;
+    }
+    return covered >= datagram.payloadSize;
+}
+
+void FragmentCollector::GiveUp(Map::iterator it, std::vector<GivenUp>& out) {
+    GivenUp given;
+    given.guid = std::get<0>(it->first);
+    given.isSend = std::get<1>(it->first);
+    given.fragments.reserve(it->second.pieces.size());
+    for (auto& [offset, piece] : it->second.pieces) given.fragments.push_back(std::move(piece.frame));
+    fragmentCount_ -= it->second.pieces.size();
+    datagrams_.erase(it);
+    out.push_back(std::move(given));
+}
+
+FragmentCollector::Map::iterator FragmentCollector::Oldest() {
+    auto oldest = datagrams_.begin();
+    for (auto it = datagrams_.begin(); it != datagrams_.end(); ++it) {
+        if (it->second.sequence < oldest->second.sequence) oldest = it;
+    }
+    return oldest;
+}
+
+FragmentCollector::Result FragmentCollector::Add(const std::string& guid, bool isSend, const Nat::Frame& frame,
+                                                 const FragmentFields& fields) {
+    Result result;
+    const uint32_t now = Now();
+    for (auto it = datagrams_.begin(); it != datagrams_.end();) {
+        auto next = std::next(it);
+        if (now - it->second.firstSeen >= limits_.timeoutMs) GiveUp(it, result.givenUp);
+        it = next;
+    }
+
+    Key key{guid, isSend, fields.source, fields.destination, fields.protocol, fields.identification};
+    auto it = datagrams_.find(key);
+    if (it == datagrams_.end()) {
+        while (!datagrams_.empty() && datagrams_.size() >= limits_.maxDatagrams) GiveUp(Oldest(), result.givenUp);
+        Datagram datagram;
+        datagram.firstSeen = now;
+        datagram.sequence = nextSequence_++;
+        it = datagrams_.emplace(std::move(key), std::move(datagram)).first;
+    }
+    Datagram& datagram = it->second;
+    if (datagram.pieces.count(fields.offset) != 0) return result;  // a duplicate
+
+    datagram.pieces.emplace(fields.offset, Piece{frame, fields.PayloadLength()});
+    ++fragmentCount_;
+    if (fields.IsLast() && !datagram.lastSeen) {
+        datagram.lastSeen = true;
+        datagram.payloadSize = fields.offset + fields.PayloadLength();
+    }
+
+    if (IsComplete(datagram)) {
+        result.complete = true;
+        result.fragments.reserve(datagram.pieces.size());
+        for (auto& [offset, piece] : datagram.pieces) result.fragments.push_back(std::move(piece.frame));
+        fragmentCount_ -= datagram.pieces.size();
+        datagrams_.erase(it);
+        return result;
+    }
+    // Over the fragment budget: the oldest datagrams go first, this one last.
+    while (fragmentCount_ > limits_.maxFragments && !datagrams_.empty()) GiveUp(Oldest(), result.givenUp);
+    return result;
+}
+
+void FragmentCollector::Forget(const std::string& guid) {
+    for (auto it = datagrams_.begin(); it != datagrams_.end();) {
+        if (std::get<0>(it->first) == guid) {
+            fragmentCount_ -= it->second.pieces.size();
+            it = datagrams_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void FragmentCollector::Clear() {
+    datagrams_.clear();
+    fragmentCount_ = 0;
+}
+
+}  // namespace NativeNetworkDriver

@@ -1,0 +1,32 @@
+#pragma once
+// Connection sharing: the hosts behind the internal adapters reach the network of one
+// shared adapter through translation. No redirect rules; one mapping per internal
+// adapter; traffic between private networks is left alone.
+#include "Nat/NetworkAddressTranslator.h"
+
+namespace Nat {
+
+class InternetConnectionSharing : public NetworkAddressTranslator {
+public:
+    InternetConnectionSharing(const std::vector<uint32_t>& tcpPorts, const std::vector<uint32_t>& udpPorts,
+                              uint32_t entryTimeoutMs, AdapterInfo sharedAdapter,
+                              std::vector<AdapterInfo> internalAdapters, ProxyInfo proxy,
+                              std::vector<std::vector<uint8_t>> macWhiteList,
+                              NativeNetworkDriver::IArpCache* arpCache, Clock clock = {});
+    ~InternetConnectionSharing() override;
+
+    uint32_t ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
+                                    const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
+                                    uint32_t dstPort) override;
+
+    const AdapterInfo& SharedAdapter() const { return sharedAdapter_; }
+    const std::vector<AdapterInfo>& InternalAdapters() const { return internalAdapters_; }
+
+    static bool IsPrivateAddress(const Ipv4Address& ip);
+
+private:
+    AdapterInfo sharedAdapter_;
+    std::vector<AdapterInfo> internalAdapters_;
+};
+
+}  // namespace Nat

@@ -1,0 +1,124 @@
+#pragma once
+// The address translation engine: decides whether a captured frame is source-translated
+// (a host behind an internal adapter talking out) or destination-translated (a redirect
+// rule publishing an internal service), keeps the state of both directions and rewrites
+// frames in place.
+//
+// Translation kinds: 0 leave alone, 1 SNAT (or a reply to it), 2 DNAT (or a reply to it).
+// Calls come from one thread at a time (the session's dispatch thread); the tables have
+// their own locks, the rule list is changed without one.
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Nat/NatTable.h"
+#include "Nat/NatTypes.h"
+#include "Packet/Frame.h"
+#include "Packet/IArpCache.h"
+
+namespace Nat {
+
+namespace detail {
+struct FrameFacts;
+struct NextHop;
+struct PayloadChange {
+    bool changed = false;
+    int32_t delta = 0;
+};
+}  // namespace detail
+
+class NetworkAddressTranslator {
+public:
+    using Clock = std::function<uint32_t()>;  // millisecond ticks
+
+    static constexpr uint32_t kNone = 0;
+    static constexpr uint32_t kSnat = 1;
+    static constexpr uint32_t kDnat = 2;
+    static constexpr uint32_t kTemporaryRuleLifeMs = 30000;
+
+    NetworkAddressTranslator(const std::vector<uint32_t>& tcpPorts, const std::vector<uint32_t>& udpPorts,
+                             uint32_t entryTimeoutMs, std::vector<RedirectRule> rules,
+                             std::vector<AdapterMapping> mappings, ProxyInfo proxy,
+                             std::vector<std::vector<uint8_t>> macWhiteList, NativeNetworkDriver::IArpCache* arpCache,
+                             Clock clock = {});
+    virtual ~NetworkAddressTranslator();
+    NetworkAddressTranslator(const NetworkAddressTranslator&) = delete;
+    NetworkAddressTranslator& operator=(const NetworkAddressTranslator&) = delete;
+
+    virtual uint32_t ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
+                                            const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
+                                            uint32_t dstPort);
+    virtual uint32_t ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                                            uint32_t srcPort, uint32_t dstPort);
+
+    // Rewrite in place; the result is the adapter the frame must leave on.
+    const AdapterInfo& TranslateInternalToExternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid);
+    const AdapterInfo& TranslateExternalToInternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid);
+    // The fragments of one datagram: the head fragment decides and is rewritten in full,
+    // the others get the new addresses and their IP header checksum.
+    const AdapterInfo& TranslateInternalToExternal(uint32_t kind, FragmentList& fragments,
+                                                   const std::string& receivedOnGuid);
+    const AdapterInfo& TranslateExternalToInternal(uint32_t kind, FragmentList& fragments,
+                                                   const std::string& receivedOnGuid);
+
+    // Diagnostics.
+    NatTable& TcpTable() { return tcpTable_; }
+    NatTable& UdpTable() { return udpTable_; }
+    const std::list<RedirectRule>& Rules() const { return rules_; }
+    const std::vector<AdapterMapping>& Mappings() const { return mappings_; }
+    const std::set<AdapterInfo>& KnownAdapters() const { return knownAdapters_; }
+    bool FtpEnabled() const { return ftpEnabled_; }
+
+protected:
+    std::list<RedirectRule> rules_;  // a list: adapters handed out stay put while rules come and go
+    std::vector<AdapterMapping> mappings_;
+    std::set<AdapterInfo> knownAdapters_;
+    ProxyInfo proxy_;
+    std::vector<std::vector<uint8_t>> macWhiteList_;
+    Clock clock_;
+    NatTable tcpTable_;
+    NatTable udpTable_;
+    ProxyInfo resolutionProxy_;
+    NativeNetworkDriver::IArpCache* arpCache_;
+    bool ftpEnabled_;
+
+    bool WhiteListed(const MacAddress& mac) const;
+    bool GoesToProxy(const Ipv4Address& dstIp, uint32_t dstPort) const;
+
+private:
+    using FrameFacts = detail::FrameFacts;
+    using NextHop = detail::NextHop;
+    using PayloadChange = detail::PayloadChange;
+
+    const AdapterInfo& TranslateOutbound(uint32_t kind, Frame& head, FragmentList* fragments, size_t headIndex,
+                                         const std::string& receivedOnGuid);
+    const AdapterInfo& TranslateInbound(uint32_t kind, Frame& head, FragmentList* fragments, size_t headIndex,
+                                        const std::string& receivedOnGuid);
+
+    const AdapterMapping* SelectMapping(const MacAddress& dstMac, const Ipv4Address& dstIp) const;
+    RedirectRule* FindInternalRule(uint8_t protocol, uint32_t srcPort, const Ipv4Address& srcIp,
+                                   const MacAddress& dstMac, const Ipv4Address& dstIp);
+    RedirectRule* MatchExternalRule(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                                    uint32_t dstPort);
+    const AdapterInfo* AdapterByMac(const MacAddress& mac) const;
+    NatTable* TableFor(uint8_t protocol);
+    bool HasExternalEntry(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp, uint32_t srcPort,
+                          uint32_t dstPort);
+
+    NextHop ResolveExternalNextHop(const AdapterInfo& adapter, const Ipv4Address& destination, uint32_t dstPort,
+                                   const Ipv4Address& frameDestination, const Frame& head,
+                                   const FragmentList* fragments, const std::string& receivedOnGuid);
+    std::optional<MacAddress> ResolveOrHold(const Ipv4Address& ip, const Frame& head, const FragmentList* fragments,
+                                            const std::string& receivedOnGuid);
+
+    PayloadChange RewritePassiveReply(Frame& frame, const FrameFacts& facts, const AdapterInfo& external,
+                                      const EntryView& entry);
+    PayloadChange RewritePortCommand(Frame& frame, const FrameFacts& facts, const EntryView& entry,
+                                     const RedirectRule& rule);
+};
+
+}  // namespace Nat

@@ -1,0 +1,50 @@
+#pragma once
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Packet/ArpTable.h"
+#include "Packet/IArpCache.h"
+
+namespace NativeNetworkDriver {
+
+class FilterDriversPublisher;
+
+// Learns bindings from the ARP replies seen on the adapters its sessions watch, and puts
+// frames held for an unresolved next hop back into the publisher once the reply is seen.
+// Never consumes a frame and never sends one itself.
+class ArpCache : public IFilterDriversSubscriber, public IArpCache, public Nat::IResolvedPacketSubscriber {
+public:
+    // A null publisher gives an inert cache without a table.
+    explicit ArpCache(FilterDriversPublisher* publisher, ArpTable::Clock clock = {});
+    ~ArpCache() override;
+    ArpCache(const ArpCache&) = delete;
+    ArpCache& operator=(const ArpCache&) = delete;
+
+    bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
+    bool OnSentFrame(const Nat::Frame& frame, const std::string& guid) override;
+    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
+    // Learns from ARP replies; codec errors on runt frames go to the publisher.
+    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override;
+
+    bool RegisterDrivers(const void* session, const std::set<std::string>& adapterGuids) override;
+    void UnregisterDrivers(const void* session) override;
+    ArpTable* GetArpTable() override;
+
+    // Released frames are offered again, on the calling thread, as received from the wire.
+    void OnResolvedFragments(const std::set<Nat::Frame>& fragments, const std::string& adapterGuid) override;
+    void OnResolvedFrame(const Nat::Frame& frame, const std::string& adapterGuid) override;
+
+private:
+    std::mutex registrationLock_;  // never held together with the table's lock
+    FilterDriversPublisher* publisher_;
+    std::unique_ptr<ArpTable> table_;
+    // A GUID is registered with the publisher while at least one session wants it.
+    std::map<std::string, std::vector<const void*>> registrations_;
+};
+
+}  // namespace NativeNetworkDriver

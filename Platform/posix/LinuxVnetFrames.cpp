@@ -1,0 +1,248 @@
+#include "Platform/posix/LinuxVnetFrames.h"
+
+#include <bit>
+#include <cstring>
+
+namespace Platform {
+namespace {
+
+constexpr size_t kEthHeader = 14;
+constexpr uint16_t kEtherTypeIpv4 = 0x0800;
+constexpr uint16_t kEtherTypeIpv6 = 0x86DD;
+constexpr uint16_t kEtherTypeVlan = 0x8100;
+constexpr uint16_t kEtherTypeQinQ = 0x88A8;
+constexpr uint8_t kProtoTcp = 6;
+constexpr uint8_t kProtoUdp = 17;
+constexpr uint8_t kTcpFin = 0x01;
+constexpr uint8_t kTcpPsh = 0x08;
+constexpr uint8_t kTcpCwr = 0x80;
+
+uint16_t Get16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
+uint32_t Get32(const uint8_t* p) {
+    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
+           (static_cast<uint32_t>(p[2]) << 8) | p[3];
+}
+void Put16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v);
+}
+void Put32(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+
+// A checksum field value: the inverted sum, with 0 sent as 0xFFFF as the kernel does.
+uint16_t FinishChecksum(uint16_t folded) {
+    const uint16_t value = static_cast<uint16_t>(~folded);
+    return value == 0 ? 0xFFFF : value;
+}
+
+}  // namespace
+
+VnetHeader ParseVnetHeader(const uint8_t* bytes) {
+    VnetHeader h;
+    h.flags = bytes[0];
+    h.gsoType = bytes[1];
+    std::memcpy(&h.hdrLen, bytes + 2, 2);
+    std::memcpy(&h.gsoSize, bytes + 4, 2);
+    std::memcpy(&h.csumStart, bytes + 6, 2);
+    std::memcpy(&h.csumOffset, bytes + 8, 2);
+    return h;
+}
+
+uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length) {
+    // Sum native-order words (RFC 1071: the sum is byte-order independent up to a swap).
+    uint64_t acc = 0;
+    while (length >= 8) {
+        uint32_t a, b;
+        std::memcpy(&a, data, 4);
+        std::memcpy(&b, data + 4, 4);
+        acc += a;
+        acc += b;
+        data += 8;
+        length -= 8;
+    }
+    if (length >= 4) {
+        uint32_t a;
+        std::memcpy(&a, data, 4);
+        acc += a;
+        data += 4;
+        length -= 4;
+    }
+    if (length >= 2) {
+        uint16_t a;
+        std::memcpy(&a, data, 2);
+        acc += a;
+        data += 2;
+        length -= 2;
+    }
+    if (length == 1) {
+        // The odd byte is the high half of a big-endian word padded with zero.
+        acc += std::endian::native == std::endian::little ? data[0] : static_cast<uint32_t>(data[0]) << 8;
+    }
+    while (acc >> 16) acc = (acc & 0xFFFF) + (acc >> 16);
+    uint16_t sum = static_cast<uint16_t>(acc);
+    if constexpr (std::endian::native == std::endian::little) {
+        sum = static_cast<uint16_t>((sum >> 8) | (sum << 8));
+    }
+    uint32_t total = static_cast<uint32_t>(sum) + (seed & 0xFFFF) + (seed >> 16);
+    while (total >> 16) total = (total & 0xFFFF) + (total >> 16);
+    return static_cast<uint16_t>(total);
+}
+
+bool VnetFrameSplitter::Start(const VnetHeader& header, const uint8_t* frame, size_t length, size_t maxFrame) {
+    frame_ = frame;
+    length_ = length;
+    maxFrame_ = maxFrame;
+    header_ = header;
+    single_ = false;
+    emptySegmentPending_ = false;
+    gso_ = false;
+    checksumCompleted_ = false;
+    remaining_ = 0;
+    payloadOffset_ = 0;
+    segmentIndex_ = 0;
+
+    if (frame == nullptr || length < kEthHeader) return false;
+
+    const uint8_t gsoType = static_cast<uint8_t>(header.gsoType & ~kVnetGsoEcn);
+    if (gsoType == kVnetGsoNone) {
+        if (length > maxFrame) return false;
+        if (header.flags & kVnetFlagNeedsCsum) {
+            const size_t field = static_cast<size_t>(header.csumStart) + header.csumOffset;
+            if (header.csumStart >= length || field + 2 > length) return false;
+        }
+        single_ = true;
+        return true;
+    }
+    if (gsoType != kVnetGsoTcpV4 && gsoType != kVnetGsoTcpV6 && gsoType != kVnetGsoUdpL4) return false;
+    gso_ = true;
+
+    // Locate the headers ourselves: hdrLen is only the kernel's linear part, not a header length.
+    size_t l3 = kEthHeader;
+    uint16_t etherType = Get16(frame + 12);
+    for (int tags = 0; (etherType == kEtherTypeVlan || etherType == kEtherTypeQinQ) && tags < 2; ++tags) {
+        if (length < l3 + 4) return false;
+        etherType = Get16(frame + l3 + 2);
+        l3 += 4;
+    }
+    uint8_t protocol = 0;
+    size_t l4 = 0;
+    if (etherType == kEtherTypeIpv4) {
+        if (length < l3 + 20 || (frame[l3] >> 4) != 4) return false;
+        const size_t ihl = static_cast<size_t>(frame[l3] & 0x0F) * 4;
+        if (ihl < 20 || length < l3 + ihl) return false;
+        protocol = frame[l3 + 9];
+        l4 = l3 + ihl;
+        ipv6_ = false;
+    } else if (etherType == kEtherTypeIpv6) {
+        if (length < l3 + 40 || (frame[l3] >> 4) != 6) return false;
+        protocol = frame[l3 + 6];  // extension headers are not offloaded by the kernel's GSO here
+        l4 = l3 + 40;
+        ipv6_ = true;
+    } else {
+        return false;
+    }
+
+    size_t transportHeader = 0;
+    if (gsoType == kVnetGsoUdpL4) {
+        if (protocol != kProtoUdp || length < l4 + 8) return false;
+        transportHeader = 8;
+        tcp_ = false;
+    } else {
+        if (protocol != kProtoTcp || (gsoType == kVnetGsoTcpV4) == ipv6_) return false;
+        if (length < l4 + 20) return false;
+        transportHeader = static_cast<size_t>(frame[l4 + 12] >> 4) * 4;
+        if (transportHeader < 20 || length < l4 + transportHeader) return false;
+        tcp_ = true;
+        firstSeq_ = Get32(frame + l4 + 4);
+    }
+    l3Offset_ = l3;
+    l4Offset_ = l4;
+    headerLength_ = l4 + transportHeader;
+    if (headerLength_ >= maxFrame) return false;
+
+    if (tcp_) {
+        const size_t room = maxFrame - headerLength_;
+        segmentSize_ = (header.gsoSize == 0 || header.gsoSize > room) ? room : header.gsoSize;
+    } else {
+        // Each UDP segment is a datagram of its own: its size cannot be changed.
+        if (header.gsoSize == 0 || headerLength_ + header.gsoSize > maxFrame) return false;
+        segmentSize_ = header.gsoSize;
+    }
+    firstIpId_ = ipv6_ ? 0 : Get16(frame + l3 + 4);
+    remaining_ = length - headerLength_;
+    // A bare header marked GSO still goes out once, with fresh checksums.
+    emptySegmentPending_ = remaining_ == 0;
+    return true;
+}
+
+size_t VnetFrameSplitter::Next(uint8_t* out, size_t capacity) {
+    if (out == nullptr || capacity < maxFrame_) return 0;
+    if (single_) {
+        single_ = false;
+        std::memcpy(out, frame_, length_);
+        if (header_.flags & kVnetFlagNeedsCsum) {
+            const size_t start = header_.csumStart;
+            const size_t field = start + header_.csumOffset;
+            // The field holds the pseudo-header sum; fold the rest in and store.
+            const uint16_t folded = InternetChecksumFold(0, out + start, length_ - start);
+            Put16(out + field, FinishChecksum(folded));
+            checksumCompleted_ = true;
+        }
+        return length_;
+    }
+    if (remaining_ == 0 && !emptySegmentPending_) return 0;
+    emptySegmentPending_ = false;
+    return NextSegment(out);
+}
+
+size_t VnetFrameSplitter::NextSegment(uint8_t* out) {
+    const size_t chunk = remaining_ < segmentSize_ ? remaining_ : segmentSize_;
+    const bool first = segmentIndex_ == 0;
+    const bool last = chunk == remaining_;
+    std::memcpy(out, frame_, headerLength_);
+    std::memcpy(out + headerLength_, frame_ + headerLength_ + payloadOffset_, chunk);
+    const size_t frameLength = headerLength_ + chunk;
+    const size_t l4Length = frameLength - l4Offset_;
+
+    uint8_t* ip = out + l3Offset_;
+    uint32_t pseudo = 0;
+    if (ipv6_) {
+        Put16(ip + 4, static_cast<uint16_t>(l4Length));
+        // Pseudo header: addresses, upper-layer length, next header.
+        pseudo = InternetChecksumFold(0, ip + 8, 32);
+        pseudo += static_cast<uint32_t>(l4Length >> 16) + static_cast<uint32_t>(l4Length & 0xFFFF);
+        pseudo += tcp_ ? kProtoTcp : kProtoUdp;
+    } else {
+        const size_t ihl = l4Offset_ - l3Offset_;
+        Put16(ip + 2, static_cast<uint16_t>(frameLength - l3Offset_));
+        Put16(ip + 4, static_cast<uint16_t>(firstIpId_ + segmentIndex_));
+        Put16(ip + 10, 0);
+        Put16(ip + 10, static_cast<uint16_t>(~InternetChecksumFold(0, ip, ihl)));
+        pseudo = InternetChecksumFold(0, ip + 12, 8);
+        pseudo += static_cast<uint32_t>(l4Length) + (tcp_ ? kProtoTcp : kProtoUdp);
+    }
+
+    uint8_t* l4 = out + l4Offset_;
+    if (tcp_) {
+        Put32(l4 + 4, firstSeq_ + static_cast<uint32_t>(payloadOffset_));
+        if (!last) l4[13] = static_cast<uint8_t>(l4[13] & ~(kTcpFin | kTcpPsh));
+        if (!first) l4[13] = static_cast<uint8_t>(l4[13] & ~kTcpCwr);
+        Put16(l4 + 16, 0);
+        Put16(l4 + 16, FinishChecksum(InternetChecksumFold(pseudo, l4, l4Length)));
+    } else {
+        Put16(l4 + 4, static_cast<uint16_t>(l4Length));
+        Put16(l4 + 6, 0);
+        Put16(l4 + 6, FinishChecksum(InternetChecksumFold(pseudo, l4, l4Length)));
+    }
+
+    payloadOffset_ += chunk;
+    remaining_ -= chunk;
+    ++segmentIndex_;
+    return frameLength;
+}
+
+}  // namespace Platform

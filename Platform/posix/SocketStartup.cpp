@@ -1,0 +1,7 @@
+#include "Platform/SocketStartup.h"
+
+namespace Platform {
+
+int StartSockets() { return 0; }
+
+}  // namespace Platform

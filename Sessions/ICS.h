@@ -1,0 +1,12 @@
+#pragma once
+#include "Sessions/TranslationSession.h"
+
+namespace NativeNetworkDriver {
+
+// Connection sharing: the hosts behind the internal adapters reach the shared adapter's network.
+class ICS : public TranslationSession {
+public:
+    ICS(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartICSRequest& request);
+};
+
+}  // namespace NativeNetworkDriver

@@ -1,0 +1,12 @@
+#pragma once
+#include "Sessions/TranslationSession.h"
+
+namespace NativeNetworkDriver {
+
+// Source NAT through the adapter mappings and published ports through the redirect rules.
+class NAT : public TranslationSession {
+public:
+    NAT(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartNATRequest& request);
+};
+
+}  // namespace NativeNetworkDriver

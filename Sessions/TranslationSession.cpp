@@ -1,0 +1,262 @@
+#include "Sessions/TranslationSession.h"
+
+#include <limits>
+
+#include "FilterDriver/FilterDriversPublisher.h"
+#include "Logging/Logger.h"
+#include "Packet/ArpTable.h"
+#include "Packet/PacketUtils.h"
+#include "Platform/SocketStartup.h"
+
+namespace NativeNetworkDriver {
+
+namespace {
+
+constexpr uint32_t kTcp = 0;
+constexpr uint32_t kUdp = 1;
+
+// The fields classification needs, read from an IPv4 TCP or UDP frame.
+struct FrameFields {
+    uint8_t protocol = 0;
+    Nat::MacAddress srcMac{}, dstMac{};
+    Nat::Ipv4Address srcIp{}, dstIp{};
+    uint32_t srcPort = 0, dstPort = 0;
+};
+
+// False for anything that is not a whole enough IPv4 TCP or UDP frame: such frames are
+// not for translation and go on unchanged.
+bool ReadFields(const Nat::Frame& frame, FrameFields& f) {
+    using namespace Nat::PacketUtils;
+    if (frame.size() < 34 || frame[12] != 0x08 || frame[13] != 0x00) return false;
+    try {
+        const uint32_t headerSize = GetIpHeaderSize(frame);
+        f.protocol = GetIpProtocol(frame);
+        if (headerSize < 20 || (f.protocol != 6 && f.protocol != 17) || frame.size() < 14 + headerSize + 4)
+            return false;
+        f.srcMac = GetSourceMac(frame);
+        f.dstMac = GetDestinationMac(frame);
+        f.srcIp = GetSourceIp(frame);
+        f.dstIp = GetDestinationIp(frame);
+        f.srcPort = GetSourcePort(frame);
+        f.dstPort = GetDestinationPort(frame);
+        return true;
+    } catch (const Nat::Exception&) {
+        return false;
+    }
+}
+
+bool InSubnet(const Nat::IpEntry& entry, const std::vector<uint8_t>& ip) {
+    if (entry.address.size() != 4 || entry.mask.size() != 4 || ip.size() != 4) return false;
+    for (size_t i = 0; i < 4; ++i)
+        if ((entry.address[i] & entry.mask[i]) != (ip[i] & entry.mask[i])) return false;
+    return true;
+}
+
+template <size_t N>
+std::array<uint8_t, N> ToArray(const std::vector<uint8_t>& bytes) {
+    std::array<uint8_t, N> out{};
+    for (size_t i = 0; i < N && i < bytes.size(); ++i) out[i] = bytes[i];
+    return out;
+}
+
+}  // namespace
+
+Nat::AdapterInfo ToEngineAdapter(const AdapterInfo& a) {
+    Nat::AdapterInfo out;
+    out.id = a.ID;
+    out.name = a.name;
+    out.mac = a.MAC;
+    for (const auto& ip : a.IPs) out.ips.push_back({ip.address, ip.mask});
+    out.gatewayMac = a.GWMAC;
+    out.gatewayIp = a.GWIP;
+    return out;
+}
+
+Nat::ProxyInfo ToEngineProxy(const ProxyInfo& p) {
+    Nat::ProxyInfo out;
+    out.hasProxy = p.hasProxy;
+    out.mac = p.ProxyMacAddress;
+    out.ip = p.ProxyIpAddress;
+    out.port = p.ProxyPort;
+    return out;
+}
+
+uint32_t TimeoutToMilliseconds(uint32_t seconds) {
+    constexpr uint32_t kMax = std::numeric_limits<uint32_t>::max();
+    return seconds > kMax / 1000 ? kMax : seconds * 1000;
+}
+
+TranslationSession::TranslationSession(std::string word, FilterDriversPublisher* publisher, IArpCache* arpCache)
+    : word_(std::move(word)), publisher_(publisher), arpCache_(arpCache) {}
+
+TranslationSession::~TranslationSession() {
+    // Off the publisher first, so that the dispatch thread never reaches a deleted engine.
+    if (publisher_ != nullptr && publisherRegistered_) publisher_->Unregister(this);
+    if (arpCache_ != nullptr && arpRegistered_) arpCache_->UnregisterDrivers(this);
+    engine_.reset();
+    tcpPool_.reset();
+    udpPool_.reset();
+}
+
+bool TranslationSession::ReservePorts(const OpenSettings& settings) {
+    const int socketError = Platform::StartSockets();
+    if (socketError != 0) {
+        Log(word_ + ": error initializing Winsock, error code: " + std::to_string(socketError), 2);
+        return false;
+    }
+    try {
+        tcpPool_ = std::make_unique<PortPool::SocketPortPool>(kTcp, settings.tcpPoolSize, settings.customTcpPorts);
+        udpPool_ = std::make_unique<PortPool::SocketPortPool>(kUdp, settings.udpPoolSize, settings.customUdpPorts);
+    } catch (const std::exception& e) {
+        // A published port that another program holds: the session cannot come up.
+        Log(word_ + ": " + e.what(), 2);
+        return false;
+    }
+    std::vector<uint32_t> tcp, udp;
+    tcpPool_->GetPorts(tcp);
+    udpPool_->GetPorts(udp);
+    bool ok = true;
+    if (tcp.size() < settings.tcpPoolSize) {
+        Log(word_ + ": error reserving TCP ports, required: " + std::to_string(settings.tcpPoolSize) +
+                " reserved: " + std::to_string(tcp.size()),
+            2);
+        ok = false;
+    }
+    if (udp.size() < settings.udpPoolSize) {
+        Log(word_ + ": error reserving UDP ports, required: " + std::to_string(settings.udpPoolSize) +
+                " reserved: " + std::to_string(udp.size()),
+            2);
+        ok = false;
+    }
+    return ok;
+}
+
+void TranslationSession::Open(const OpenSettings& settings, const EngineFactory& buildEngine) {
+    if (publisher_ == nullptr) return;
+    for (const auto& a : settings.internalAdapters) internalGuids_.insert(a.id);
+    for (const auto& a : settings.externalAdapters) externalGuids_.insert(a.id);
+    adapters_ = settings.externalAdapters;
+    adapters_.insert(adapters_.end(), settings.internalAdapters.begin(), settings.internalAdapters.end());
+
+    Log(word_ + ": Reserving TCP/UDP ports", 1);
+    if (!ReservePorts(settings)) {
+        Log("Error opening " + word_ + ": error reserving TCP/UDP ports", 2);
+        return;
+    }
+    Log(word_ + ": TCP/UDP ports successfully reserved", 1);
+
+    Log("Initializing " + word_ + " process", 1);
+    try {
+        std::vector<uint32_t> tcp, udp;
+        tcpPool_->GetPorts(tcp);
+        udpPool_->GetPorts(udp);
+        engine_ = buildEngine(tcp, udp);
+    } catch (...) {
+        engine_.reset();
+    }
+    if (!engine_) {
+        Log("Error opening " + word_ + ": error initializing NAT process", 2);  // "NAT" in both sessions
+        return;
+    }
+    Log(word_ + " process successfully initialized", 1);
+
+    std::set<std::string> guids = internalGuids_;
+    guids.insert(externalGuids_.begin(), externalGuids_.end());
+    Log(word_ + ": Registering to ArpCache", 1);
+    arpRegistered_ = arpCache_ != nullptr;
+    if (arpCache_ == nullptr || !arpCache_->RegisterDrivers(this, guids)) {
+        Log("Error opening " + word_ + ": ArpCache registration failed", 2);
+        engine_.reset();
+        return;
+    }
+    Log(word_ + ": registering drivers", 1);
+    publisherRegistered_ = true;
+    if (!publisher_->Register(this, guids)) {
+        Log("Error opening " + word_ + ": Publisher registration failed", 2);
+        engine_.reset();
+        return;
+    }
+    Log(word_ + ": drivers successfully registered", 1);
+}
+
+const Nat::AdapterInfo* TranslationSession::AdapterByMac(const std::vector<uint8_t>& mac) const {
+    for (const auto& a : adapters_)
+        if (a.mac == mac) return &a;
+    return nullptr;
+}
+
+// The ARP request leaves on the adapter the frame was to leave on: the exception names it
+// by MAC, and that adapter faces the address. Its sender address is the adapter's own
+// address in the target's subnet, or its first address.
+void TranslationSession::RequestMac(const Nat::UnknownMacException& unknown) {
+    const Nat::AdapterInfo* adapter = AdapterByMac(unknown.adapterMac);
+    if (adapter == nullptr || adapter->ips.empty() || unknown.resolveIp.size() != 4) return;
+    const Nat::IpEntry* source = &adapter->ips.front();
+    for (const auto& entry : adapter->ips)
+        if (InSubnet(entry, unknown.resolveIp)) {
+            source = &entry;
+            break;
+        }
+    const Nat::Frame request =
+        BuildArpRequest(ToArray<6>(adapter->mac), ToArray<4>(source->address), ToArray<4>(unknown.resolveIp));
+    publisher_->SendToAdapter(this, adapter->id, request);
+}
+
+template <typename Work>
+void TranslationSession::Translate(Direction direction, Work&& work) {
+    const char* way = direction == Direction::Inbound ? "external to internal" : "internal to external";
+    try {
+        work();
+    } catch (const Nat::UnknownMacException& unknown) {
+        // The ARP cache holds the frame; it comes back through the publisher once resolved.
+        RequestMac(unknown);
+    } catch (const Nat::Exception& e) {
+        Log(std::string("Error translating a NAT packet from ") + way + ": " + e.Message(), 2);
+    } catch (...) {
+        Log(std::string("Error translating a NAT packet from ") + way, 2);
+    }
+}
+
+bool TranslationSession::OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) {
+    if (!engine_) return false;
+    const bool external = externalGuids_.count(guid) != 0;
+    if (!external && internalGuids_.count(guid) == 0) return false;
+    FrameFields f;
+    if (!ReadFields(frame, f)) return false;
+    const Direction direction = external ? Direction::Inbound : Direction::Outbound;
+    uint32_t kind = 0;
+    Translate(direction, [&] {
+        kind = external ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
+                        : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
+                                                          f.srcPort, f.dstPort);
+        if (kind == 0) return;
+        scratch_.assign(frame.begin(), frame.end());
+        const Nat::AdapterInfo& out = external ? engine_->TranslateExternalToInternal(kind, scratch_, guid)
+                                               : engine_->TranslateInternalToExternal(kind, scratch_, guid);
+        publisher_->SendToAdapter(this, out.id, scratch_);
+    });
+    return kind != 0;
+}
+
+bool TranslationSession::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) {
+    if (!engine_ || fragments.empty()) return false;
+    const bool external = externalGuids_.count(guid) != 0;
+    if (!external && internalGuids_.count(guid) == 0) return false;
+    FrameFields f;
+    if (!ReadFields(fragments.front(), f)) return false;  // the first fragment decides
+    const Direction direction = external ? Direction::Inbound : Direction::Outbound;
+    uint32_t kind = 0;
+    Translate(direction, [&] {
+        kind = external ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
+                        : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
+                                                          f.srcPort, f.dstPort);
+        if (kind == 0) return;
+        Nat::FragmentList copy = fragments;
+        const Nat::AdapterInfo& out = external ? engine_->TranslateExternalToInternal(kind, copy, guid)
+                                               : engine_->TranslateInternalToExternal(kind, copy, guid);
+        for (const auto& fragment : copy) publisher_->SendToAdapter(this, out.id, fragment);
+    });
+    return kind != 0;
+}
+
+}  // namespace NativeNetworkDriver

@@ -1,0 +1,86 @@
+#pragma once
+// What NAT and ICS share: reserving ports, building the engine, registering with the ARP
+// cache and the publisher, and routing every received frame of their adapters through the
+// engine. The two differ only in the engine they build and the word of their log lines.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Nat/NetworkAddressTranslator.h"
+#include "NetworkDriver/Messages.h"
+#include "Packet/IArpCache.h"
+#include "Packet/NatException.h"
+#include "PortPool/SocketPortPool.h"
+
+namespace NativeNetworkDriver {
+
+class FilterDriversPublisher;
+
+class TranslationSession : public IFilterDriversSubscriber {
+public:
+    ~TranslationSession() override;
+    TranslationSession(const TranslationSession&) = delete;
+    TranslationSession& operator=(const TranslationSession&) = delete;
+
+    // 1 when the session is open (its engine exists), else 0.
+    uint32_t Status() const { return engine_ ? 1 : 0; }
+    Nat::NetworkAddressTranslator* Engine() { return engine_.get(); }
+
+    // Frames the local stack sends are never translated.
+    bool OnSentFragments(const Nat::FragmentList&, const std::string&) override { return false; }
+    bool OnSentFrame(const Nat::Frame&, const std::string&) override { return false; }
+    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
+    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override;
+
+protected:
+    using EngineFactory = std::function<std::unique_ptr<Nat::NetworkAddressTranslator>(
+        const std::vector<uint32_t>& tcpPorts, const std::vector<uint32_t>& udpPorts)>;
+
+    struct OpenSettings {
+        std::vector<Nat::AdapterInfo> internalAdapters;
+        std::vector<Nat::AdapterInfo> externalAdapters;
+        uint32_t tcpPoolSize = 0;
+        uint32_t udpPoolSize = 0;
+        std::set<uint32_t> customTcpPorts;
+        std::set<uint32_t> customUdpPorts;
+    };
+
+    TranslationSession(std::string word, FilterDriversPublisher* publisher, IArpCache* arpCache);
+    // The open sequence; a failed step leaves the session without an engine.
+    void Open(const OpenSettings& settings, const EngineFactory& buildEngine);
+
+private:
+    enum class Direction { Outbound, Inbound };
+    bool ReservePorts(const OpenSettings& settings);
+    // Runs classification and translation; failures are logged and the frame dropped.
+    template <typename Work>
+    void Translate(Direction direction, Work&& work);
+    void RequestMac(const Nat::UnknownMacException& unknown);
+    const Nat::AdapterInfo* AdapterByMac(const std::vector<uint8_t>& mac) const;
+
+    std::string word_;
+    FilterDriversPublisher* publisher_;
+    std::set<std::string> internalGuids_;
+    std::set<std::string> externalGuids_;
+    std::vector<Nat::AdapterInfo> adapters_;
+    std::unique_ptr<PortPool::SocketPortPool> tcpPool_;
+    std::unique_ptr<PortPool::SocketPortPool> udpPool_;
+    std::unique_ptr<Nat::NetworkAddressTranslator> engine_;
+    IArpCache* arpCache_;
+    bool arpRegistered_ = false;
+    bool publisherRegistered_ = false;
+    Nat::Frame scratch_;  // reused for every translated frame: no allocation per frame
+};
+
+// Engine-side copies of the control message's records.
+Nat::AdapterInfo ToEngineAdapter(const AdapterInfo& adapter);
+Nat::ProxyInfo ToEngineProxy(const ProxyInfo& proxy);
+
+// The timeouts of the start requests are given in seconds; the engine counts milliseconds.
+uint32_t TimeoutToMilliseconds(uint32_t seconds);
+
+}  // namespace NativeNetworkDriver

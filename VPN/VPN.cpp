@@ -1,0 +1,146 @@
+#include "VPN/VPN.h"
+
+#include <algorithm>
+
+#include "FilterDriver/FilterDriversPublisher.h"
+#include "Logging/Logger.h"
+
+namespace NativeNetworkDriver {
+
+namespace {
+
+constexpr int kDebug = 0;
+
+bool IsGroupFrame(const Nat::Frame& frame) { return frame.size() >= 6 && (frame[0] & 0x01) != 0; }
+
+// The supervisor MAC against the frame's destination; a short frame or MAC never matches.
+bool IsAddressedTo(const Nat::Frame& frame, const std::vector<uint8_t>& mac) {
+    return frame.size() >= 6 && mac.size() >= 6 && std::equal(frame.begin(), frame.begin() + 6, mac.begin());
+}
+
+// An existing MAC against a new one, over the new one's length (two empty MACs are equal).
+bool SameMac(const std::vector<uint8_t>& existing, const std::vector<uint8_t>& added) {
+    return existing.size() >= added.size() && std::equal(added.begin(), added.end(), existing.begin());
+}
+
+}  // namespace
+
+VPN::VPN(FilterDriversPublisher* publisher) : publisher_(publisher) {}
+
+VPN::~VPN() {
+    if (publisher_ != nullptr) publisher_->Unregister(this);
+    state_ = VpnState::Closed;
+    std::lock_guard lock(lock_);
+    supervisors_.clear();
+}
+
+bool VPN::OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) {
+    bool consumed = false;
+    for (const auto& fragment : fragments) consumed = OnSentFrame(fragment, guid) || consumed;
+    return consumed;
+}
+
+bool VPN::OnSentFrame(const Nat::Frame& frame, const std::string&) { return Classify(frame); }
+
+bool VPN::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) {
+    bool consumed = false;
+    for (const auto& fragment : fragments) consumed = OnReceivedFrame(fragment, guid) || consumed;
+    return consumed;
+}
+
+bool VPN::OnReceivedFrame(const Nat::Frame& frame, const std::string&) { return Classify(frame); }
+
+void VPN::Open(const std::set<std::string>& guids) {
+    if (state_ == VpnState::Failed) {
+        if (publisher_ != nullptr) publisher_->Unregister(this);
+        state_ = VpnState::Closed;
+    }
+    if (state_ == VpnState::Opened) {
+        Log("Error opening VPN: drivers already opened.", kDebug);
+        state_ = VpnState::AlreadyOpened;
+        return;
+    }
+    if (publisher_ == nullptr) {
+        Log("Error opening VPN: publisher is NULL.", kDebug);
+        state_ = VpnState::Failed;
+        return;
+    }
+    if (publisher_->Register(this, guids)) {
+        state_ = VpnState::Opened;
+        return;
+    }
+    Log("Error opening VPN: Publisher registration failed", kDebug);
+    publisher_->Unregister(this);
+    state_ = VpnState::Failed;
+}
+
+std::vector<SupervisorEntry>::iterator VPN::FindSupervisor(const std::vector<uint8_t>& mac) {
+    return std::find_if(supervisors_.begin(), supervisors_.end(),
+                        [&mac](const SupervisorEntry& entry) { return SameMac(entry.mac, mac); });
+}
+
+void VPN::RecomputePromiscuous() {
+    promiscuous_ = std::any_of(supervisors_.begin(), supervisors_.end(),
+                               [](const SupervisorEntry& entry) { return entry.promiscuous; });
+}
+
+void VPN::AddSupervisorMAC(const SupervisorEntry& entry) {
+    std::lock_guard lock(lock_);
+    if (FindSupervisor(entry.mac) == supervisors_.end()) supervisors_.push_back(entry);
+    RecomputePromiscuous();
+}
+
+void VPN::RemoveSupervisorMAC(const std::vector<uint8_t>& mac) {
+    std::lock_guard lock(lock_);
+    auto found = FindSupervisor(mac);
+    if (found != supervisors_.end()) supervisors_.erase(found);
+    RecomputePromiscuous();
+}
+
+bool VPN::IsPromiscuous() const {
+    std::lock_guard lock(lock_);
+    return promiscuous_;
+}
+
+std::vector<SupervisorEntry> VPN::Supervisors() const {
+    std::lock_guard lock(lock_);
+    return supervisors_;
+}
+
+bool VPN::Classify(const Nat::Frame& frame) {
+    std::lock_guard lock(lock_);
+    IVPNDataRead* reader = reader_.load();
+    if (IsGroupFrame(frame)) {
+        if (reader != nullptr) reader->OnVPNDataRead(frame);
+        return true;
+    }
+    for (const auto& supervisor : supervisors_) {
+        if (!IsAddressedTo(frame, supervisor.mac)) continue;
+        if (reader != nullptr) reader->OnVPNDataRead(frame);
+        return true;
+    }
+    if (!promiscuous_) return false;
+    // Promiscuous: the frame goes to the tunnel as well as on its local way, unless it is
+    // for one of our own adapters.
+    if (publisher_ != nullptr && !publisher_->FindGuidByMac(this, frame).empty()) return false;
+    if (reader != nullptr) reader->OnVPNDataRead(frame);
+    return false;
+}
+
+void VPN::SendFrame(const Nat::Frame& frame) {
+    if (publisher_ == nullptr) return;
+    if (IsGroupFrame(frame)) {
+        publisher_->SendToAllAdapters(this, frame);
+        return;
+    }
+    const std::string guid = publisher_->FindGuidByMac(this, frame);
+    if (!guid.empty()) {
+        (void)publisher_->WriteToAdapter(this, guid, frame, ToStack);
+    } else if (!publisher_->HandleVirtualMachine()) {
+        publisher_->WriteToAllAdapters(this, frame, ToAdapter);
+    } else {
+        publisher_->SendToAllAdapters(this, frame);
+    }
+}
+
+}  // namespace NativeNetworkDriver

@@ -1,0 +1,323 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+#include "FilterDriver/FilterDriversPublisher.h"
+#include "FilterDriver/LogCapture.h"
+#include "FilterDriver/TestFrames.h"
+#include "Packet/NatException.h"
+#include "support/InMemoryFilterDriverApi.h"
+
+namespace NativeNetworkDriver {
+namespace {
+
+using Testing::EthernetFrame;
+using Testing::Guid;
+using Testing::InMemoryNetwork;
+using Testing::Ipv4Frame;
+using Testing::kBroadcastMac;
+using Testing::Marker;
+using Testing::RecordingSubscriber;
+using Testing::WithoutMarkers;
+
+const Nat::MacAddress kMacA{0x02, 0, 0, 0, 0, 0x0A};
+const Nat::MacAddress kMacB{0x02, 0, 0, 0, 0, 0x0B};
+const Nat::MacAddress kPeer{0x02, 0, 0, 0, 0, 0x50};
+const Nat::MacAddress kStranger{0x02, 0, 0, 0, 0, 0x77};
+const Nat::MacAddress kMulticast{0x01, 0x00, 0x5E, 0, 0, 1};
+
+class PublisherTest : public ::testing::Test {
+protected:
+    PublisherTest() : network(InMemoryNetwork::Create()), guard(network->Install()) {
+        network->AddAdapter(guidA, kMacA);
+        network->AddAdapter(guidB, kMacB);
+        publisher = std::make_unique<FilterDriversPublisher>();
+    }
+    ~PublisherTest() override { publisher.reset(); }
+
+    // Waits until everything captured on the adapter before this call has been dispatched:
+    // a marker sent by the stack goes out on the wire once its turn comes.
+    void Settle(const std::string& guid) {
+        const Nat::Frame marker = Marker(kPeer, kMacA, ++serial);
+        ASSERT_TRUE(network->InjectFromStack(guid, marker));
+        ASSERT_TRUE(network->WaitForFrameOnWire(guid, marker));
+    }
+    std::vector<Nat::Frame> Wire(const std::string& guid) { return WithoutMarkers(network->SentToWire(guid)); }
+    std::vector<Nat::Frame> Stack(const std::string& guid) { return network->SentToStack(guid); }
+
+    Testing::LogCapture log;
+    std::shared_ptr<InMemoryNetwork> network;
+    InMemoryNetwork::FactoryGuard guard;
+    std::string guidA = Guid(1);
+    std::string guidB = Guid(2);
+    std::unique_ptr<FilterDriversPublisher> publisher;
+    uint8_t serial = 0;
+};
+
+TEST_F(PublisherTest, GroupFramesGoOnOnceWhetherOrNotASubscriberTakesThem) {
+    RecordingSubscriber subscriber;
+    subscriber.consume = [](const Nat::Frame& f) { return f[14] == 0xC1; };
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
+    const Nat::Frame broadcast = EthernetFrame(kBroadcastMac, kPeer, 0x0806, 28, 0xB0);
+    const Nat::Frame consumedBroadcast = EthernetFrame(kBroadcastMac, kPeer, 0x0806, 28, 0xC1);
+    const Nat::Frame multicastOut = EthernetFrame(kMulticast, kMacA, 0x0800, 40, 0xB2);
+
+    network->InjectFromWire(guidA, broadcast);
+    network->InjectFromWire(guidA, consumedBroadcast);
+    network->InjectFromStack(guidA, multicastOut);
+    Settle(guidA);
+
+    EXPECT_EQ(Stack(guidA), (std::vector<Nat::Frame>{broadcast, consumedBroadcast}));
+    EXPECT_EQ(Wire(guidA), std::vector<Nat::Frame>{multicastOut});
+    const auto offers = subscriber.Offers();
+    ASSERT_EQ(offers.size(), 3u);
+    EXPECT_EQ(offers[0].kind, "received");
+    EXPECT_EQ(offers[0].frames[0], broadcast);
+    EXPECT_EQ(offers[0].guid, guidA);
+    EXPECT_EQ(offers[2].kind, "sent");
+}
+
+TEST_F(PublisherTest, UnconsumedUnicastGoesOnInItsDirection) {
+    RecordingSubscriber subscriber;
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
+    const Nat::Frame forUs = EthernetFrame(kMacA, kPeer, 0x0800, 46, 1);
+    const Nat::Frame forStranger = EthernetFrame(kStranger, kPeer, 0x0800, 46, 2);
+    const Nat::Frame outgoing = EthernetFrame(kStranger, kMacA, 0x0800, 46, 3);
+    const Nat::Frame runt = {0x02, 0, 0};
+
+    network->InjectFromWire(guidA, forUs);
+    network->InjectFromWire(guidA, forStranger);
+    network->InjectFromWire(guidA, runt);
+    network->InjectFromStack(guidA, outgoing);
+    Settle(guidA);
+    EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{forUs});  // other hosts' frames stop here
+    EXPECT_EQ(Wire(guidA), std::vector<Nat::Frame>{outgoing});
+
+    // Serving virtual machines behind the stack: every received frame goes up.
+    publisher->SetHandleVirtualMachine(true);
+    network->ClearSent(guidA);
+    network->InjectFromWire(guidA, forStranger);
+    network->InjectFromStack(guidA, outgoing);
+    Settle(guidA);
+    EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{forStranger});
+    EXPECT_EQ(Wire(guidA), std::vector<Nat::Frame>{outgoing});
+    EXPECT_EQ(subscriber.Offers().size(), 6u);
+}
+
+TEST_F(PublisherTest, SubscribersAreAskedInOrderUntilOneConsumes) {
+    std::vector<std::string> order;
+    RecordingSubscriber first("first", &order), second("second", &order), third("third", &order);
+    second.consume = [](const Nat::Frame& f) { return f[14] == 0xEE; };
+    ASSERT_TRUE(publisher->Register(&first, {guidA}));
+    ASSERT_TRUE(publisher->Register(&second, {guidA}));
+    ASSERT_TRUE(publisher->Register(&third, {guidA}));
+    EXPECT_EQ(network->TunnelEntries(guidA), 1);
+
+    const Nat::Frame taken = EthernetFrame(kMacA, kPeer, 0x0800, 46, 0xEE);
+    const Nat::Frame left = EthernetFrame(kMacA, kPeer, 0x0800, 46, 0x11);
+    const Nat::Frame takenOut = EthernetFrame(kPeer, kMacA, 0x0800, 46, 0xEE);
+    network->InjectFromWire(guidA, taken);
+    network->InjectFromWire(guidA, left);
+    network->InjectFromStack(guidA, takenOut);
+    Settle(guidA);
+
+    EXPECT_EQ(order, (std::vector<std::string>{"first", "second", "first", "second", "third", "first", "second"}));
+    EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{left});
+    EXPECT_TRUE(Wire(guidA).empty());
+}
+
+TEST_F(PublisherTest, AnAdapterIsOpenWhileAnyoneSubscribes) {
+    RecordingSubscriber one, two;
+    ASSERT_TRUE(publisher->Register(&one, {guidA, ""}));
+    ASSERT_TRUE(publisher->Register(&two, {guidA, guidB}));
+    EXPECT_EQ(network->TunnelEntries(guidA), 1);
+    EXPECT_EQ(network->AdapterMode(guidA), 0x43u);
+    EXPECT_EQ(network->AdapterMode(guidB), 0x43u);
+
+    publisher->Unregister(&one);
+    EXPECT_EQ(network->AdapterMode(guidA), 0x43u);
+    publisher->Unregister(&two, {guidB});
+    EXPECT_EQ(network->AdapterMode(guidB), 0u);
+    EXPECT_EQ(network->AdapterMode(guidA), 0x43u);
+    publisher->Unregister(&two);
+    EXPECT_EQ(network->AdapterMode(guidA), 0u);
+
+    // A subscriber registered twice stands twice: one Unregister keeps the adapter.
+    ASSERT_TRUE(publisher->Register(&one, {guidA}));
+    ASSERT_TRUE(publisher->Register(&one, {guidA}));
+    publisher->Unregister(&one);
+    EXPECT_EQ(network->AdapterMode(guidA), 0x43u);
+    publisher->Unregister(&one);
+    EXPECT_EQ(network->AdapterMode(guidA), 0u);
+    EXPECT_EQ(network->TunnelEntries(guidA), 2);
+    EXPECT_EQ(network->OpenAdapterEvents(), 0);
+}
+
+TEST_F(PublisherTest, AnAdapterThatCannotBeOpenedFailsTheRegistration) {
+    RecordingSubscriber subscriber;
+    const std::string missing = Guid(9);  // sorts after guidA and guidB
+    EXPECT_FALSE(publisher->Register(&subscriber, {guidA, missing}));
+    EXPECT_TRUE(log.Has("DEBUG;Error opening Virtual Ethernet adapter GUID: " + missing + ")."));
+    EXPECT_TRUE(log.Has("INFO;Error opening Virtual Ethernet adapter (GUID: " + missing + ")."));
+    EXPECT_EQ(network->AdapterMode(guidA), 0x43u);  // processed before the failure, still registered
+    publisher->Unregister(&subscriber);
+    EXPECT_EQ(network->AdapterMode(guidA), 0u);
+}
+
+TEST_F(PublisherTest, SendingReachesOnlyTheSubscribersOwnAdapters) {
+    RecordingSubscriber onA, onBoth, onNothing;
+    ASSERT_TRUE(publisher->Register(&onA, {guidA}));
+    ASSERT_TRUE(publisher->Register(&onBoth, {guidA, guidB}));
+    const Nat::Frame frame = EthernetFrame(kPeer, kMacA, 0x0800, 46, 5);
+
+    publisher->SendToAdapter(&onA, guidA, frame);
+    publisher->SendToAdapter(&onA, guidB, frame);
+    publisher->SendToAdapter(&onNothing, guidA, frame);
+    EXPECT_EQ(network->SentToWire(guidA), std::vector<Nat::Frame>{frame});
+    EXPECT_TRUE(network->SentToWire(guidB).empty());
+    EXPECT_TRUE(network->SentToStack(guidA).empty());
+
+    publisher->SendToAllAdapters(&onBoth, frame);
+    EXPECT_EQ(network->SentToWire(guidA).size(), 2u);
+    EXPECT_EQ(network->SentToStack(guidA), std::vector<Nat::Frame>{frame});
+    EXPECT_EQ(network->SentToWire(guidB), std::vector<Nat::Frame>{frame});
+    EXPECT_EQ(network->SentToStack(guidB), std::vector<Nat::Frame>{frame});
+
+    EXPECT_EQ(publisher->FindGuidByMac(&onBoth, EthernetFrame(kMacB, kPeer, 0x0800, 46)), guidB);
+    EXPECT_EQ(publisher->FindGuidByMac(&onBoth, Nat::Frame(kMacA.begin(), kMacA.end())), guidA);
+    EXPECT_EQ(publisher->FindGuidByMac(&onA, Nat::Frame(kMacB.begin(), kMacB.end())), "");
+    EXPECT_EQ(publisher->FindGuidByMac(&onNothing, Nat::Frame(kMacA.begin(), kMacA.end())), "");
+    EXPECT_EQ(publisher->FindGuidByMac(&onBoth, Nat::Frame(kMacA.begin(), kMacA.begin() + 5)), "");
+}
+
+TEST_F(PublisherTest, FragmentedDatagramsAreOfferedWholeAndPassedOnInOrder) {
+    RecordingSubscriber subscriber;
+    subscriber.consume = [](const Nat::Frame& f) { return f[14 + 20] == 0xCC; };
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
+    const Nat::Frame first = Ipv4Frame(kMacA, kPeer, 41, 0, true, 24, 0x01);
+    const Nat::Frame second = Ipv4Frame(kMacA, kPeer, 41, 24, true, 24, 0x02);
+    const Nat::Frame last = Ipv4Frame(kMacA, kPeer, 41, 48, false, 10, 0x03);
+    network->InjectFromWire(guidA, second);
+    network->InjectFromWire(guidA, last);
+    network->InjectFromWire(guidA, first);
+
+    // Consumed by the subscriber: the whole datagram stops.
+    const Nat::Frame takenHead = Ipv4Frame(kPeer, kMacA, 42, 0, true, 8, 0xCC);
+    const Nat::Frame takenTail = Ipv4Frame(kPeer, kMacA, 42, 8, false, 8, 0x04);
+    network->InjectFromStack(guidA, takenTail);
+    network->InjectFromStack(guidA, takenHead);
+    Settle(guidA);
+
+    EXPECT_EQ(Stack(guidA), (std::vector<Nat::Frame>{first, second, last}));
+    EXPECT_TRUE(Wire(guidA).empty());
+    const auto offers = subscriber.Offers();
+    ASSERT_EQ(offers.size(), 2u);
+    EXPECT_EQ(offers[0].kind, "receivedFragments");
+    EXPECT_EQ(offers[0].frames, (Nat::FragmentList{first, second, last}));
+    EXPECT_EQ(offers[1].kind, "sentFragments");
+    EXPECT_EQ(offers[1].frames, (Nat::FragmentList{takenHead, takenTail}));
+}
+
+TEST_F(PublisherTest, FragmentsGivenUpUnderPressureStillGoOn) {
+    RecordingSubscriber subscriber;
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
+    // One more incomplete datagram than the collector holds: the oldest is given up.
+    const Nat::Frame oldest = Ipv4Frame(kMacA, kPeer, 0, 0, true, 8);
+    network->InjectFromWire(guidA, oldest);
+    for (uint16_t id = 1; id <= 64; ++id) network->InjectFromWire(guidA, Ipv4Frame(kMacA, kPeer, id, 0, true, 8));
+    Settle(guidA);
+    EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{oldest});
+    EXPECT_TRUE(subscriber.Offers().empty());
+}
+
+TEST_F(PublisherTest, GroupFramesAreNotHeldBackByABusySubscriber) {
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> blocked{false};
+    RecordingSubscriber slow;
+    slow.consume = [&](const Nat::Frame&) {
+        if (!blocked.exchange(true)) released.wait();
+        return false;
+    };
+    ASSERT_TRUE(publisher->Register(&slow, {guidA}));
+    network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46));
+    ASSERT_TRUE(slow.WaitForOffers(1));
+    const Nat::Frame broadcast = EthernetFrame(kBroadcastMac, kPeer, 0x0806, 28);
+    network->InjectFromWire(guidA, broadcast);
+    EXPECT_TRUE(network->WaitForStack(guidA, 1));
+    EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{broadcast});
+    release.set_value();
+    Settle(guidA);
+    EXPECT_EQ(Stack(guidA).size(), 2u);
+}
+
+// Like the ARP cache: hands a held frame back through Dispatch from inside a callback.
+class Redispatcher : public RecordingSubscriber {
+public:
+    explicit Redispatcher(FilterDriversPublisher& publisher) : publisher_(publisher) {}
+    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
+        RecordingSubscriber::OnReceivedFrame(frame, guid);
+        if (frame.size() > 14 && frame[14] == 0x0A) {
+            Nat::Frame released = frame;
+            released[14] = 0x0B;
+            publisher_.Dispatch(QueuedFrame{released, false, guid});
+            return true;
+        }
+        return false;
+    }
+
+private:
+    FilterDriversPublisher& publisher_;
+};
+
+TEST_F(PublisherTest, ASubscriberMayDispatchAgainFromItsCallback) {
+    Redispatcher subscriber(*publisher);
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
+    network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46, 0x0A));
+    Settle(guidA);
+    const auto stack = Stack(guidA);
+    ASSERT_EQ(stack.size(), 1u);
+    EXPECT_EQ(stack[0][14], 0x0B);
+    EXPECT_EQ(subscriber.Offers().size(), 2u);
+
+    // A frame for an adapter that is not (or no longer) registered goes nowhere.
+    publisher->Dispatch(QueuedFrame{EthernetFrame(kMacB, kPeer, 0x0800, 46), false, guidB});
+    EXPECT_TRUE(network->SentToStack(guidB).empty());
+}
+
+class Thrower : public RecordingSubscriber {
+public:
+    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
+        RecordingSubscriber::OnReceivedFrame(frame, guid);
+        if (frame[14] == 0xEE) throw Nat::Exception("bad frame");
+        return false;
+    }
+};
+
+TEST_F(PublisherTest, ASubscribersErrorCostsOnlyItsFrame) {
+    Thrower subscriber;
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
+    network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46, 0xEE));
+    const Nat::Frame next = EthernetFrame(kMacA, kPeer, 0x0800, 46, 0x01);
+    network->InjectFromWire(guidA, next);
+    Settle(guidA);
+    EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{next});
+    EXPECT_TRUE(publisher->IsDispatchRunning());
+}
+
+TEST_F(PublisherTest, DestroyingThePublisherClosesItsAdapters) {
+    RecordingSubscriber subscriber;
+    ASSERT_TRUE(publisher->Register(&subscriber, {guidA, guidB}));
+    for (int i = 0; i < 50; ++i) network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46));
+    publisher.reset();
+    EXPECT_EQ(network->AdapterMode(guidA), 0u);
+    EXPECT_EQ(network->AdapterMode(guidB), 0u);
+    EXPECT_EQ(network->OpenAdapterEvents(), 0);
+    EXPECT_EQ(network->LiveClients(), 0);
+    EXPECT_TRUE(log.Has("DEBUG;Quit event received in DispatchThread"));
+}
+
+}  // namespace
+}  // namespace NativeNetworkDriver

@@ -1,0 +1,74 @@
+// Connection sharing: private destinations stay untranslated except name look-ups and
+// the proxy; each internal adapter gets its own mapping.
+#include <gtest/gtest.h>
+
+#include "NatTestSupport.h"
+
+using namespace NatTest;
+
+namespace {
+
+struct IcsRig {
+    uint32_t now = 5000;
+    FakeArpCache arp{[this] { return now; }};
+    Nat::InternetConnectionSharing ics;
+
+    explicit IcsRig(Nat::ProxyInfo proxy = {})
+        : ics(Rig::Ports(5000, 4), Rig::Ports(6000, 4), 60000, Net::External(), {Net::Internal(), Second()},
+              std::move(proxy), {}, &arp, [this] { return now; }) {}
+
+    static Nat::AdapterInfo Second() {
+        return {"int1", "Second", B(Mac(0x05)), {{B(Ip(192, 168, 2, 1)), {255, 255, 255, 0}}}, {}, {}};
+    }
+    uint32_t Classify(const Ipv4Address& dst, uint32_t port, const MacAddress& dstMac = Mac(0x01)) {
+        return ics.ClassifyInternalPacket(17, Net::HostMac(), dstMac, Net::HostIp(), dst, 50000, port);
+    }
+};
+
+}  // namespace
+
+TEST(Ics, PrivateDestinationsAreLeftAloneExceptNameLookups) {
+    IcsRig rig;
+    EXPECT_EQ(rig.Classify(Ip(192, 168, 1, 10), 80), 0u);
+    EXPECT_EQ(rig.Classify(Ip(192, 168, 1, 10), 53), 1u);
+    EXPECT_EQ(rig.Classify(Ip(192, 168, 1, 10), 53, Mac(0x77)), 0u);  // not sent to this machine
+    EXPECT_EQ(rig.Classify(Ip(10, 1, 2, 3), 443), 0u);
+    EXPECT_EQ(rig.Classify(Ip(172, 16, 0, 1), 80), 0u);
+    EXPECT_EQ(rig.Classify(Ip(172, 31, 255, 255), 80), 0u);
+    EXPECT_EQ(rig.Classify(Ip(172, 15, 0, 1), 80), 1u);
+    EXPECT_EQ(rig.Classify(Ip(172, 32, 0, 1), 80), 1u);
+    EXPECT_EQ(rig.Classify(Ip(192, 169, 0, 1), 80), 1u);
+    EXPECT_EQ(rig.ics.ClassifyExternalPacket(6, Mac(0x02), Net::FarIp(), 80, 5000), 0u);
+    EXPECT_TRUE(rig.ics.Rules().empty());
+    EXPECT_FALSE(rig.ics.FtpEnabled());
+}
+
+TEST(Ics, ProxyOnAPrivateAddressIsShared) {
+    IcsRig rig(Nat::ProxyInfo{true, B(Mac(0x55)), B(Ip(10, 9, 9, 9)), 8080});
+    EXPECT_EQ(rig.Classify(Ip(10, 9, 9, 9), 8080), 1u);
+    EXPECT_EQ(rig.Classify(Ip(10, 9, 9, 9), 8081), 0u);
+}
+
+TEST(Ics, EachInternalAdapterGetsItsRepliesBack) {
+    IcsRig rig;
+    ASSERT_EQ(rig.ics.Mappings().size(), 2u);
+    EXPECT_EQ(rig.ics.Mappings()[0].internal.id, "int0");
+    EXPECT_EQ(rig.ics.Mappings()[1].internal.id, "int1");
+
+    const MacAddress secondHost = Mac(0x41);
+    Frame a = Udp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::FarIp(), 50000, 53, "a"});
+    Frame b = Udp({secondHost, Mac(0x05), Ip(192, 168, 2, 10), Net::FarIp(), 50000, 53, "b"});
+    for (Frame* f : {&a, &b}) {
+        Fields in = Parse(*f);
+        ASSERT_EQ(rig.ics.ClassifyInternalPacket(17, in.srcMac, in.dstMac, in.srcIp, in.dstIp, in.srcPort, in.dstPort),
+                  1u);
+        EXPECT_EQ(rig.ics.TranslateInternalToExternal(1, *f, "x").id, "ext0");
+    }
+    EXPECT_EQ(Parse(a).srcPort, 6000);
+    EXPECT_EQ(Parse(b).srcPort, 6001);
+
+    Frame reply = Udp({Net::GatewayMac(), Mac(0x02), Net::FarIp(), Ip(10, 0, 0, 2), 53, 6001, "r"});
+    ASSERT_EQ(rig.ics.ClassifyExternalPacket(17, Mac(0x02), Net::FarIp(), 53, 6001), 1u);
+    EXPECT_EQ(rig.ics.TranslateExternalToInternal(1, reply, "ext0").id, "int1");
+    EXPECT_EQ(reply, Udp({Mac(0x05), secondHost, Net::FarIp(), Ip(192, 168, 2, 10), 53, 50000, "r"}));
+}

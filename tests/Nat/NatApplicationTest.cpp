@@ -1,0 +1,238 @@
+// HTTP Host and FTP rewriting through published services, with the sequence numbers
+// of both ends kept consistent across the segments that follow a rewrite.
+#include <gtest/gtest.h>
+
+#include "Nat/ApplicationLayer.h"
+#include "NatTestSupport.h"
+
+using namespace NatTest;
+namespace App = Nat::ApplicationLayer;
+
+namespace {
+
+const MacAddress kExtMac = Mac(0x02);
+const MacAddress kSrvMac = Mac(0x03);
+const Ipv4Address kExtIp = Ip(10, 0, 0, 2);
+const Ipv4Address kSrvSideIp = Ip(172, 20, 0, 1);
+
+std::string Apply(const std::string& payload, const std::optional<App::Edit>& edit) {
+    if (!edit) return payload;
+    return payload.substr(0, edit->begin) + edit->text + payload.substr(edit->end);
+}
+
+std::optional<App::Edit> HostEdit(const std::string& payload, uint32_t port) {
+    return App::HostFieldEdit(reinterpret_cast<const uint8_t*>(payload.data()), payload.size(), Net::ServerIp(), port);
+}
+
+template <typename Parser>
+auto ParseText(Parser parser, const std::string& text) {
+    return parser(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+// A client out on the far side talking to the published server.
+struct Conversation {
+    Rig& rig;
+    Ipv4Address client = Net::FarIp();
+    uint16_t clientPort = 40000;
+    uint16_t published = 8080;
+    Ipv4Address serverSees = Net::FarIp();  // the peer address the server is shown
+    uint16_t serverSeesPort = 40000;
+    uint16_t serverPort = 80;
+
+    Fields FromClient(uint32_t seq, uint32_t ack, uint8_t flags, const std::string& payload = {}) {
+        Frame f = Tcp({Net::GatewayMac(), kExtMac, client, kExtIp, clientPort, published, seq, ack, flags, payload});
+        EXPECT_EQ(rig.In(f), 2u);
+        EXPECT_TRUE(IpChecksumOk(f) && TransportChecksumOk(f));
+        return Parse(f);
+    }
+    Fields FromServer(uint32_t seq, uint32_t ack, uint8_t flags, const std::string& payload = {}) {
+        Frame f = Tcp({Net::ServerMac(), kSrvMac, Net::ServerIp(), serverSees, serverPort, serverSeesPort, seq, ack,
+                       flags, payload});
+        EXPECT_EQ(rig.Out(f, "srv0"), 2u);
+        EXPECT_TRUE(IpChecksumOk(f) && TransportChecksumOk(f));
+        return Parse(f);
+    }
+};
+
+}  // namespace
+
+TEST(NatHttp, HostValueNamesTheInternalServer) {
+    const std::string get = "GET / HTTP/1.1\r\nHost: 10.0.0.5:8080\r\nAccept: */*\r\n\r\n";
+    EXPECT_EQ(Apply(get, HostEdit(get, 80)), "GET / HTTP/1.1\r\nHost: 172.20.0.20\r\nAccept: */*\r\n\r\n");
+    EXPECT_EQ(Apply(get, HostEdit(get, 8081)), "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\nAccept: */*\r\n\r\n");
+    EXPECT_FALSE(HostEdit("POST / HTTP/1.1\r\nHost: 10.0.0.5\r\n\r\n", 80));
+    EXPECT_FALSE(HostEdit("GET / HTTP/1.1\r\nHost: example.com:8080\r\n\r\n", 80));
+    EXPECT_FALSE(HostEdit("GET / HTTP/1.1\r\nHost: 10.0.0.5", 80));  // value not ended
+    EXPECT_FALSE(HostEdit("GE", 80));
+}
+
+TEST(NatHttp, RewrittenRequestsKeepBothEndsSequenceNumbersConsistent) {
+    Nat::RedirectRule rule = Rule(6, 8080, 80, false);
+    rule.httpHostTranslation = true;
+    Rig rig({rule});
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Conversation c{rig};
+
+    c.FromClient(1000, 0, kSyn);
+    c.FromServer(5000, 1001, kSyn | kAck);
+    const std::string first = "GET / HTTP/1.1\r\nHost: 10.0.0.2:8080\r\n\r\n";
+    Fields got = c.FromClient(1001, 5001, kAck | kPsh, first);
+    EXPECT_EQ(got.payload, "GET / HTTP/1.1\r\nHost: 172.20.0.20\r\n\r\n");
+    EXPECT_EQ(got.seq, 1001u);
+    const uint32_t firstLen = static_cast<uint32_t>(first.size());
+
+    // The server acknowledges what it got; the client must see its own numbering.
+    Fields ack = c.FromServer(5001, 1001 + firstLen - 2, kAck);
+    EXPECT_EQ(ack.ack, 1001 + firstLen);
+
+    const std::string second = "GET /b HTTP/1.1\r\nHost: 10.0.0.2:8080\r\n\r\n";
+    const uint32_t secondSeq = 1001 + firstLen;
+    got = c.FromClient(secondSeq, 5001, kAck | kPsh, second);
+    EXPECT_EQ(got.seq, secondSeq - 2);
+    // A retransmission of the latest rewritten segment moves nothing twice.
+    got = c.FromClient(secondSeq, 5001, kAck | kPsh, second);
+    EXPECT_EQ(got.seq, secondSeq - 2);
+    EXPECT_EQ(got.payload, "GET /b HTTP/1.1\r\nHost: 172.20.0.20\r\n\r\n");
+
+    const uint32_t thirdSeq = secondSeq + static_cast<uint32_t>(second.size());
+    got = c.FromClient(thirdSeq, 5001, kAck | kPsh, "body");
+    EXPECT_EQ(got.seq, thirdSeq - 4);
+    ack = c.FromServer(5001, thirdSeq - 4 + 4, kAck);
+    EXPECT_EQ(ack.ack, thirdSeq + 4);
+    Fields response = c.FromServer(5001, thirdSeq, kAck | kPsh, "HTTP/1.1 200 OK\r\n\r\n");
+    EXPECT_EQ(response.seq, 5001u);  // the server's own direction is not moved
+}
+
+TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
+    Nat::RedirectRule rule = Rule(6, 8080, 8081, false);
+    rule.httpHostTranslation = true;
+    Rig rig({rule});
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Conversation c{rig};
+    c.serverPort = 8081;
+    const std::string head = "GET / HTTP/1.1\r\nHost: 1.2.3.4\r\n";
+    std::string big = head + std::string(1514 - 54 - head.size() - 4, 'a') + "\r\n\r\n";
+    ASSERT_EQ(54 + big.size(), 1514u);
+    EXPECT_EQ(c.FromClient(1, 0, kAck, big).payload, big);
+    std::string fits = head + "\r\n";
+    EXPECT_EQ(c.FromClient(1 + static_cast<uint32_t>(big.size()), 0, kAck, fits).payload,
+              "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\n\r\n");
+}
+
+TEST(NatFtp, PassiveAndActiveCommandsParse) {
+    auto reply = ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (192,168,1,20,19,137).\r\n");
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->port, 5001);
+    EXPECT_EQ(reply->address, Ip(192, 168, 1, 20));
+    EXPECT_EQ(App::PassiveReplyText(*reply, Ip(10, 0, 0, 2), 5000), "10,0,0,2,19,136");
+    auto extended = ParseText(App::ParsePassiveReply, "229 Entering Extended Passive Mode (|||6446|)\r\n");
+    ASSERT_TRUE(extended);
+    EXPECT_EQ(extended->port, 6446);
+    EXPECT_EQ(App::PassiveReplyText(*extended, {}, 5000), "|||5000|");
+    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (192,168,1,20,19).\r\n"));
+    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (192,168,1,256,19,1).\r\n"));
+    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (0,0,0,0,19,1).\r\n"));
+    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "226 Done (1,2,3,4,5,6)\r\n"));
+    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 no parenthesis"));
+
+    auto port = ParseText(App::ParsePortCommand, "port 93,184,216,34,156,64\r\n");
+    ASSERT_TRUE(port);
+    EXPECT_EQ(port->port, 40000);
+    EXPECT_EQ(App::PortCommandText(*port, kSrvSideIp, 5001), "172,20,0,1,19,137");
+    auto eprt = ParseText(App::ParsePortCommand, "EPRT |1|93.184.216.34|40000|\r\n");
+    ASSERT_TRUE(eprt);
+    EXPECT_EQ(eprt->address, Net::FarIp());
+    EXPECT_EQ(App::PortCommandText(*eprt, kSrvSideIp, 5001), "|1|172.20.0.1|5001|");
+    EXPECT_FALSE(ParseText(App::ParsePortCommand, "EPRT |2|::1|40000|\r\n"));
+    EXPECT_FALSE(ParseText(App::ParsePortCommand, "PORT 93,184,216,34,156,64"));  // line not complete
+    EXPECT_FALSE(ParseText(App::ParsePortCommand, "PORT 93,184,216,34,0,0\r\n"));
+}
+
+TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
+    Nat::RedirectRule rule = Rule(6, 21, 21, false);
+    rule.ftpSupport = true;
+    Rig rig({rule});
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Conversation control{rig};
+    control.published = 21;
+    control.serverPort = 21;
+
+    control.FromClient(100, 0, kSyn);
+    control.FromServer(7000, 101, kSyn | kAck);
+    const std::string reply = "227 Entering Passive Mode (172,20,0,20,19,137).\r\n";
+    Fields out = control.FromServer(7001, 101, kAck | kPsh, reply);
+    EXPECT_EQ(out.payload, "227 Entering Passive Mode (10,0,0,2,19,136).\r\n");
+    EXPECT_EQ(out.seq, 7001u);
+    ASSERT_EQ(rig.nat->Rules().size(), 2u);
+    EXPECT_TRUE(rig.nat->Rules().back().temporary);
+    EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 7u);
+
+    const uint32_t replyLen = static_cast<uint32_t>(reply.size());
+    EXPECT_EQ(control.FromClient(101, 7001 + replyLen - 3, kAck).ack, 7001 + replyLen);
+    EXPECT_EQ(control.FromServer(7001 + replyLen, 101, kAck | kPsh, "150 ok\r\n").seq, 7001 + replyLen - 3);
+
+    // The data connection through the published pool port reaches the server's port.
+    Conversation data{rig};
+    data.clientPort = 40001;
+    data.published = 5000;
+    data.serverSeesPort = 40001;
+    data.serverPort = 5001;
+    Fields syn = data.FromClient(1, 0, kSyn);
+    EXPECT_EQ(syn.dstIp, Net::ServerIp());
+    EXPECT_EQ(syn.dstPort, 5001);
+    EXPECT_EQ(syn.srcIp, Net::FarIp());
+    EXPECT_EQ(data.FromServer(9, 2, kSyn | kAck).srcPort, 5000);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Ip(8, 8, 8, 8), 40001, 5000), 0u);  // not the client
+
+    // Data activity keeps the idle control connection alive: its own last frame is
+    // 70 s old when the next one comes.
+    rig.now += 25000;
+    data.FromClient(2, 10, kAck);
+    rig.now += 25000;
+    data.FromClient(2, 10, kAck);
+    rig.now += 20000;
+    control.FromClient(101, 7009, kAck);
+
+    // The temporary rule lives 30 s past its last match, then its port returns.
+    data.FromClient(2, 10, kRst);
+    rig.now += 29999;
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40002, 5000), 2u);
+    rig.now += 30000;
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40002, 5000), 0u);
+    EXPECT_EQ(rig.nat->Rules().size(), 1u);
+    EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
+}
+
+TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
+    Nat::RedirectRule rule = Rule(6, 21, 21, true);
+    rule.ftpSupport = true;
+    Rig rig({rule});
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Conversation control{rig};
+    control.published = 21;
+    control.serverPort = 21;
+    control.serverSees = kSrvSideIp;
+    control.serverSeesPort = 5000;
+
+    EXPECT_EQ(control.FromClient(100, 0, kSyn).srcPort, 5000);
+    control.FromServer(7000, 101, kSyn | kAck);
+    const std::string command = "PORT 93,184,216,34,156,65\r\n";  // the client listens on 40001
+    Fields got = control.FromClient(101, 7001, kAck | kPsh, command);
+    EXPECT_EQ(got.payload, "PORT 172,20,0,1,19,137\r\n");
+    EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 6u);
+    const uint32_t commandLen = static_cast<uint32_t>(command.size());
+    EXPECT_EQ(control.FromServer(7001, 101 + commandLen - 3, kAck).ack, 101 + commandLen);
+    EXPECT_EQ(control.FromClient(101 + commandLen, 7001, kAck | kPsh, "LIST\r\n").seq, 101 + commandLen - 3);
+
+    // The server connects from its data port to the address it was given.
+    Frame dataSyn = Tcp({Net::ServerMac(), kSrvMac, Net::ServerIp(), kSrvSideIp, 20, 5001, 300, 0, kSyn});
+    ASSERT_EQ(rig.Out(dataSyn, "srv0"), 2u);
+    EXPECT_EQ(rig.lastAdapter->id, "ext0");
+    EXPECT_EQ(dataSyn, Tcp({kExtMac, Net::GatewayMac(), kExtIp, Net::FarIp(), 5001, 40001, 300, 0, kSyn}));
+
+    Frame dataSynAck = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 40001, 5001, 800, 301, kSyn | kAck});
+    ASSERT_EQ(rig.In(dataSynAck), 2u);
+    EXPECT_EQ(rig.lastAdapter->id, "srv0");
+    EXPECT_EQ(dataSynAck,
+              Tcp({kSrvMac, Net::ServerMac(), kSrvSideIp, Net::ServerIp(), 5001, 20, 800, 301, kSyn | kAck}));
+}

@@ -1,0 +1,278 @@
+// Port pools, time-outs, sweeps, temporary rules, and hostile input.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "NatTestSupport.h"
+#include "Packet/NatException.h"
+
+using namespace NatTest;
+
+namespace {
+
+const MacAddress kIntMac = Mac(0x01);
+const MacAddress kExtMac = Mac(0x02);
+const Ipv4Address kExtIp = Ip(10, 0, 0, 2);
+
+Frame HostSyn(uint16_t srcPort, const Ipv4Address& dst = Net::FarIp(), uint16_t dstPort = 80) {
+    return Tcp({Net::HostMac(), kIntMac, Net::HostIp(), dst, srcPort, dstPort, 1, 0, kSyn});
+}
+
+Frame ReplyTo(uint16_t externalPort, uint8_t flags = kAck, const Ipv4Address& from = Net::FarIp(),
+              uint16_t fromPort = 80) {
+    return Tcp({Net::GatewayMac(), kExtMac, from, kExtIp, fromPort, externalPort, 1, 2, flags});
+}
+
+std::string ThrownText(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Nat::Exception& e) {
+        return e.Message();
+    }
+    return "<nothing thrown>";
+}
+
+void ExpectEveryPortOnce(Nat::NatTable& table, std::vector<uint32_t> pool) {
+    std::vector<uint32_t> free = table.FreePorts();
+    std::sort(free.begin(), free.end());
+    std::sort(pool.begin(), pool.end());
+    EXPECT_EQ(free, pool);
+}
+
+}  // namespace
+
+TEST(NatKeys, OffsetsTakeNoPartInKeysAndEntriesPrintInOneLine) {
+    Nat::ExternalKey a{5000, kExtMac, Net::FarIp(), 80, 0, 0};
+    Nat::ExternalKey b = a;
+    b.sequenceOffset = 7;
+    b.acknowledgmentOffset = -7;
+    EXPECT_TRUE(a == b);
+    EXPECT_FALSE(a < b || b < a);
+    b.externalAdapterMac = Mac(0x04);
+    EXPECT_FALSE(a == b);
+    EXPECT_TRUE(a < b || b < a);
+    // Ordered by external port before remote port.
+    EXPECT_TRUE((Nat::ExternalKey{1, Mac(9), Ip(9, 9, 9, 9), 9, 0, 0}) < (Nat::ExternalKey{2, Mac(0), Ip(0, 0, 0, 0), 0, 0, 0}));
+
+    Nat::InternalKey internal{Net::HostMac(), Net::HostIp(), 40000, Mac(0x01), Net::FarIp(), 80, 0, 0};
+    EXPECT_EQ(Nat::EntryText(internal, a),
+              "InternalHost  02::00::00::00::00::11 192.168.1.10 40000 InternalAdapterMac 02::00::00::00::00::01 "
+              "Destination 93.184.216.34 80 External 5000 02::00::00::00::00::02 Remote 93.184.216.34 80");
+}
+
+TEST(NatPorts, PortsAreTakenFromTheFrontAndFreedToTheBack) {
+    Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 4));
+    Frame a = HostSyn(40000), b = HostSyn(40001);
+    rig.Out(a);
+    rig.Out(b);
+    EXPECT_EQ(Parse(a).srcPort, 5000);
+    EXPECT_EQ(Parse(b).srcPort, 5001);
+    Frame rst = ReplyTo(5000, kRst);
+    ASSERT_EQ(rig.In(rst), 1u);
+    std::vector<uint16_t> next;
+    for (uint16_t port = 40002; port < 40005; ++port) {
+        Frame f = HostSyn(port);
+        rig.Out(f);
+        next.push_back(Parse(f).srcPort);
+    }
+    EXPECT_EQ(next, (std::vector<uint16_t>{5002, 5003, 5000}));
+
+    // A second frame of a known flow takes no port.
+    Frame again = HostSyn(40002);
+    EXPECT_EQ(ThrownText([&] { rig.Out(again); }), "<nothing thrown>");
+    EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 0u);
+}
+
+TEST(NatPorts, ExhaustedPoolRecoversThroughASweepInKeyOrder) {
+    Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 2), Rig::Ports(6000, 2), 60000);
+    Frame a = HostSyn(40000, Net::FarIp(), 443), b = HostSyn(40001, Net::FarIp(), 80);
+    rig.Out(a);
+    rig.now += 10;
+    rig.Out(b);
+    Frame c = HostSyn(40002);
+    EXPECT_EQ(ThrownText([&] { rig.Out(c); }), "There are no port available");
+    EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 2u);
+
+    rig.now += 60000;  // both idle for the timeout now
+    c = HostSyn(40002);
+    ASSERT_EQ(rig.Out(c), 1u);
+    EXPECT_EQ(Parse(c).srcPort, 5000);  // the first entry of the activity index
+    EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 1u);
+    EXPECT_EQ(rig.nat->TcpTable().FreePorts(), std::vector<uint32_t>{5001});
+}
+
+TEST(NatLifetime, InboundTimeoutBoundaryAndOutboundRefresh) {
+    Rig rig({}, {Rig::DefaultMapping()});
+    Frame syn = HostSyn(40000);
+    rig.Out(syn);
+    rig.now += 59999;
+    Frame early = ReplyTo(5000);
+    EXPECT_EQ(rig.In(early), 1u);  // refreshed
+
+    rig.now += 60000;
+    Frame late = ReplyTo(5000);
+    EXPECT_EQ(ThrownText([&] { rig.In(late); }),
+              "Internal host info timeout exceeded for remoteIP: 93.184.216.34 remotePort: 80 externalPort: 5000. "
+              "The packet will be discarded");
+    EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 0u);
+    EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
+    Frame after = ReplyTo(5000);
+    EXPECT_EQ(rig.In(after), 0u);
+
+    // Outbound, an idle SNAT entry is refreshed without a check.
+    Frame first = HostSyn(41000);
+    rig.Out(first);
+    const uint16_t port = Parse(first).srcPort;
+    rig.now += 100000;
+    Frame second = HostSyn(41000);
+    ASSERT_EQ(rig.Out(second), 1u);
+    EXPECT_EQ(Parse(second).srcPort, port);
+    Frame reply = ReplyTo(port);
+    EXPECT_EQ(rig.In(reply), 1u);
+}
+
+TEST(NatLifetime, RuleEntriesExpireOnTheWayOutAndNewRuleEntriesSweep) {
+    Rig rig({Rule(6, 8080, 80, false)}, {Rig::DefaultMapping()});
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Frame snat = HostSyn(40000);
+    rig.Out(snat);
+    Frame syn = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 33000, 8080, 1, 0, kSyn});
+    ASSERT_EQ(rig.In(syn), 2u);
+    rig.now += 60000;
+    Frame reply = Tcp({Net::ServerMac(), Mac(0x03), Net::ServerIp(), Net::FarIp(), 80, 33000, 5, 2, kSyn | kAck});
+    EXPECT_EQ(rig.nat->ClassifyInternalPacket(6, Net::ServerMac(), Mac(0x03), Net::ServerIp(), Net::FarIp(), 80, 33000),
+              2u);
+    EXPECT_EQ(ThrownText([&] { rig.nat->TranslateInternalToExternal(2, reply, "srv0"); }),
+              "Internal host info timeout exceeded for remoteIP: 93.184.216.34 remotePort: 33000 externalPort: 8080. "
+              "The packet will be discarded");
+    EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 1u);  // the idle SNAT entry is still there
+
+    rig.now += 60001;  // 120001 ms since the last sweep: a new rule entry sweeps first
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Frame syn2 = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 33001, 8080, 1, 0, kSyn});
+    ASSERT_EQ(rig.In(syn2), 2u);
+    EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 1u);
+    EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 8u);
+}
+
+TEST(NatLifetime, TemporaryRuleLivesThirtySecondsAfterItsLastMatch) {
+    Nat::RedirectRule temporary = Rule(6, 5100, 21, false);
+    temporary.temporary = true;
+    Rig rig({temporary});
+    temporary.refreshedTick = rig.now;
+    rig.nat = std::make_unique<Nat::NetworkAddressTranslator>(Rig::Ports(5000, 2), Rig::Ports(6000, 2), 60000,
+                                                              std::vector<Nat::RedirectRule>{temporary},
+                                                              std::vector<Nat::AdapterMapping>{}, Nat::ProxyInfo{},
+                                                              std::vector<Bytes>{}, &rig.arp, [&rig] { return rig.now; });
+    rig.now += 29999;
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40000, 5100), 2u);
+    rig.now += 29999;
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40000, 5100), 2u);
+    rig.now += 30000;
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40000, 5100), 0u);
+    EXPECT_TRUE(rig.nat->Rules().empty());
+    EXPECT_EQ(rig.nat->TcpTable().FreePorts(), (std::vector<uint32_t>{5000, 5001, 5100}));
+}
+
+TEST(NatLifetime, ManyNewFlowsAgainstASmallPoolLoseNoPort) {
+    const std::vector<uint32_t> pool = Rig::Ports(7000, 16);
+    Rig rig({Rule(6, 8080, 80, true)}, {Rig::DefaultMapping()}, pool, Rig::Ports(6000, 16), 1000);
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    std::mt19937 random(7);
+    size_t translated = 0, refused = 0;
+    for (uint32_t i = 0; i < 65536; ++i) {
+        rig.now += random() % 40;
+        if (i % 3 == 0) rig.Learn(Net::ServerIp(), Net::ServerMac());  // bindings age after 30 s
+        const uint16_t port = static_cast<uint16_t>(1024 + i % 60000);
+        const Ipv4Address far = Ip(93, 184, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i));
+        Frame frame = (i % 3 == 0) ? Tcp({Net::GatewayMac(), kExtMac, far, kExtIp, port, 8080, 1, 0, kSyn})
+                                   : HostSyn(port, far);
+        try {
+            if (i % 3 == 0) {
+                rig.In(frame);
+            } else {
+                rig.Out(frame);
+                if (i % 7 == 0) {
+                    Frame rst = ReplyTo(Parse(frame).srcPort, kRst, far, 80);
+                    rig.In(rst);
+                }
+            }
+            ++translated;
+        } catch (const Nat::Exception& e) {
+            EXPECT_EQ(e.Message(), "There are no port available");
+            ++refused;
+        }
+    }
+    EXPECT_GT(translated, 1000u);
+    EXPECT_GT(refused, 1000u);
+    EXPECT_TRUE(rig.nat->TcpTable().Consistent());
+    rig.now += 1000;
+    rig.nat->TcpTable().Sweep();
+    EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 0u);
+    ExpectEveryPortOnce(rig.nat->TcpTable(), pool);
+}
+
+TEST(NatHostileInput, TruncatedAndLyingFramesAreAnsweredOrRefused) {
+    Rig rig({Rule(6, 8080, 80, true)}, {Rig::DefaultMapping()}, Rig::Ports(5000, 4), Rig::Ports(6000, 4), 1000);
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    TcpSpec spec{Net::HostMac(), kIntMac, Net::HostIp(), Net::FarIp(), 40000, 80, 1, 0, kSyn | kAck, "payload"};
+    spec.tcpOptions = {2, 4, 5, 180};
+    const Frame good = Tcp(spec);
+    const Frame inbound = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 1234, 8080, 1, 0, kSyn, "x"});
+
+    auto drive = [&](Frame frame) {
+        for (uint32_t kind : {1u, 2u}) {
+            Frame out = frame, in = frame;
+            try {
+                rig.nat->TranslateInternalToExternal(kind, out, "int0");
+            } catch (const Nat::Exception&) {
+            }
+            try {
+                rig.nat->TranslateExternalToInternal(kind, in, "ext0");
+            } catch (const Nat::Exception&) {
+            }
+        }
+    };
+    for (const Frame& base : {good, inbound}) {
+        for (size_t size = 0; size <= base.size(); ++size) drive(Frame(base.begin(), base.begin() + size));
+        for (uint16_t total : {0, 1, 19, 20, 39, 40, 1000, 65535}) {
+            Frame lying = base;
+            lying[16] = static_cast<uint8_t>(total >> 8);
+            lying[17] = static_cast<uint8_t>(total);
+            drive(lying);
+        }
+        for (uint8_t ihl = 0; ihl < 16; ++ihl) {
+            Frame odd = base;
+            odd[14] = static_cast<uint8_t>(0x40 | ihl);
+            drive(odd);
+        }
+        for (uint8_t offset = 0; offset < 16; ++offset) {
+            Frame odd = base;
+            odd[14 + 20 + 12] = static_cast<uint8_t>(offset << 4);
+            drive(odd);
+        }
+    }
+    std::mt19937 random(3);
+    for (int i = 0; i < 3000; ++i) {
+        Frame frame = (i % 2) ? good : inbound;
+        for (int flips = 0; flips < 4; ++flips) frame[random() % frame.size()] = static_cast<uint8_t>(random());
+        frame.resize(random() % (frame.size() + 1));
+        drive(frame);
+        Frame noise(random() % 100);
+        for (auto& byte : noise) byte = static_cast<uint8_t>(random());
+        drive(noise);
+    }
+    EXPECT_EQ(ThrownText([&] {
+                  Frame odd = good;
+                  odd[14] = 0x44;
+                  rig.nat->TranslateInternalToExternal(1, odd, "int0");
+              }),
+              "Unexpected IP header size: 16");
+    EXPECT_TRUE(rig.nat->TcpTable().Consistent());
+    rig.now += 1000;
+    rig.nat->TcpTable().Sweep();
+    rig.nat->UdpTable().Sweep();
+    ExpectEveryPortOnce(rig.nat->TcpTable(), Rig::Ports(5000, 4));
+    ExpectEveryPortOnce(rig.nat->UdpTable(), Rig::Ports(6000, 4));
+}

@@ -1,0 +1,223 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "FilterDriver/FilterDriversPublisher.h"
+#include "Packet/ArpCache.h"
+#include "PacketFakeDriver.h"
+#include "PacketTestHelpers.h"
+#include "support/PacketLogCapture.h"
+
+using namespace ndtest;
+using NativeNetworkDriver::ArpCache;
+using NativeNetworkDriver::FilterDriversPublisher;
+using NativeNetworkDriver::QueuedFrame;
+
+namespace {
+
+const std::string kGuidA = "{30687465-0000-0000-0000-000000000000}";
+const std::string kGuidB = "{31687465-0000-0000-0000-000000000000}";
+const MacAddress kMacA = {0x02, 0, 0, 0, 0, 0x0A};
+const MacAddress kMacB = {0x02, 0, 0, 0, 0, 0x0B};
+const Ipv4Address kGateway = {192, 168, 1, 1};
+const MacAddress kGatewayMac = {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
+
+// Another session on the same adapters: sees what the cache lets through.
+class Recorder : public NativeNetworkDriver::IFilterDriversSubscriber {
+public:
+    struct Seen {
+        std::string guid;
+        Nat::FragmentList frames;
+        bool fragments;
+    };
+    bool OnSentFragments(const Nat::FragmentList&, const std::string&) override { return false; }
+    bool OnSentFrame(const Nat::Frame&, const std::string&) override { return false; }
+    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override {
+        Add({guid, fragments, true});
+        return true;
+    }
+    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
+        Add({guid, {frame}, false});
+        return true;
+    }
+    std::vector<Seen> Take() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(seen_, {});
+    }
+    // Waits until `count` offers have been seen.
+    bool WaitFor(size_t count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return seen_.size() >= count; });
+    }
+
+private:
+    void Add(Seen seen) {
+        std::lock_guard lock(mutex_);
+        seen_.push_back(std::move(seen));
+        changed_.notify_all();
+    }
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Seen> seen_;
+};
+
+Frame ReplyFrom(const Ipv4Address& ip, const MacAddress& mac, const MacAddress& to) {
+    return FrameBuilder::Arp().EthSrc(mac).EthDst(to).ArpOpcode(2).ArpSender(mac, ip).ArpTarget(to, {}).PadTo(60).Build();
+}
+
+Frame Outbound(uint16_t id) { return FrameBuilder::Tcp().EthDst(kGatewayMac).IpId(id).Payload("data").Build(); }
+
+class ArpCacheTest : public ::testing::Test {
+protected:
+    ArpCacheTest() {
+        driver.AddAdapter(kGuidA, kMacA);
+        driver.AddAdapter(kGuidB, kMacB);
+    }
+
+    void Offer(const std::string& guid, const Frame& frame) { publisher.Dispatch(QueuedFrame{frame, false, guid}); }
+
+    PacketLogCapture log{2};  // first in, last out: the publisher logs until it is gone
+    PacketFakeDriver driver;
+    FilterDriversPublisher publisher;
+    const int session1 = 0, session2 = 0;
+};
+
+}  // namespace
+
+TEST_F(ArpCacheTest, WithoutPublisherTheCacheIsInert) {
+    ArpCache cache(nullptr);
+    EXPECT_EQ(cache.GetArpTable(), nullptr);
+    EXPECT_FALSE(cache.OnReceivedFrame(ReplyFrom(kGateway, kGatewayMac, kMacA), kGuidA));
+    EXPECT_FALSE(cache.OnReceivedFrame(Frame(3), kGuidA));  // not even looked at
+    EXPECT_FALSE(cache.OnSentFrame(Frame(3), kGuidA));
+    EXPECT_FALSE(log.Contains("Arp process"));
+}
+
+TEST_F(ArpCacheTest, LogsItsStartAndRegistrations) {
+    ArpCache cache(&publisher);
+    ASSERT_NE(cache.GetArpTable(), nullptr);
+    EXPECT_EQ(log.CountLines("INFO", "Initializing Arp process"), 1);
+    EXPECT_EQ(log.CountLines("INFO", "Arp process successfully initialized"), 1);
+    EXPECT_TRUE(cache.RegisterDrivers(&session1, {kGuidA, ""}));
+    EXPECT_EQ(log.CountLines("ERROR", "Successfully registered the drivers for Arp cache."), 1);
+    EXPECT_FALSE(cache.RegisterDrivers(&session2, {"{no-such-adapter}"}));
+    EXPECT_EQ(log.CountLines("ERROR", "Unable to register the drivers for Arp cache."), 1);
+}
+
+TEST_F(ArpCacheTest, LearnsFromRepliesOnlyAndNeverConsumes) {
+    ArpCache cache(&publisher);
+    Recorder other;
+    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
+
+    const Frame request = FrameBuilder::Arp().ArpOpcode(1).ArpSender(kGatewayMac, kGateway).PadTo(60).Build();
+    Offer(kGuidA, request);
+    EXPECT_EQ(cache.GetArpTable()->ToString(), "");
+
+    const Frame reply = ReplyFrom(kGateway, kGatewayMac, kMacA);
+    Offer(kGuidA, reply);
+    EXPECT_EQ(cache.GetArpTable()->ToString(), "IP 192.168.1.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n");
+    const auto seen = other.Take();
+    ASSERT_EQ(seen.size(), 2u);  // both went on to the next subscriber
+    EXPECT_EQ(seen[1].frames[0], reply);
+
+    // A runt frame's codec error reaches the publisher's caller.
+    EXPECT_THROW(Offer(kGuidA, Frame(20, 0)), Nat::Exception);
+}
+
+TEST_F(ArpCacheTest, HeldFramesComeBackAsReceivedFramesOfTheirAdapter) {
+    ArpCache cache(&publisher);
+    Recorder other;
+    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA, kGuidB}));
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA, kGuidB}));
+    NativeNetworkDriver::ArpTable* table = cache.GetArpTable();
+
+    EXPECT_EQ(table->ResolveOrHold(kGateway, Outbound(1), kGuidA), std::nullopt);
+    EXPECT_EQ(table->ResolveOrHold(kGateway, Outbound(2), kGuidB), std::nullopt);
+    EXPECT_TRUE(other.Take().empty());
+
+    const Frame reply = ReplyFrom(kGateway, kGatewayMac, kMacA);
+    Offer(kGuidA, reply);
+    const auto seen = other.Take();
+    ASSERT_EQ(seen.size(), 3u);
+    // The cache comes first, so the released frames are offered inside the reply's offer.
+    EXPECT_EQ(seen[0].guid, kGuidA);
+    EXPECT_EQ(seen[0].frames[0], Outbound(1));
+    EXPECT_EQ(seen[1].guid, kGuidB);
+    EXPECT_EQ(seen[1].frames[0], Outbound(2));
+    EXPECT_EQ(seen[2].frames[0], reply);
+    EXPECT_EQ(table->ResolveOrHold(kGateway, Outbound(3), kGuidA), kGatewayMac);
+}
+
+TEST_F(ArpCacheTest, HeldDatagramComesBackAsItsFragments) {
+    ArpCache cache(&publisher);
+    Recorder other;
+    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
+    const FragmentList parts = FrameBuilder::Udp().DontFragment(false).Payload(Bytes(60, 9)).BuildFragments(32);
+    ASSERT_EQ(parts.size(), 3u);
+    cache.GetArpTable()->ResolveOrHold(kGateway, parts[0], kGuidA, std::set<Frame>(parts.begin(), parts.end()));
+    Offer(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
+    const auto seen = other.Take();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_TRUE(seen[0].fragments);
+    EXPECT_EQ(seen[0].frames, parts);  // collected again, in offset order
+}
+
+TEST_F(ArpCacheTest, AnAdapterIsWatchedWhileAnySessionWantsIt) {
+    ArpCache cache(&publisher);
+    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+    ASSERT_TRUE(cache.RegisterDrivers(&session2, {kGuidA, kGuidB}));
+    cache.UnregisterDrivers(&session1);
+    Offer(kGuidA, ReplyFrom({10, 0, 0, 1}, kGatewayMac, kMacA));
+    Offer(kGuidB, ReplyFrom({10, 0, 0, 2}, kGatewayMac, kMacB));
+    EXPECT_EQ(cache.GetArpTable()->ToString(),
+              "IP 10.0.0.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n"
+              "IP 10.0.0.2 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n");
+    cache.UnregisterDrivers(&session2);
+    Offer(kGuidA, ReplyFrom({10, 0, 0, 3}, kGatewayMac, kMacA));
+    EXPECT_EQ(cache.GetArpTable()->ToString().find("10.0.0.3"), std::string::npos);
+}
+
+TEST_F(ArpCacheTest, DestroyedCacheIsNoLongerOffered) {
+    Recorder other;
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
+    {
+        ArpCache cache(&publisher);
+        ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+        cache.GetArpTable()->ResolveOrHold(kGateway, Outbound(1), kGuidA);
+    }
+    Offer(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
+    EXPECT_EQ(other.Take().size(), 1u);  // the reply only: the held frame went with the cache
+}
+
+// The whole path on the publisher's own threads: a reply captured on the wire releases
+// the held frame from the dispatch thread, which already holds the subscribers lock.
+TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
+    ArpCache cache(&publisher);
+    Recorder other;
+    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
+    cache.GetArpTable()->ResolveOrHold(kGateway, Outbound(7), kGuidA);
+    driver.Receive(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
+    ASSERT_TRUE(other.WaitFor(2));
+    const auto seen = other.Take();
+    EXPECT_EQ(seen[0].frames[0], Outbound(7));
+    EXPECT_EQ(seen[0].guid, kGuidA);
+    EXPECT_EQ(cache.GetArpTable()->ResolveOrHold(kGateway, Outbound(8), kGuidA), kGatewayMac);
+}
+
+TEST_F(ArpCacheTest, UnconsumedReleasedFrameGoesOnToTheStack) {
+    ArpCache cache(&publisher);
+    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+    // Addressed to the adapter itself, so the publisher passes it up when nobody takes it.
+    const Frame toUs = FrameBuilder::Udp().EthDst(kMacA).Payload("x").Build();
+    cache.GetArpTable()->ResolveOrHold(kGateway, toUs, kGuidA);
+    Offer(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
+    bool found = false;
+    for (const auto& w : driver.WrittenFrames()) found |= w.guid == kGuidA && w.toStack && w.frame == toUs;
+    EXPECT_TRUE(found);
+}

@@ -1,0 +1,252 @@
+#include "Platform/posix/LinuxVnetFrames.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "Platform/FrameTestSupport.h"
+
+using namespace Platform;
+using namespace PlatformTest;
+
+namespace {
+
+constexpr size_t kMax = 1514;
+
+std::vector<Bytes> SplitAll(const VnetHeader& h, const Bytes& frame, bool& started) {
+    VnetFrameSplitter splitter;
+    std::vector<Bytes> out;
+    started = splitter.Start(h, frame.data(), frame.size(), kMax);
+    if (!started) return out;
+    uint8_t buffer[kMax];
+    for (size_t n; (n = splitter.Next(buffer, sizeof(buffer))) > 0;) {
+        out.emplace_back(buffer, buffer + n);
+        if (out.size() > 100) break;
+    }
+    return out;
+}
+
+// The frame as the stack hands it over when the hardware completes the checksum.
+Bytes LeaveChecksumToHardware(Bytes f, VnetHeader& h) {
+    Layout l;
+    ParseLayout(f.data(), f.size(), l);
+    const size_t field = l.protocol == 6 ? 16 : 6;
+    Wr16(f.data() + l.l4 + field, PseudoSum(f, l, f.size() - l.l4));
+    h.flags = kVnetFlagNeedsCsum;
+    h.csumStart = static_cast<uint16_t>(l.l4);
+    h.csumOffset = static_cast<uint16_t>(field);
+    return f;
+}
+
+}  // namespace
+
+TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
+    for (bool ipv6 : {false, true}) {
+        for (size_t payload : {0u, 1u, 17u, 1000u}) {
+            const Bytes good = UdpFrame(ipv6, Pattern(payload));
+            VnetHeader h;
+            const Bytes partial = LeaveChecksumToHardware(good, h);
+            ASSERT_NE(good, partial);
+            bool started = false;
+            const auto out = SplitAll(h, partial, started);
+            ASSERT_TRUE(started);
+            ASSERT_EQ(out.size(), 1u);
+            EXPECT_EQ(out[0], good) << "ipv6 " << ipv6 << " payload " << payload;
+        }
+        TcpSpec spec;
+        spec.ipv6 = ipv6;
+        const Bytes good = TcpFrame(spec, Pattern(333));
+        VnetHeader h;
+        bool started = false;
+        const auto out = SplitAll(h, LeaveChecksumToHardware(good, h), started);
+        ASSERT_EQ(out.size(), 1u);
+        EXPECT_EQ(out[0], good);
+    }
+}
+
+TEST(VnetFrames, PlainFramePassesUnchangedAndOversizeOrBadOffsetsAreRefused) {
+    const Bytes frame = UdpFrame(false, Pattern(100));
+    bool started = false;
+    auto out = SplitAll(VnetHeader{}, frame, started);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0], frame);
+
+    VnetFrameSplitter splitter;
+    const Bytes big(kMax + 1, 0);
+    EXPECT_FALSE(splitter.Start(VnetHeader{}, big.data(), big.size(), kMax));
+    EXPECT_FALSE(splitter.Start(VnetHeader{}, frame.data(), 13, kMax));
+
+    VnetHeader h;
+    h.flags = kVnetFlagNeedsCsum;
+    h.csumStart = static_cast<uint16_t>(frame.size());
+    EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));
+    h.csumStart = static_cast<uint16_t>(frame.size() - 1);
+    h.csumOffset = 0;
+    EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));  // field would run past the end
+    h.csumStart = 34;
+    h.csumOffset = 0xFFFF;
+    EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));
+}
+
+// Checks every segment of a split TCP super-frame against the original.
+void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, size_t expectedCount,
+                      const TcpSpec& spec, const Bytes& payload) {
+    ASSERT_EQ(segments.size(), expectedCount);
+    Layout l;
+    ASSERT_TRUE(ParseLayout(super.data(), super.size(), l));
+    const size_t header = l.l4 + 20 + spec.optionBytes;
+    Bytes joined;
+    for (size_t i = 0; i < segments.size(); ++i) {
+        const Bytes& s = segments[i];
+        SCOPED_TRACE("segment " + std::to_string(i));
+        ASSERT_LE(s.size(), kMax);
+        ASSERT_GT(s.size(), header);
+        EXPECT_TRUE(std::equal(s.begin(), s.begin() + 14, super.begin()));  // Ethernet header kept
+        if (l.ipv6) {
+            EXPECT_EQ(Rd16(s.data() + 18), s.size() - 54);
+        } else {
+            EXPECT_EQ(Rd16(s.data() + 16), s.size() - 14);
+            EXPECT_EQ(Rd16(s.data() + 18), static_cast<uint16_t>(spec.ipId + i));
+            EXPECT_TRUE(Ipv4HeaderChecksumValid(s.data(), s.size()));
+        }
+        EXPECT_TRUE(TransportChecksumValid(s.data(), s.size()));
+        EXPECT_EQ(Rd32(s.data() + l.l4 + 4), static_cast<uint32_t>(spec.seq + joined.size()));
+        const uint8_t flags = s[l.l4 + 13];
+        const bool last = i + 1 == segments.size();
+        EXPECT_EQ((flags & 0x09) != 0, last && (spec.flags & 0x09) != 0);     // FIN, PSH only at the end
+        EXPECT_EQ((flags & 0x80) != 0, i == 0 && (spec.flags & 0x80) != 0);  // CWR only at the start
+        EXPECT_EQ(flags & 0x10, 0x10);
+        Append(joined, s.data() + header, s.size() - header);
+    }
+    EXPECT_EQ(joined, payload);
+}
+
+TEST(VnetFrames, TcpSuperFrameIsCutIntoWireSizedSegments) {
+    for (bool ipv6 : {false, true}) {
+        SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
+        TcpSpec spec;
+        spec.ipv6 = ipv6;
+        spec.seq = 0xFFFFF000;  // wraps during the split
+        spec.flags = 0x10 | 0x08 | 0x01 | 0x80;
+        const Bytes payload = Pattern(10000);
+        Bytes super = TcpFrame(spec, payload);
+        VnetHeader h;
+        super = LeaveChecksumToHardware(super, h);
+        h.gsoType = static_cast<uint8_t>((ipv6 ? kVnetGsoTcpV6 : kVnetGsoTcpV4) | kVnetGsoEcn);
+        h.hdrLen = 200;  // the kernel's linear length, not a header length
+        const size_t header = (ipv6 ? 54 : 34) + 32;
+        h.gsoSize = static_cast<uint16_t>(kMax - (ipv6 ? 86 : 66));
+        bool started = false;
+        const auto segments = SplitAll(h, super, started);
+        ASSERT_TRUE(started);
+        CheckTcpSegments(super, segments, (payload.size() + h.gsoSize - 1) / h.gsoSize, spec, payload);
+        EXPECT_EQ(segments.front().size(), kMax);
+        EXPECT_EQ(segments.back().size(), header + payload.size() % h.gsoSize);
+    }
+}
+
+TEST(VnetFrames, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
+    TcpSpec spec;
+    spec.optionBytes = 0;
+    const Bytes payload = Pattern(20000);
+    const Bytes super = TcpFrame(spec, payload);
+    VnetHeader h;
+    h.gsoType = kVnetGsoTcpV4;
+    h.gsoSize = 8948;
+    bool started = false;
+    const auto segments = SplitAll(h, super, started);
+    ASSERT_TRUE(started);
+    const size_t perSegment = kMax - 54;
+    CheckTcpSegments(super, segments, (payload.size() + perSegment - 1) / perSegment, spec, payload);
+}
+
+TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
+    for (bool ipv6 : {false, true}) {
+        SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
+        const Bytes payload = Pattern(2500);
+        const Bytes super = UdpFrame(ipv6, payload);
+        VnetHeader h;
+        h.gsoType = kVnetGsoUdpL4;
+        h.gsoSize = 1000;
+        bool started = false;
+        const auto segments = SplitAll(h, super, started);
+        ASSERT_TRUE(started);
+        ASSERT_EQ(segments.size(), 3u);
+        const size_t l4 = ipv6 ? 54 : 34;
+        Bytes joined;
+        for (size_t i = 0; i < segments.size(); ++i) {
+            const Bytes& s = segments[i];
+            const size_t data = i < 2 ? 1000 : 500;
+            ASSERT_EQ(s.size(), l4 + 8 + data);
+            EXPECT_EQ(Rd16(s.data() + l4 + 4), 8 + data);
+            EXPECT_TRUE(TransportChecksumValid(s.data(), s.size()));
+            if (!ipv6) {
+                EXPECT_TRUE(Ipv4HeaderChecksumValid(s.data(), s.size()));
+            }
+            Append(joined, s.data() + l4 + 8, s.size() - l4 - 8);
+        }
+        EXPECT_EQ(joined, payload);
+
+        // Datagram boundaries cannot move: a segment size that does not fit is refused.
+        h.gsoSize = static_cast<uint16_t>(kMax - l4 - 8 + 1);
+        VnetFrameSplitter splitter;
+        EXPECT_FALSE(splitter.Start(h, super.data(), super.size(), kMax));
+    }
+}
+
+TEST(VnetFrames, MalformedSuperFramesAreRefused) {
+    TcpSpec spec;
+    const Bytes tcp = TcpFrame(spec, Pattern(3000));
+    VnetFrameSplitter splitter;
+    VnetHeader h;
+    h.gsoSize = 1448;
+
+    h.gsoType = kVnetGsoUdp;  // IP fragmentation offload
+    EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
+    h.gsoType = kVnetGsoTcpV6;  // type does not match the IPv4 header
+    EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
+    h.gsoType = kVnetGsoUdpL4;  // protocol is TCP
+    EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
+    h.gsoType = kVnetGsoTcpV4;
+    EXPECT_FALSE(splitter.Start(h, tcp.data(), 40, kMax));  // TCP header cut off
+
+    Bytes bad = tcp;
+    bad[14 + 20 + 12] = 0x30;  // data offset 12 bytes
+    EXPECT_FALSE(splitter.Start(h, bad.data(), bad.size(), kMax));
+    bad = tcp;
+    bad[14] = 0x4F;  // IHL past the frame's TCP header
+    EXPECT_FALSE(splitter.Start(h, bad.data(), 70, kMax));
+    bad = tcp;
+    bad[12] = 0x08;
+    bad[13] = 0x06;  // ARP
+    EXPECT_FALSE(splitter.Start(h, bad.data(), bad.size(), kMax));
+}
+
+TEST(VnetFrames, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
+    std::mt19937 random(12345);
+    const TcpSpec spec;
+    const Bytes base = TcpFrame(spec, Pattern(4000));
+    uint8_t out[kMax];
+    size_t produced = 0;
+    for (int round = 0; round < 3000; ++round) {
+        Bytes frame = base;
+        frame.resize(random() % (base.size() + 1));
+        const int flips = static_cast<int>(random() % 6);
+        for (int i = 0; i < flips && !frame.empty(); ++i) frame[random() % std::min<size_t>(frame.size(), 80)] = static_cast<uint8_t>(random());
+        VnetHeader h;
+        h.flags = static_cast<uint8_t>(random() % 2);
+        h.gsoType = static_cast<uint8_t>(random() % 6);
+        h.gsoSize = static_cast<uint16_t>(random() % 3000);
+        h.csumStart = static_cast<uint16_t>(random() % 200);
+        h.csumOffset = static_cast<uint16_t>(random() % 40);
+        VnetFrameSplitter splitter;
+        if (!splitter.Start(h, frame.data(), frame.size(), kMax)) continue;
+        size_t count = 0;
+        for (size_t n; (n = splitter.Next(out, sizeof(out))) > 0;) {
+            ASSERT_LE(n, kMax);
+            ASSERT_LE(++count, frame.size() + 1);
+            ++produced;
+        }
+    }
+    EXPECT_GT(produced, 0u);
+}

@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <stdexcept>
+
+#include "Logging/Logger.h"
+#include "PortPool/SocketPortPool.h"
+#include "support/PacketLogCapture.h"
+
+using PortPool::SocketPortPool;
+using ndtest::PacketLogCapture;
+
+namespace {
+
+// Binds a fresh wildcard socket of the protocol to `port`: the descriptor, or -errno.
+int TryBind(uint32_t protocol, uint16_t port) {
+    const int fd = socket(AF_INET, protocol == PortPool::kTcp ? SOCK_STREAM : SOCK_DGRAM, 0);
+    if (fd < 0) return -errno;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        const int error = errno;
+        close(fd);
+        return -error;
+    }
+    return fd;
+}
+
+// A port that is free right now (bound and released again).
+uint16_t FreePort(uint32_t protocol) {
+    const int fd = TryBind(protocol, 0);
+    if (fd < 0) throw std::runtime_error("no free port");
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool HeldElsewhere(uint32_t protocol, uint16_t port) {
+    const int fd = TryBind(protocol, port);
+    if (fd >= 0) close(fd);
+    return fd == -EADDRINUSE;
+}
+
+std::vector<uint32_t> PortsOf(SocketPortPool& pool) {
+    std::vector<uint32_t> ports{12345};  // overwritten, not appended to
+    pool.GetPorts(ports);
+    return ports;
+}
+
+class SocketPortPoolTest : public ::testing::TestWithParam<uint32_t> {};
+
+}  // namespace
+
+TEST_P(SocketPortPoolTest, ReservedPortsAreReallyBoundUntilFreed) {
+    const uint32_t protocol = GetParam();
+    SocketPortPool pool(protocol, 5, {});
+    const std::vector<uint32_t> ports = PortsOf(pool);
+    ASSERT_EQ(ports.size(), 5u);
+    EXPECT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 5u);
+    for (uint32_t port : ports) {
+        EXPECT_NE(port, 0u);
+        EXPECT_TRUE(HeldElsewhere(protocol, static_cast<uint16_t>(port))) << port;
+    }
+    pool.FreePorts();
+    EXPECT_TRUE(PortsOf(pool).empty());
+    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, static_cast<uint16_t>(port))) << port;
+}
+
+TEST_P(SocketPortPoolTest, DestructionReleasesEveryPort) {
+    const uint32_t protocol = GetParam();
+    const uint16_t custom = FreePort(protocol);
+    std::vector<uint32_t> ports;
+    {
+        SocketPortPool pool(protocol, 3, {custom});
+        ports = PortsOf(pool);
+        EXPECT_TRUE(HeldElsewhere(protocol, custom));
+    }
+    EXPECT_FALSE(HeldElsewhere(protocol, custom));
+    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, static_cast<uint16_t>(port)));
+}
+
+TEST_P(SocketPortPoolTest, CustomPortsAreHeldButNotHandedOut) {
+    const uint32_t protocol = GetParam();
+    const uint16_t a = FreePort(protocol), b = FreePort(protocol);
+    SocketPortPool pool(protocol, 2, {a, b});
+    const std::vector<uint32_t> ports = PortsOf(pool);
+    EXPECT_EQ(ports.size(), 2u);
+    EXPECT_EQ(std::count(ports.begin(), ports.end(), a) + std::count(ports.begin(), ports.end(), b), 0);
+    EXPECT_TRUE(HeldElsewhere(protocol, a));
+    EXPECT_TRUE(HeldElsewhere(protocol, b));
+}
+
+TEST_P(SocketPortPoolTest, CustomPortInUseFailsThePoolAndLeavesNothingOpen) {
+    const uint32_t protocol = GetParam();
+    // The smaller port is opened first and must be closed again when the busy one fails.
+    const uint16_t a = FreePort(protocol), b = FreePort(protocol);
+    ASSERT_NE(a, b);
+    const uint16_t first = std::min(a, b), busy = std::max(a, b);
+    const int holder = TryBind(protocol, busy);
+    ASSERT_GE(holder, 0);
+    try {
+        SocketPortPool pool(protocol, 2, {first, busy});
+        FAIL() << "pool built over a port in use";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Error binding socket, port already bound");
+    }
+    EXPECT_FALSE(HeldElsewhere(protocol, first));
+    close(holder);
+}
+
+TEST_P(SocketPortPoolTest, ZeroCountGivesNothing) {
+    PacketLogCapture log(3);
+    SocketPortPool pool(GetParam(), 0, {});
+    EXPECT_TRUE(PortsOf(pool).empty());
+    EXPECT_FALSE(log.Contains("Opening"));
+}
+
+TEST_P(SocketPortPoolTest, StepsAreLoggedAtLevelThree) {
+    const uint32_t protocol = GetParam();
+    const std::string name = protocol == PortPool::kTcp ? "TCP" : "UDP";
+    const uint16_t custom = FreePort(protocol);
+    PacketLogCapture log(3);
+    {
+        SocketPortPool pool(protocol, 2, {custom});
+        const std::vector<uint32_t> ports = PortsOf(pool);
+        ASSERT_EQ(ports.size(), 2u);
+        EXPECT_EQ(log.CountLines("DEBUG", "Opening " + name + " custom port"), 1);
+        EXPECT_EQ(log.CountLines("DEBUG", "Opened " + name + " custom port " + std::to_string(custom)), 1);
+        EXPECT_EQ(log.CountLines("DEBUG", "Opening " + name + " port"), 2);
+        for (uint32_t port : ports)
+            EXPECT_EQ(log.CountLines("DEBUG", "Opened " + name + " port " + std::to_string(port)), 1);
+    }
+    EXPECT_EQ(log.CountLines("DEBUG", "Freeing " + name + " ports"), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPool::kTcp, PortPool::kUdp),
+                         [](const auto& info) { return info.param == PortPool::kTcp ? "Tcp" : "Udp"; });
+
+// More ports than descriptors: the pool ends short, logs one INFO line per missing port,
+// and returns. Run in a child with a small descriptor limit (and an alarm against hangs).
+TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
+    PacketLogCapture log(2);
+    Log("descriptor limit test", 1);  // opens the log file before the limit is lowered
+    int channel[2];
+    ASSERT_EQ(pipe(channel), 0);
+    const uint32_t wanted = 40;
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(30);
+        close(channel[0]);
+        long openCount = 0;
+        for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
+            ++openCount;
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = static_cast<rlim_t>(openCount + 10);
+        // The sanitizers' vptr check needs a descriptor the first time it meets a type:
+        // let it meet the pool's error type while descriptors are still there.
+        try {
+            throw std::runtime_error("warm-up");
+        } catch (const std::exception& e) {
+            if (std::strlen(e.what()) == 0) _exit(4);
+        }
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
+        uint32_t got = 0;
+        {
+            SocketPortPool pool(PortPool::kTcp, wanted, {});
+            std::vector<uint32_t> ports;
+            pool.GetPorts(ports);
+            got = static_cast<uint32_t>(ports.size());
+        }
+        if (write(channel[1], &got, sizeof(got)) != sizeof(got)) _exit(3);
+        _exit(0);
+    }
+    close(channel[1]);
+    pollfd wait{channel[0], POLLIN, 0};
+    ASSERT_EQ(poll(&wait, 1, 60000), 1) << "pool did not finish";
+    uint32_t got = 0;
+    const ssize_t n = read(channel[0], &got, sizeof(got));
+    close(channel[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+    ASSERT_EQ(n, static_cast<ssize_t>(sizeof(got)));
+    EXPECT_GT(got, 0u);
+    EXPECT_LT(got, wanted);
+    EXPECT_EQ(log.CountLines("INFO", "Error creating socket at port 0, socket() failed: " + std::to_string(EMFILE)),
+              static_cast<int>(wanted - got))
+        << log.Text();
+}

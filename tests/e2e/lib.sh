@@ -1,0 +1,164 @@
+# Shared helpers of the end-to-end tests: network namespaces, the real binaries, cleanup.
+# Sourced by tests/e2e/test_*.sh; every test builds its own namespaces and removes them.
+set -euo pipefail
+
+ND_SOURCE_DIR=${ND_SOURCE_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)}
+ND_BUILD_DIR=${ND_BUILD_DIR:-$ND_SOURCE_DIR/build/debug}
+DAEMON=$ND_BUILD_DIR/NetworkDriver
+PEER=$ND_BUILD_DIR/tools/ndpeer
+# Short unique names: interface names are limited to 15 bytes.
+TAG=${TAG:-$(printf '%04x' $(( $$ % 65536 )))}
+WORK=$(mktemp -d /tmp/nde2e.XXXXXX)
+export NETWORKDRIVER_PIPE_DIR=$WORK/pipes NETWORKDRIVER_APPDATA_DIR=$WORK/appdata
+LOG=$NETWORKDRIVER_APPDATA_DIR/TORV/Tessaril/Runtime/NetworkDriver_log_0.txt
+
+_namespaces=()
+_pids=()
+
+skip_or_fail() {
+  # Namespaces are a must in CI; elsewhere a machine without them skips.
+  if [ "${CI:-}" = "true" ]; then echo "FAIL: $*"; exit 1; fi
+  echo "SKIP: $*"; exit 77
+}
+
+require_namespaces() {
+  [ "$(id -u)" -eq 0 ] || skip_or_fail "end-to-end tests need root (network namespaces)"
+  ip netns add "ndprobe$TAG" 2>/dev/null || skip_or_fail "cannot create network namespaces here"
+  ip netns del "ndprobe$TAG"
+  [ -x "$DAEMON" ] && [ -x "$PEER" ] || { echo "FAIL: build $DAEMON and $PEER first"; exit 1; }
+}
+
+cleanup() {
+  local status=$?
+  for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && { kill -9 "$pid"; wait "$pid"; } 2>/dev/null || true; done
+  for ns in "${_namespaces[@]:-}"; do
+    [ -n "$ns" ] || continue
+    ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
+    ip netns del "$ns" 2>/dev/null || true
+  done
+  if [ "$status" -ne 0 ] && [ "$status" -ne 77 ] && [ -f "$LOG" ]; then
+    echo "--- daemon log"; tail -n 40 "$LOG"
+  fi
+  rm -rf "$WORK"
+  exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# ns NAME: a fresh namespace with loopback up; its real name is NAME$TAG.
+ns() {
+  local name=$1$TAG
+  ip netns add "$name"
+  _namespaces+=("$name")
+  ip -n "$name" link set lo up
+}
+in_ns() { local name=$1$TAG; shift; ip netns exec "$name" "$@"; }
+
+# veth A NS_A B NS_B: a cable between two namespaces.
+veth() {
+  ip link add "$1" netns "$2$TAG" type veth peer name "$3" netns "$4$TAG"
+  ip -n "$2$TAG" link set "$1" up
+  ip -n "$4$TAG" link set "$3" up
+}
+
+bg() { "$@" & _pids+=($!); }
+
+# wait_for SECONDS COMMAND...: polls until the command succeeds.
+wait_for() {
+  local deadline=$(( $(date +%s) + $1 )); shift
+  until "$@" >/dev/null 2>&1; do
+    [ "$(date +%s)" -lt "$deadline" ] || return 1
+    sleep 0.2
+  done
+}
+
+check() {
+  local what=$1; shift
+  if "$@"; then echo "ok   - $what"; else echo "FAIL - $what"; exit 1; fi
+}
+
+log_has() { grep -qF -- "$1" "$LOG"; }
+
+# kill_daemon NS: SIGKILL for the daemon running in that namespace.
+kill_daemon() {
+  local pid
+  for pid in $(ip netns pids "$1$TAG"); do
+    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && kill -9 "$pid"
+  done
+  return 0
+}
+
+# The translation topology. IP forwarding stays off in the daemon's namespace, so nothing
+# crosses between its adapters unless the daemon translates it.
+#   in:  in0 10.1.0.2/24, default via 10.1.0.1        (internal host)
+#   nd:  nd-int 10.1.0.1/24 | nd-ext 198.51.100.1/24, default via 198.51.100.2   (daemon)
+#   ext: ext0 198.51.100.2/24, and 203.0.113.10/32 on lo (a host behind the gateway)
+nat_topology() {
+  ns in; ns nd; ns ext
+  veth in0 in nd-int nd
+  veth nd-ext nd ext0 ext
+  in_ns in ip addr add 10.1.0.2/24 dev in0
+  in_ns in ip route add default via 10.1.0.1
+  in_ns nd ip addr add 10.1.0.1/24 dev nd-int
+  in_ns nd ip addr add 198.51.100.1/24 dev nd-ext
+  in_ns nd ip route add default via 198.51.100.2
+  in_ns nd sysctl -qw net.ipv4.ip_forward=0
+  in_ns ext ip addr add 198.51.100.2/24 dev ext0
+  in_ns ext ip addr add 203.0.113.10/32 dev lo
+  in_ns ext sysctl -qw net.ipv4.conf.all.rp_filter=0
+  # The peer reads the gateway's MAC from the daemon host's neighbour table.
+  in_ns nd ping -q -c 1 -W 2 198.51.100.2 > /dev/null
+}
+
+# start_daemon SCENARIO: ndpeer in the daemon's namespace starts the daemon and keeps serving.
+start_daemon() {
+  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$1" --hold -1 > "$WORK/peer.log" 2>&1
+}
+
+# serve_http NS ADDRESS PORT DIR: a web server that logs each request's client and Host.
+serve_http() {
+  local ns=$1 address=$2 port=$3 dir=$4
+  cat > "$WORK/http_server.py" <<'PY'
+import http.server, sys
+class Handler(http.server.SimpleHTTPRequestHandler):
+    def log_message(self, fmt, *args):
+        sys.stderr.write("client=%s host=%s path=%s\n" % (self.client_address[0], self.headers.get("Host"), self.path))
+        sys.stderr.flush()
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+    def server_bind(self):  # no reverse lookup of the address: there is no DNS here
+        import socketserver
+        socketserver.TCPServer.server_bind(self)
+        self.server_name, self.server_port = self.server_address[:2]
+Server((sys.argv[1], int(sys.argv[2])), Handler).serve_forever()
+PY
+  (cd "$dir" && exec ip netns exec "$ns$TAG" python3 "$WORK/http_server.py" "$address" "$port") 2>> "$WORK/http_$ns.log" &
+  _pids+=($!)
+  wait_for 10 in_ns "$ns" bash -c "echo > /dev/tcp/$address/$port" ||
+    { echo "web server in $ns did not start:"; cat "$WORK/http_$ns.log"; return 1; }
+}
+
+# udp_echo NS ADDRESS PORT: answers every datagram with "echo:" + its text, logging the sender.
+udp_echo() {
+  cat > "$WORK/udp_echo.py" <<'PY'
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind((sys.argv[1], int(sys.argv[2])))
+while True:
+    data, peer = s.recvfrom(2048)
+    sys.stderr.write("client=%s:%d\n" % peer); sys.stderr.flush()
+    s.sendto(b"echo:" + data, peer)
+PY
+  bg ip netns exec "$1$TAG" python3 "$WORK/udp_echo.py" "$2" "$3" 2>> "$WORK/udp_$1.log"
+  sleep 0.3
+}
+
+# udp_ask NS ADDRESS PORT TEXT: one request, prints the answer (empty on time-out).
+udp_ask() {
+  ip netns exec "$1$TAG" python3 -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.settimeout(3)
+s.sendto(sys.argv[3].encode(), (sys.argv[1], int(sys.argv[2])))
+try: print(s.recvfrom(2048)[0].decode())
+except socket.timeout: print("")' "$2" "$3" "$4"
+}

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# A remote host behind the native side reaches a LAN host through the VPN bridge.
+#   lan: lan0 10.9.0.2  ==veth==  gw: gw0 10.9.0.1 (opened by the daemon's VPN)
+#   remote: ndtap 10.9.0.50, the tap that ndpeer bridges to the pipe (supervisor MAC)
+source "$(dirname "$0")/lib.sh"
+require_namespaces
+
+ns lan; ns gw; ns remote
+veth lan0 lan gw0 gw
+in_ns lan ip addr add 10.9.0.2/24 dev lan0
+in_ns gw ip addr add 10.9.0.1/24 dev gw0
+SUPERVISOR=02:00:00:00:0e:01
+
+cat > "$WORK/vpn.json" <<JSON
+{"steps": [
+  {"send": "InitializeConfiguration", "HandleVirtualMachine": false, "expect": {"result": 1}},
+  {"send": "StartVPN", "SupervisorMACAddress": "$SUPERVISOR", "VpnPromiscuousMode": false,
+   "adapters": ["gw0"], "expect": {"result": 1}}
+]}
+JSON
+bg in_ns gw "$PEER" --daemon "$DAEMON" --scenario "$WORK/vpn.json" --tap ndtap --tap-netns "remote$TAG" \
+   --tap-mac "$SUPERVISOR" --hold -1 > "$WORK/peer.log" 2>&1
+wait_for 10 in_ns remote ip link show ndtap || { cat "$WORK/peer.log"; exit 1; }
+in_ns remote ip addr add 10.9.0.50/24 dev ndtap
+wait_for 10 log_has "Virtual Ethernet adapter (GUID: {00307767-0000-0000-0000-000000000000}) opened."
+check "VPN started" grep -q "result 1" "$WORK/peer.log"
+
+check "remote pings the LAN host through the bridge" in_ns remote ping -q -c 3 -W 2 10.9.0.2
+check "the LAN host pings the remote back" in_ns lan ping -q -c 3 -W 2 10.9.0.50
+check "broadcast ARP crossed: the remote learnt the LAN host's MAC" \
+  bash -c "ip netns exec remote$TAG ip neigh show 10.9.0.2 | grep -q lladdr"
+
+# A TCP transfer across the tunnel, checked by hash.
+mkdir -p "$WORK/www"
+head -c 3000000 /dev/urandom > "$WORK/www/blob"
+serve_http lan 10.9.0.2 8080 "$WORK/www"
+in_ns remote curl -sS --max-time 30 -o "$WORK/fetched" http://10.9.0.2:8080/blob
+check "a 3 MB download across the tunnel arrives intact" \
+  test "$(sha256sum < "$WORK/www/blob")" = "$(sha256sum < "$WORK/fetched")"
+
+# A frame for the daemon host's own MAC goes up its stack only, never out to the LAN.
+in_ns lan tcpdump -i lan0 -n -c 1 icmp and dst host 10.9.0.1 > "$WORK/leak.txt" 2>/dev/null &
+dump=$!
+sleep 1
+check "the daemon host itself answers the remote" in_ns remote ping -q -c 2 -W 2 10.9.0.1
+sleep 0.5
+kill "$dump" 2>/dev/null || true
+check "its frames did not reach the LAN wire" test ! -s "$WORK/leak.txt"
+
+# A crash leaves the interface working.
+kill_daemon gw
+sleep 0.5
+check "after SIGKILL the daemon host reaches the LAN directly again" in_ns gw ping -q -c 2 -W 2 10.9.0.2
+echo "PASS"

@@ -1,0 +1,378 @@
+#include "support/InMemoryFilterDriverApi.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+#include "Platform/Events.h"
+
+namespace NativeNetworkDriver::Testing {
+
+std::string Guid(uint32_t n) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "{%08X-0000-0000-0000-000000000000}", n);
+    return text;
+}
+
+Nat::Frame EthernetFrame(const Nat::MacAddress& destination, const Nat::MacAddress& source, uint16_t etherType,
+                         size_t payloadBytes, uint8_t fill) {
+    Nat::Frame frame(destination.begin(), destination.end());
+    frame.insert(frame.end(), source.begin(), source.end());
+    frame.push_back(static_cast<uint8_t>(etherType >> 8));
+    frame.push_back(static_cast<uint8_t>(etherType & 0xFF));
+    frame.insert(frame.end(), payloadBytes, fill);
+    return frame;
+}
+
+class InMemoryClient final : public IFilterDriverApi {
+public:
+    explicit InMemoryClient(std::shared_ptr<InMemoryNetwork> network) : network_(std::move(network)) {
+        std::lock_guard lock(network_->mutex_);
+        ++network_->liveClients_;
+    }
+    ~InMemoryClient() override {
+        std::lock_guard lock(network_->mutex_);
+        --network_->liveClients_;
+    }
+
+    bool IsDriverLoaded() override {
+        std::lock_guard lock(network_->mutex_);
+        return network_->driverLoaded_;
+    }
+
+    bool GetTcpipBoundAdaptersInfo(NdisApi::TCP_AdapterList* list) override {
+        std::lock_guard lock(network_->mutex_);
+        if (network_->Failing(InMemoryNetwork::Call::GetTcpipBoundAdaptersInfo)) return false;
+        std::memset(list, 0, sizeof(*list));
+        uint32_t i = 0;
+        for (const std::string& key : network_->order_) {
+            if (i == NdisApi::kAdapterListSize) break;
+            const auto& adapter = network_->adapters_.at(key);
+            const size_t n = std::min<size_t>(adapter.internalName.size(), NdisApi::kAdapterNameSize - 1);
+            std::memcpy(list->m_szAdapterNameList[i], adapter.internalName.data(), n);
+            list->m_nAdapterHandle[i] = adapter.handle;
+            std::memcpy(list->m_czCurrentAddress[i], adapter.mac.data(), 6);
+            list->m_usMTU[i] = 1500;
+            ++i;
+        }
+        list->m_nAdapterCount = i;
+        return true;
+    }
+
+    bool SetAdapterMode(const NdisApi::ADAPTER_MODE* mode) override {
+        std::lock_guard lock(network_->mutex_);
+        if (network_->Failing(InMemoryNetwork::Call::SetAdapterMode)) return false;
+        auto* adapter = network_->ByHandleLocked(mode->hAdapterHandle);
+        if (adapter == nullptr) return false;
+        constexpr uint32_t kTunnel = NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL;
+        if ((adapter->mode & kTunnel) == 0 && (mode->dwFlags & kTunnel) != 0) ++adapter->tunnelEntries;
+        adapter->mode = mode->dwFlags;
+        return true;
+    }
+
+    bool GetHwPacketFilter(NdisApi::Handle handle, uint32_t* filter) override {
+        std::lock_guard lock(network_->mutex_);
+        if (network_->Failing(InMemoryNetwork::Call::GetHwPacketFilter)) return false;
+        auto* adapter = network_->ByHandleLocked(handle);
+        if (adapter == nullptr) return false;
+        *filter = adapter->hwFilter;
+        return true;
+    }
+
+    bool SetHwPacketFilter(NdisApi::Handle handle, uint32_t filter) override {
+        std::lock_guard lock(network_->mutex_);
+        if (network_->Failing(InMemoryNetwork::Call::SetHwPacketFilter)) return false;
+        auto* adapter = network_->ByHandleLocked(handle);
+        if (adapter == nullptr) return false;
+        adapter->hwFilter = filter;
+        return true;
+    }
+
+    bool SetPacketFilterTable(const NdisApi::STATIC_FILTER_TABLE* table) override {
+        std::lock_guard lock(network_->mutex_);
+        if (table == nullptr || table->m_TableSize == 0) return false;
+        const NdisApi::STATIC_FILTER filter = table->m_StaticFilters[0];
+        for (auto& [key, adapter] : network_->adapters_) {
+            if ((adapter.handle & 0xFFFFFFFFull) != filter.m_Adapter) continue;
+            ++adapter.filterTables;
+            adapter.lastFilter = filter;
+        }
+        return true;
+    }
+
+    bool SetPacketEvent(NdisApi::Handle handle, NdisApi::Handle event) override {
+        std::lock_guard lock(network_->mutex_);
+        auto* adapter = network_->ByHandleLocked(handle);
+        if (adapter == nullptr) return false;
+        adapter->packetEvent = event;
+        if (event != 0 && !adapter->queue.empty()) (void)Platform::SetEvent(event);
+        return true;
+    }
+
+    bool ReadPacket(NdisApi::ETH_REQUEST* request) override {
+        std::lock_guard lock(network_->mutex_);
+        auto* adapter = network_->ByHandleLocked(request->hAdapterHandle);
+        if (adapter == nullptr || adapter->queue.empty() || request->EthPacket == nullptr) return false;
+        const InMemoryNetwork::Captured captured = std::move(adapter->queue.front());
+        adapter->queue.pop_front();
+        NdisApi::INTERMEDIATE_BUFFER* buffer = request->EthPacket;
+        const size_t n = std::min<size_t>(captured.frame.size(), NdisApi::kMaxEtherFrame);
+        buffer->m_hAdapter = adapter->handle;
+        buffer->m_dwDeviceFlags = captured.flags;
+        buffer->m_Length = static_cast<uint32_t>(n);
+        if (n != 0) std::memcpy(buffer->m_IBuffer, captured.frame.data(), n);
+        if (adapter->queue.empty()) network_->changed_.notify_all();
+        return true;
+    }
+
+    bool SendPacketToAdapter(const NdisApi::ETH_REQUEST* request) override { return Send(request, true); }
+    bool SendPacketToMstcp(const NdisApi::ETH_REQUEST* request) override { return Send(request, false); }
+
+    bool FlushAdapterPacketQueue(NdisApi::Handle handle) override {
+        std::lock_guard lock(network_->mutex_);
+        auto* adapter = network_->ByHandleLocked(handle);
+        if (adapter == nullptr) return false;
+        adapter->queue.clear();
+        network_->changed_.notify_all();
+        return true;
+    }
+
+    NdisApi::Handle CreateAdapterEvent(NdisApi::Handle) override {
+        std::lock_guard lock(network_->mutex_);
+        if (network_->Failing(InMemoryNetwork::Call::CreateAdapterEvent)) return 0;
+        const NdisApi::Handle event = Platform::CreateAutoResetEvent();
+        if (event != 0) ++network_->openEvents_;
+        return event;
+    }
+
+    void CloseAdapterEvent(NdisApi::Handle, NdisApi::Handle event) override {
+        std::lock_guard lock(network_->mutex_);
+        if (Platform::CloseEvent(event)) --network_->openEvents_;
+    }
+
+private:
+    bool Send(const NdisApi::ETH_REQUEST* request, bool toWire) {
+        std::lock_guard lock(network_->mutex_);
+        auto* adapter = network_->ByHandleLocked(request->hAdapterHandle);
+        if (adapter == nullptr || request->EthPacket == nullptr) return false;
+        const NdisApi::INTERMEDIATE_BUFFER* buffer = request->EthPacket;
+        const size_t n = std::min<size_t>(buffer->m_Length, NdisApi::kMaxEtherFrame);
+        Nat::Frame frame(buffer->m_IBuffer, buffer->m_IBuffer + n);
+        (toWire ? adapter->wire : adapter->stack).push_back(std::move(frame));
+        network_->changed_.notify_all();
+        return true;
+    }
+
+    std::shared_ptr<InMemoryNetwork> network_;
+};
+
+InMemoryNetwork::FactoryGuard::~FactoryGuard() {
+    if (active_) SetFilterDriverApiFactory({});
+}
+
+std::shared_ptr<InMemoryNetwork> InMemoryNetwork::Create() {
+    return std::shared_ptr<InMemoryNetwork>(new InMemoryNetwork());
+}
+
+NdisApi::Handle InMemoryNetwork::AddAdapter(const std::string& guid, const Nat::MacAddress& mac,
+                                            NdisApi::Handle handle, uint32_t hwFilter) {
+    const NdisApi::Handle added = AddAdapterNamed(guid, "\\DEVICE\\" + guid, mac, handle);
+    std::lock_guard lock(mutex_);
+    adapters_.at(guid).hwFilter = hwFilter;
+    return added;
+}
+
+NdisApi::Handle InMemoryNetwork::AddAdapterNamed(const std::string& key, const std::string& internalName,
+                                                 const Nat::MacAddress& mac, NdisApi::Handle handle) {
+    std::lock_guard lock(mutex_);
+    if (adapters_.count(key) != 0) throw std::logic_error("adapter added twice: " + key);
+    Adapter adapter;
+    adapter.internalName = internalName;
+    adapter.handle = handle != 0 ? handle : nextHandle_++;
+    adapter.mac = mac;
+    adapter.hwFilter = 0x0B;
+    adapters_.emplace(key, std::move(adapter));
+    order_.push_back(key);
+    return adapters_.at(key).handle;
+}
+
+std::unique_ptr<IFilterDriverApi> InMemoryNetwork::CreateClient() {
+    return std::make_unique<InMemoryClient>(shared_from_this());
+}
+
+InMemoryNetwork::FactoryGuard InMemoryNetwork::Install() {
+    std::weak_ptr<InMemoryNetwork> weak = shared_from_this();
+    SetFilterDriverApiFactory([weak]() -> std::unique_ptr<IFilterDriverApi> {
+        auto network = weak.lock();
+        if (!network) return nullptr;
+        return network->CreateClient();
+    });
+    FactoryGuard guard;
+    guard.active_ = true;
+    return guard;
+}
+
+void InMemoryNetwork::SetDriverLoaded(bool loaded) {
+    std::lock_guard lock(mutex_);
+    driverLoaded_ = loaded;
+}
+
+void InMemoryNetwork::SetFailing(Call call, bool failing) {
+    std::lock_guard lock(mutex_);
+    failing_[call] = failing;
+}
+
+bool InMemoryNetwork::Failing(Call call) const {
+    auto found = failing_.find(call);
+    return found != failing_.end() && found->second;
+}
+
+InMemoryNetwork::Adapter* InMemoryNetwork::FindLocked(const std::string& key) {
+    auto found = adapters_.find(key);
+    return found == adapters_.end() ? nullptr : &found->second;
+}
+
+const InMemoryNetwork::Adapter& InMemoryNetwork::GetLocked(const std::string& key) const {
+    auto found = adapters_.find(key);
+    if (found == adapters_.end()) throw std::logic_error("no such adapter: " + key);
+    return found->second;
+}
+
+InMemoryNetwork::Adapter* InMemoryNetwork::ByHandleLocked(NdisApi::Handle handle) {
+    for (auto& [key, adapter] : adapters_) {
+        if (adapter.handle == handle) return &adapter;
+    }
+    return nullptr;
+}
+
+bool InMemoryNetwork::Inject(const std::string& key, const Nat::Frame& frame, bool fromWire) {
+    std::lock_guard lock(mutex_);
+    Adapter* adapter = FindLocked(key);
+    if (adapter == nullptr) throw std::logic_error("no such adapter: " + key);
+    const uint32_t divertFlag = fromWire ? NdisApi::MSTCP_FLAG_RECV_TUNNEL : NdisApi::MSTCP_FLAG_SENT_TUNNEL;
+    if ((adapter->mode & divertFlag) == 0) {
+        (fromWire ? adapter->stack : adapter->wire).push_back(frame);
+        changed_.notify_all();
+        return false;
+    }
+    adapter->queue.push_back(
+        Captured{frame, fromWire ? NdisApi::PACKET_FLAG_ON_RECEIVE : NdisApi::PACKET_FLAG_ON_SEND});
+    if (adapter->packetEvent != 0) (void)Platform::SetEvent(adapter->packetEvent);
+    return true;
+}
+
+bool InMemoryNetwork::InjectFromWire(const std::string& key, const Nat::Frame& frame) {
+    return Inject(key, frame, true);
+}
+
+bool InMemoryNetwork::InjectFromStack(const std::string& key, const Nat::Frame& frame) {
+    return Inject(key, frame, false);
+}
+
+std::vector<Nat::Frame> InMemoryNetwork::SentToWire(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).wire;
+}
+
+std::vector<Nat::Frame> InMemoryNetwork::SentToStack(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).stack;
+}
+
+void InMemoryNetwork::ClearSent(const std::string& key) {
+    std::lock_guard lock(mutex_);
+    Adapter* adapter = FindLocked(key);
+    if (adapter == nullptr) return;
+    adapter->wire.clear();
+    adapter->stack.clear();
+}
+
+bool InMemoryNetwork::WaitFor(const std::string& key, size_t count, bool wire,
+                              std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        const Adapter& adapter = GetLocked(key);
+        return (wire ? adapter.wire : adapter.stack).size() >= count;
+    });
+}
+
+bool InMemoryNetwork::WaitForFrame(const std::string& key, const Nat::Frame& frame, bool wire,
+                                   std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        const Adapter& adapter = GetLocked(key);
+        const auto& sent = wire ? adapter.wire : adapter.stack;
+        return std::find(sent.begin(), sent.end(), frame) != sent.end();
+    });
+}
+
+bool InMemoryNetwork::WaitForFrameOnWire(const std::string& key, const Nat::Frame& frame,
+                                         std::chrono::milliseconds timeout) const {
+    return WaitForFrame(key, frame, true, timeout);
+}
+
+bool InMemoryNetwork::WaitForFrameOnStack(const std::string& key, const Nat::Frame& frame,
+                                          std::chrono::milliseconds timeout) const {
+    return WaitForFrame(key, frame, false, timeout);
+}
+
+bool InMemoryNetwork::WaitForWire(const std::string& key, size_t count, std::chrono::milliseconds timeout) const {
+    return WaitFor(key, count, true, timeout);
+}
+
+bool InMemoryNetwork::WaitForStack(const std::string& key, size_t count, std::chrono::milliseconds timeout) const {
+    return WaitFor(key, count, false, timeout);
+}
+
+bool InMemoryNetwork::WaitUntilDrained(const std::string& key, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return GetLocked(key).queue.empty(); });
+}
+
+uint32_t InMemoryNetwork::AdapterMode(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).mode;
+}
+
+uint32_t InMemoryNetwork::HwFilter(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).hwFilter;
+}
+
+int InMemoryNetwork::TunnelEntries(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).tunnelEntries;
+}
+
+int InMemoryNetwork::FilterTablesInstalled(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).filterTables;
+}
+
+NdisApi::STATIC_FILTER InMemoryNetwork::LastFilter(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).lastFilter;
+}
+
+NdisApi::Handle InMemoryNetwork::PacketEvent(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).packetEvent;
+}
+
+size_t InMemoryNetwork::QueuedFrames(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).queue.size();
+}
+
+int InMemoryNetwork::OpenAdapterEvents() const {
+    std::lock_guard lock(mutex_);
+    return openEvents_;
+}
+
+int InMemoryNetwork::LiveClients() const {
+    std::lock_guard lock(mutex_);
+    return liveClients_;
+}
+
+}  // namespace NativeNetworkDriver::Testing
