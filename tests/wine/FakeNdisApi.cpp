@@ -184,6 +184,9 @@ __declspec(dllexport) BOOL WINAPI SetPacketEvent(HANDLE driver, HANDLE adapter, 
     if (driver != kDriver) return FALSE;
     std::lock_guard guard(lock);
     packetEvent = event;
+    // The trigger may come before the capture thread registers its event; frames queued by
+    // then are announced now, as new traffic would announce them on a real adapter.
+    if (event != nullptr && !queue.empty()) SetEvent(event);
     return TRUE;
 }
 

@@ -57,7 +57,7 @@ check() {  # check <name> <command...>
 
 # The entries of a log file: text after the time stamp, line ends as on Linux.
 entries() { sed -e 's/\r$//' -e 's/^[^;]*;//' "$1"; }
-has() { entries "$1" | grep -qxF -- "$2"; }
+has() { grep -qxF -- "$2" <(entries "$1"); }
 last_is() { [ "$(entries "$1" | tail -n 1)" = "$2" ]; }
 # The start lines of a run that printed `version`.
 start_lines() { printf '%s\n' "INFO;$(printf -- '-%.0s' {1..42})" "INFO;Network Driver $1 started." "INFO;$(printf -- '-%.0s' {1..42})"; }
@@ -133,6 +133,9 @@ brand_case() {  # brand_case <name> <folder under C:\> <log folder under Program
   mkdir -p "$drive/$folder" && cp "$build/NetworkDriver.exe" "$drive/$folder/"
   run_alone "C:\\${folder//\//\\}\\NetworkDriver.exe" >/dev/null
   check "brand: $name" only_start_lines "$appdata/$logs/NetworkDriver_log_0.txt" "$version"
+  local made=0 brand
+  for brand in TORV VUD "Halbrook Automation"; do [ -e "$appdata/$brand" ] && made=$((made + 1)); done
+  check "brand: $name, and in no other brand folder" [ "$made" = 1 ]
 }
 brand_case "a path with VUD logs under VUD\\TARVELIS connect" "Program Files/VUD/Runtime" "VUD/TARVELIS connect/Runtime"
 brand_case "a path with Halbrook logs under Halbrook Automation" "Program Files/Halbrook/Remote" \
