@@ -15,9 +15,9 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // With a network namespace name (Linux, /run/netns/NAME) the child runs inside it.
+    // `networkNamespace` (Linux: a name under /run/netns) is where the child runs; empty: here.
     bool Start(const std::string& path, const std::map<std::string, std::string>& environment,
-               const std::string& netns = {});
+               const std::string& networkNamespace = {});
     bool Running() const;
     // The exit status (on POSIX, signal N reads as 128 + N), or nothing if the child is
     // still running after `seconds`.

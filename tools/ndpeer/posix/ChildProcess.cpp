@@ -21,13 +21,13 @@ ChildProcess::ChildProcess() : handle_(std::make_unique<Handle>()) {}
 ChildProcess::~ChildProcess() { Kill(); }
 
 bool ChildProcess::Start(const std::string& path, const std::map<std::string, std::string>& environment,
-                         const std::string& netns) {
+                         const std::string& networkNamespace) {
     const pid_t pid = fork();
     if (pid < 0) return false;
     if (pid == 0) {
         for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-        if (!netns.empty()) {
-            const int ns = ::open(("/run/netns/" + netns).c_str(), O_RDONLY | O_CLOEXEC);
+        if (!networkNamespace.empty()) {
+            const int ns = ::open(("/run/netns/" + networkNamespace).c_str(), O_RDONLY | O_CLOEXEC);
             if (ns < 0 || setns(ns, CLONE_NEWNET) != 0) _exit(126);
         }
         execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
