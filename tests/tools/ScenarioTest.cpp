@@ -88,9 +88,13 @@ TEST(Scenario, StreamStepsChangeTheAnnouncedLengthAndAnswersCanBeMatchedWhole) {
                             {{{"send", "Frame"}, {"hex", "0102"}, {"padTo", 200000}},
                              {{"send", "StartNAT"}, {"truncateBy", 3}},
                              {{"send", "StopVPN"}, {"expect", {{"messageHex", "00 01 06 00 00 00 07 00 00 00 00"}}}},
-                             {{"send", "StartNAT"}}}}};
+                             {{"send", "StartNAT"}},
+                             {{"expectFrame", {{"hex", "ff 01"}, {"within", 2}}}}}}};
     const auto scenario = ndpeer::ParseScenario(document, "inline");
-    ASSERT_EQ(scenario.steps.size(), 4u);
+    ASSERT_EQ(scenario.steps.size(), 5u);
+    EXPECT_EQ(scenario.steps[4].kind, ndpeer::Step::Kind::ExpectFrame);
+    EXPECT_EQ(scenario.steps[4].payload, (NativeNetworkDriver::Bytes{0xFF, 0x01}));
+    EXPECT_EQ(scenario.steps[4].seconds, 2.0);
     ASSERT_EQ(scenario.steps[0].payload.size(), 200000u);
     EXPECT_EQ(scenario.steps[0].payload[1], 2);
     EXPECT_EQ(scenario.steps[0].payload[2], 0);

@@ -3,6 +3,7 @@
 # NetworkDriver.exe as the native runtime does in the field; this script checks the answers,
 # the exit codes and the logs under C:\ProgramData of a fresh wine prefix.
 #   tests/wine/run.sh [build folder of the mingw preset, default build/mingw]
+# ND_WINE_KEEP=1 keeps the wine prefix (logs, driver trace) for a look afterwards.
 # Every wait is bounded, so a wine problem fails the stage instead of hanging it.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -18,7 +19,8 @@ done
 wineserver=$(dirname "$wine")/wineserver
 [ -x "$wineserver" ] || wineserver=$(command -v wineserver || true)
 
-for exe in NetworkDriver.exe tools/ndpeer.exe tools/NetworkDriverVersion5173.exe tools/NetworkDriverNoVersion.exe; do
+for exe in NetworkDriver.exe tools/ndpeer.exe tools/NetworkDriverVersion5173.exe tools/NetworkDriverNoVersion.exe \
+  tools/ndisapi.dll; do
   [ -f "$build/$exe" ] || { echo "wine: $build/$exe is missing; build the mingw preset first" >&2; exit 1; }
 done
 
@@ -27,7 +29,7 @@ export WINEPREFIX WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilde
 out=$WINEPREFIX/out
 cleanup() {
   [ -n "$wineserver" ] && timeout 20 "$wineserver" -k >/dev/null 2>&1 || true
-  rm -rf "$WINEPREFIX"
+  if [ -n "${ND_WINE_KEEP:-}" ]; then echo "--- wine prefix kept: $WINEPREFIX"; else rm -rf "$WINEPREFIX"; fi
 }
 trap cleanup EXIT
 
@@ -41,6 +43,9 @@ mkdir -p "$drive/nd/scenarios"
 cp "$build/NetworkDriver.exe" "$build"/tools/ndpeer.exe "$build"/tools/NetworkDriverVersion5173.exe \
   "$build"/tools/NetworkDriverNoVersion.exe "$drive/nd/"
 cp "$here"/scenarios/*.json "$drive/nd/scenarios/"
+# The same daemon beside the stand-in driver client DLL.
+mkdir -p "$drive/ndfake"
+cp "$build/NetworkDriver.exe" "$build/tools/ndisapi.dll" "$drive/ndfake/"
 
 failures=0
 pass() { echo "ok   $1"; }
@@ -52,7 +57,7 @@ check() {  # check <name> <command...>
 
 # The entries of a log file: text after the time stamp, line ends as on Linux.
 entries() { sed -e 's/\r$//' -e 's/^[^;]*;//' "$1"; }
-has() { entries "$1" | grep -qxF -- "$2"; }
+has() { grep -qxF -- "$2" <(entries "$1"); }
 last_is() { [ "$(entries "$1" | tail -n 1)" = "$2" ]; }
 # The start lines of a run that printed `version`.
 start_lines() { printf '%s\n' "INFO;$(printf -- '-%.0s' {1..42})" "INFO;Network Driver $1 started." "INFO;$(printf -- '-%.0s' {1..42})"; }
@@ -128,6 +133,9 @@ brand_case() {  # brand_case <name> <folder under C:\> <log folder under Program
   mkdir -p "$drive/$folder" && cp "$build/NetworkDriver.exe" "$drive/$folder/"
   run_alone "C:\\${folder//\//\\}\\NetworkDriver.exe" >/dev/null
   check "brand: $name" only_start_lines "$appdata/$logs/NetworkDriver_log_0.txt" "$version"
+  local made=0 brand
+  for brand in TORV VUD "Halbrook Automation"; do [ -e "$appdata/$brand" ] && made=$((made + 1)); done
+  check "brand: $name, and in no other brand folder" [ "$made" = 1 ]
 }
 brand_case "a path with VUD logs under VUD\\TARVELIS connect" "Program Files/VUD/Runtime" "VUD/TARVELIS connect/Runtime"
 brand_case "a path with Halbrook logs under Halbrook Automation" "Program Files/Halbrook/Remote" \
@@ -168,13 +176,52 @@ guid="{6B29FC40-CA47-1067-B31D-00DD010662DA}"
 check "no driver: StartVPN answers status 0 and later requests are answered" [ "$(run_scenario no-driver.json)" = 0 ]
 check "no driver: request logged" has "$log" \
   "INFO;Received StartVPNRequest message: SupervisorMACAddress: 02:00:00:00:00:01, VpnPromiscuousMode: false, GUID: $guid, name: "
-if grep -q FilterDriversPublisher "$root/NetworkDriver/SessionFactory.cpp" 2>/dev/null; then
-  check "no driver: adapter open attempted" has "$log" "INFO;Opening virtual Ethernet adapter (GUID: $guid)."
-  check "no driver: adapter open failed" has "$log" "INFO;Error opening Virtual Ethernet adapter (GUID: $guid)."
-  check "no driver: orderly end" last_is "$log" "INFO;Closed pipes"
-else
-  echo "skip no driver: adapter log lines (the sessions are not wired to the filter driver in this tree)"
-fi
+check "no driver: adapter open attempted" has "$log" "INFO;Opening virtual Ethernet adapter (GUID: $guid)."
+check "no driver: adapter open failed" has "$log" "INFO;Error opening Virtual Ethernet adapter (GUID: $guid)."
+check "no driver: orderly end" last_is "$log" "INFO;Closed pipes"
+
+# The stand-in ndisapi.dll: the Windows backend loads it by name, resolves every export and
+# drives it through the published structures; captured frames travel the capture thread,
+# the publisher and the VPN to the pipe, tunnel frames go the other way.
+trace=$drive/ndfake/ndisapi-trace.txt
+traced() { grep -qxF -- "$1" "$trace"; }
+a=0000003400009abc
+check "fake driver: VPN opens, captured frames reach the tunnel, tunnel frames are written" \
+  [ "$(run_scenario fake-driver.json 'C:\ndfake\NetworkDriver.exe')" = 0 ]
+check "fake driver: opened under the instance name NDISTQFD" traced "OpenFilterDriver NDISTQFD"
+check "fake driver: promiscuous, then tunnel mode" \
+  bash -c 'grep -n "" "$1" | grep -F -e "SetHwPacketFilter $2 00000020" -e "SetAdapterMode $2 00000043" | cut -d: -f2- | tr "\n" "|" | grep -qx "SetHwPacketFilter $2 00000020|SetAdapterMode $2 00000043|"' _ "$trace" "$a"
+check "fake driver: one redirect filter on the handle's low half" \
+  traced "SetPacketFilterTable size=1 adapter=0000000000009abc direction=3 action=3 fields=0"
+check "fake driver: the packet event is registered" traced "SetPacketEvent $a set"
+check "fake driver: the three captured frames are read" [ "$(grep -c "^ReadPacket $a " "$trace")" = 3 ]
+check "fake driver: a captured broadcast goes back to the stack at once" \
+  traced "SendPacketToMstcp $a dst=ffffffffffff src=02aabbccddee len=60"
+check "fake driver: the frame for the supervisor is consumed" bash -c '! grep -q "dst=020000000001" "$1"' _ "$trace"
+check "fake driver: a frame the VPN does not take is passed on" \
+  traced "SendPacketToMstcp $a dst=02aabbccddee src=027777777777 len=60"
+check "fake driver: a tunnel frame for an unknown host goes to the wire" \
+  traced "SendPacketToAdapter $a dst=029999999999 src=025555555555 len=60"
+check "fake driver: a tunnel frame for the adapter goes to its stack" \
+  traced "SendPacketToMstcp $a dst=02aabbccddee src=025555555555 len=60"
+check "fake driver: a tunnel broadcast goes to wire and stack" \
+  bash -c 'grep -qxF "SendPacketToAdapter $2 dst=ffffffffffff src=026666666666 len=60" "$1" &&
+           grep -qxF "SendPacketToMstcp $2 dst=ffffffffffff src=026666666666 len=60" "$1"' _ "$trace" "$a"
+check "fake driver: an oversize tunnel frame is dropped" bash -c '! grep -q "len=1515" "$1"' _ "$trace"
+check "fake driver: oversize frame logged" \
+  has "$log" "ERROR;The frame size exceeds the max ethernet frame size: 1515. The packet will be dropped."
+check "fake driver: stop restores the adapter" \
+  bash -c 'for line in "SetAdapterMode $2 00000000" "FlushAdapterPacketQueue $2" "SetHwPacketFilter $2 0000000b" "SetPacketEvent $2 null"; do
+             grep -qxF "$line" "$1" || exit 1; done' _ "$trace" "$a"
+check "fake driver: the other adapter is never touched" bash -c '! grep -q 0000001200005678 "$1"' _ "$trace"
+check "fake driver: the driver is closed at the end" [ "$(tail -n 1 "$trace")" = "CloseFilterDriver 4e44" ]
+fguid="{6B29FC40-CA47-1067-B31D-00DD010662DA}"
+check "fake driver: adapter opened" has "$log" "INFO;Virtual Ethernet adapter (GUID: $fguid) opened."
+check "fake driver: capture thread started and stopped" bash -c \
+  'grep -qF "CaptureThread of virtual Ethernet adapter (GUID: $2) started." "$1" && grep -qF "Quit event received in CaptureThread" "$1"' \
+  _ "$log" "$fguid"
+check "fake driver: adapter closed" has "$log" "INFO;Virtual Ethernet adapter (GUID: $fguid) closed."
+check "fake driver: orderly end" last_is "$log" "INFO;Closed pipes"
 
 echo "--- wine stage: $failures failed, $(($(date +%s) - began)) s"
 [ "$failures" -eq 0 ]

@@ -14,6 +14,7 @@ namespace ndpeer {
 namespace {
 
 std::atomic<bool> interrupted{false};
+constexpr size_t kKeptFrames = 1000;
 void OnSignal(int) { interrupted = true; }
 
 const char* TypeName(uint32_t type) {
@@ -67,8 +68,15 @@ void Peer::ReceiveLoop() {
             continue;
         }
         if (message.type == NativeNetworkDriver::kVpnFrame) {
-            if (tap_.IsOpen()) tap_.Write(message.payload);
             if (options_.showFrames) std::cout << "<- " << DescribeMessage(message) << std::endl;
+            if (tap_.IsOpen()) {
+                tap_.Write(message.payload);
+                continue;
+            }
+            std::lock_guard lock(answersLock_);
+            if (frames_.size() >= kKeptFrames) frames_.pop_front();
+            frames_.push_back(std::move(message));
+            answersChanged_.notify_all();
             continue;
         }
         std::cout << "<- " << DescribeMessage(message) << std::endl;
@@ -92,6 +100,15 @@ void Peer::TapLoop() {
             channel_.Send(NativeNetworkDriver::kVpnFrame, frame);
         }
     }
+}
+
+std::optional<Message> Peer::NextFrame(double seconds) {
+    std::unique_lock lock(answersLock_);
+    answersChanged_.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return !frames_.empty() || closed_; });
+    if (frames_.empty()) return std::nullopt;
+    Message m = std::move(frames_.front());
+    frames_.pop_front();
+    return m;
 }
 
 std::optional<Message> Peer::NextAnswer(double seconds) {
@@ -153,6 +170,20 @@ bool Peer::RunStep(const Step& step, size_t index) {
             std::cout << "-- daemon exited with status " << *status << std::endl;
             if (*status != step.exitCode) {
                 std::cerr << "step " << index << ": expected exit status " << step.exitCode << std::endl;
+                return false;
+            }
+            return true;
+        }
+        case Step::Kind::ExpectFrame: {
+            const auto frame = NextFrame(step.seconds);
+            if (!frame) {
+                std::cerr << "step " << index << ": no tunnel frame within " << step.seconds << " s" << std::endl;
+                return false;
+            }
+            std::cout << "<- " << DescribeMessage(*frame) << std::endl;
+            if (frame->payload != step.payload) {
+                std::cerr << "step " << index << ": unexpected frame [" << Hex(frame->payload) << "] (expected ["
+                          << Hex(step.payload) << "])" << std::endl;
                 return false;
             }
             return true;

@@ -41,6 +41,7 @@ private:
     bool RunStep(const Step& step, size_t index);
     bool CheckAnswer(const Step& step, size_t index);
     std::optional<Message> NextAnswer(double seconds);
+    std::optional<Message> NextFrame(double seconds);
     void ReceiveLoop();
     void TapLoop();
     void Hold();
@@ -53,6 +54,7 @@ private:
     std::mutex answersLock_;
     std::condition_variable answersChanged_;
     std::deque<Message> answers_;
+    std::deque<Message> frames_;  // tunnel frames, kept for ExpectFrame steps when no tap takes them
     bool closed_ = false;
     std::atomic<bool> stop_{false};
     std::thread receiver_;

@@ -221,6 +221,14 @@ Step ParseStep(const json& value, const std::string& origin, const std::string& 
         step.seconds = e.Has("within") ? e.Seconds("within") : 10.0;
         return step;
     }
+    if (f.Has("expectFrame")) {
+        // The next tunnel frame (type 2) from the daemon, when no tap takes them.
+        Fields e(f.At("expectFrame"), origin, f.Path("expectFrame"));
+        step.kind = Step::Kind::ExpectFrame;
+        step.payload = e.Hex("hex");
+        step.seconds = e.Has("within") ? e.Seconds("within") : 10.0;
+        return step;
+    }
     step.name = f.String("send");
     if (f.Has("expect")) step.expect = ReadExpectation(f);
     const std::string& n = step.name;

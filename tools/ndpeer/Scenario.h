@@ -19,13 +19,13 @@ struct Expectation {
 };
 
 struct Step {
-    enum class Kind { Send, Sleep, ClosePipe, ExpectExit } kind = Kind::Send;
+    enum class Kind { Send, Sleep, ClosePipe, ExpectExit, ExpectFrame } kind = Kind::Send;
     std::string name;  // request name, for printing
     uint32_t type = 0;
-    std::vector<uint8_t> payload;
+    std::vector<uint8_t> payload;                  // Send; ExpectFrame: the frame
     std::optional<std::vector<uint8_t>> rawBytes;  // sent as they are, no framing
     std::optional<Expectation> expect;
-    double seconds = 0;                   // Sleep; ExpectExit: how long to wait
+    double seconds = 0;                   // Sleep; ExpectExit, ExpectFrame: how long to wait
     int exitCode = 0;                     // ExpectExit
 };
 

@@ -13,7 +13,8 @@ ChildProcess::ChildProcess() : handle_(std::make_unique<Handle>()) {}
 ChildProcess::~ChildProcess() { Kill(); }
 
 bool ChildProcess::Start(const std::string& path, const std::map<std::string, std::string>& environment,
-                         const std::string& /*networkNamespace: Linux only*/) {
+                         const std::string& networkNamespace) {
+    if (!networkNamespace.empty()) return false;  // network namespaces are Linux's
     // The child inherits the peer's environment; it is the only process the peer starts.
     for (const auto& [name, value] : environment) SetEnvironmentVariableA(name.c_str(), value.c_str());
     std::string commandLine = "\"" + path + "\"";
