@@ -32,9 +32,11 @@ public:
     virtual void CloseAdapterEvent(NdisApi::Handle adapter, NdisApi::Handle event) = 0;
 };
 
-// Creates the driver client of this platform. Tests replace the factory with an in-memory one.
+// Creates a driver client through the installed factory: the process entry installs its
+// platform's, tests an in-memory one. With none installed (or an empty one) the result is
+// null, which every adapter reads as "driver not loaded".
 using FilterDriverApiFactory = std::function<std::unique_ptr<IFilterDriverApi>()>;
 std::unique_ptr<IFilterDriverApi> CreateFilterDriverApi();
-void SetFilterDriverApiFactory(FilterDriverApiFactory factory);  // empty restores the platform's
+void SetFilterDriverApiFactory(FilterDriverApiFactory factory);
 
 }  // namespace NativeNetworkDriver

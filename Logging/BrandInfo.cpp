@@ -44,7 +44,9 @@ bool CreateDirectoryChain(const std::string& path) {
         if (i < path.size() && path[i] != Platform::kPathSeparator) continue;
         const std::string prefix = path.substr(0, i);
         std::error_code ec;
-        if (fs::is_directory(prefix, ec)) continue;
+        // A bare drive ("C:") is not something every C runtime can stat; its root is.
+        const bool drive = prefix.size() == 2 && prefix[1] == ':';
+        if (fs::is_directory(drive ? prefix + Platform::kPathSeparator : prefix, ec)) continue;
         lastCreated = fs::create_directory(prefix, ec) && !ec;
         if (!lastCreated) break;
     }

@@ -98,7 +98,8 @@ int32_t Logger::NewestRingFileLocked() const {
 
 void Logger::OpenCurrentLocked(bool truncate) {
     const std::string path = FilePath(currentIndex_);
-    file_.open(path, truncate ? (std::ios::out | std::ios::trunc) : (std::ios::out | std::ios::app));
+    // Binary mode: lines end in "\n" on every platform.
+    file_.open(path, std::ios::binary | (truncate ? (std::ios::out | std::ios::trunc) : (std::ios::out | std::ios::app)));
     std::error_code ec;
     const auto size = truncate ? 0 : fs::file_size(path, ec);
     fileSize_ = ec ? 0 : size;

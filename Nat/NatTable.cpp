@@ -125,8 +125,7 @@ bool NatTable::LookupOutbound(const InternalKey& key, const MacAddress* snatAdap
     auto out = outbound_.find(key);
     ActivityIndex::iterator act;
     if (out != outbound_.end()) {
-        act = activity_.find(out->second);
-        if (act == activity_.end()) throw Exception("Not found external host info for DNAT packet");
+        act = out->second.activity;
         if (act->second.dnat) CheckExpiryLocked(act->first, act->second, now);
         RefreshLocked(act->second, now);
     } else {
@@ -144,12 +143,11 @@ bool NatTable::LookupOutbound(const InternalKey& key, const MacAddress* snatAdap
         }
         ActivityRecord record;
         record.lastActivity = now;
-        InsertLocked(external, key, std::move(record), "SNAT");
-        out = outbound_.find(key);
-        act = activity_.find(external);
+        out = InsertLocked(external, key, std::move(record), "SNAT");
+        act = out->second.activity;
     }
     ActivityRecord& record = act->second;
-    view.external = out->second;
+    view.external = out->second.external;
     view.internal = out->first;
     view.dnat = record.dnat;
     view.sequence = segment.sequence + static_cast<uint32_t>(record.towardsExternal.SequenceOffset(segment.sequence));
@@ -168,22 +166,22 @@ std::optional<MacAddress> NatTable::GetExternalAdapterMac(const InternalKey& key
     std::lock_guard<std::mutex> guard(lock_);
     auto it = outbound_.find(key);
     if (it == outbound_.end()) return std::nullopt;
-    return it->second.externalAdapterMac;
+    return it->second.external.externalAdapterMac;
 }
 
 void NatTable::LookupInbound(const ExternalKey& key, const char* kind, const Segment& segment, EntryView& view) {
     std::lock_guard<std::mutex> guard(lock_);
     const uint32_t now = clock_();
     auto in = inbound_.find(key);
-    auto act = activity_.find(key);
-    if (in == inbound_.end() || act == activity_.end()) {
+    if (in == inbound_.end()) {
         throw Exception(std::string("Not found internal host info for ") + kind + " packet" + PeerText(key));
     }
+    auto act = in->second.activity;
     CheckExpiryLocked(act->first, act->second, now);
     RefreshLocked(act->second, now);
     ActivityRecord& record = act->second;
     view.external = in->first;
-    view.internal = in->second;
+    view.internal = in->second.host;
     view.dnat = record.dnat;
     view.sequence = segment.sequence + static_cast<uint32_t>(record.towardsInternal.SequenceOffset(segment.sequence));
     view.acknowledgment = segment.acknowledgment -
@@ -200,19 +198,20 @@ MacAddress NatTable::GetInternalHostMac(const ExternalKey& key) const {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = inbound_.find(key);
     if (it == inbound_.end()) throw Exception("Not found internal host MAC for" + PeerText(key));
-    return it->second.hostMac;
+    return it->second.host.hostMac;
 }
 
-void NatTable::InsertLocked(const ExternalKey& key, const InternalKey& internal, ActivityRecord record,
-                            const char* kind) {
+NatTable::OutboundIndex::iterator NatTable::InsertLocked(const ExternalKey& key, const InternalKey& internal,
+                                                        ActivityRecord record, const char* kind) {
     ExternalKey external = key;
     InternalKey host = internal;
     external.sequenceOffset = external.acknowledgmentOffset = 0;
     host.sequenceOffset = host.acknowledgmentOffset = 0;
-    activity_.emplace(external, std::move(record));
-    inbound_.emplace(external, host);
-    outbound_.emplace(host, external);
+    auto activity = activity_.emplace(external, std::move(record)).first;
+    inbound_.emplace(external, InboundValue{host, activity});
+    auto out = outbound_.emplace(host, OutboundValue{external, activity}).first;
     if (DebugEnabled()) Log(std::string("Added entry to Nat Table for ") + kind + " " + EntryText(host, external), 0);
+    return out;
 }
 
 void NatTable::AddDnatEntry(const ExternalKey& key, InternalKey internal, const Ipv4Address* sourceIp,
@@ -253,7 +252,7 @@ EntryView NatTable::AddDnatV2Entry(InternalKey internal, const MacAddress& exter
     if (!portAsDestination) {
         auto existing = outbound_.find(internal);
         if (existing != outbound_.end()) {
-            view.external = existing->second;
+            view.external = existing->second.external;
             view.internal = existing->first;
             return view;
         }
@@ -285,13 +284,12 @@ void NatTable::UpdateReceivedBytesInfo(const ExternalKey& key, const InternalKey
     if (in == inbound_.end()) throw Exception("UpdateReceivedBytesInfo: Not found external to internal Nat info");
     auto out = outbound_.find(internal);
     if (out == outbound_.end()) throw Exception("UpdateReceivedBytesInfo: Not found internal to external Nat info");
-    auto act = activity_.find(key);
-    if (act == activity_.end()) throw Exception("UpdateReceivedBytesInfo: Not found external to internal Nat info");
+    auto act = in->second.activity;
     ActivityRecord& record = act->second;
     (towardsExternal ? record.towardsExternal : record.towardsInternal).Record(sequence, delta);
     MirrorOffsets(record, act->first, out->first);
-    MirrorOffsets(record, in->first, in->second);
-    MirrorOffsets(record, out->second, out->first);
+    MirrorOffsets(record, in->first, in->second.host);
+    MirrorOffsets(record, out->second.external, out->first);
 }
 
 void NatTable::Remove(const ExternalKey& key) {
@@ -301,18 +299,15 @@ void NatTable::Remove(const ExternalKey& key) {
 
 void NatTable::RemoveLocked(const ExternalKey& key) {
     auto in = inbound_.find(key);
-    auto act = activity_.find(key);
-    if (act != activity_.end()) {
-        if (!act->second.dnat) ReturnPortLocked(key.externalPort);
-        if (act->second.ownsSourcePort && in != inbound_.end()) ReturnPortLocked(in->second.destinationPort);
-    }
-    if (in != inbound_.end()) {
-        InternalKey internal = in->second;
-        outbound_.erase(internal);
-        if (DebugEnabled()) Log("Removed entry from Nat Table " + EntryText(internal, in->first), 0);
-        inbound_.erase(in);
-    }
-    if (act != activity_.end()) activity_.erase(act);
+    if (in == inbound_.end()) return;
+    auto act = in->second.activity;
+    const InternalKey internal = in->second.host;
+    if (!act->second.dnat) ReturnPortLocked(key.externalPort);
+    if (act->second.ownsSourcePort) ReturnPortLocked(internal.destinationPort);
+    outbound_.erase(internal);
+    if (DebugEnabled()) Log("Removed entry from Nat Table " + EntryText(internal, in->first), 0);
+    inbound_.erase(in);
+    activity_.erase(act);
 }
 
 void NatTable::Sweep() {
@@ -347,12 +342,11 @@ size_t NatTable::EntryCount() const {
 std::optional<EntryView> NatTable::Find(const ExternalKey& key) const {
     std::lock_guard<std::mutex> guard(lock_);
     auto in = inbound_.find(key);
-    auto act = activity_.find(key);
-    if (in == inbound_.end() || act == activity_.end()) return std::nullopt;
+    if (in == inbound_.end()) return std::nullopt;
     EntryView view;
     view.external = in->first;
-    view.internal = in->second;
-    view.dnat = act->second.dnat;
+    view.internal = in->second.host;
+    view.dnat = in->second.activity->second.dnat;
     return view;
 }
 
@@ -366,10 +360,11 @@ std::optional<ActivityRecord> NatTable::Activity(const ExternalKey& key) const {
 bool NatTable::Consistent() const {
     std::lock_guard<std::mutex> guard(lock_);
     if (activity_.size() != inbound_.size() || inbound_.size() != outbound_.size()) return false;
-    for (const auto& [key, host] : inbound_) {
-        if (activity_.find(key) == activity_.end()) return false;
-        auto out = outbound_.find(host);
-        if (out == outbound_.end() || !(out->second == key)) return false;
+    for (const auto& [key, value] : inbound_) {
+        auto act = activity_.find(key);
+        if (act == activity_.end() || act != value.activity) return false;
+        auto out = outbound_.find(value.host);
+        if (out == outbound_.end() || !(out->second.external == key) || out->second.activity != act) return false;
     }
     return true;
 }

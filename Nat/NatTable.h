@@ -122,6 +122,18 @@ public:
 
 private:
     using ActivityIndex = std::map<ExternalKey, ActivityRecord>;
+    // The other two indexes also point at the entry's activity record, so that a frame
+    // of a known flow costs one lookup.
+    struct OutboundValue {
+        ExternalInfo external;
+        ActivityIndex::iterator activity;
+    };
+    struct InboundValue {
+        InternalHostInfo host;
+        ActivityIndex::iterator activity;
+    };
+    using OutboundIndex = std::map<InternalKey, OutboundValue>;
+    using InboundIndex = std::map<ExternalKey, InboundValue>;
 
     uint32_t TakePortLocked();
     void ReturnPortLocked(uint32_t port);
@@ -129,13 +141,14 @@ private:
     void SweepLocked();
     void CheckExpiryLocked(const ExternalKey& key, const ActivityRecord& record, uint32_t now);
     void RefreshLocked(ActivityRecord& record, uint32_t now);
-    void InsertLocked(const ExternalKey& key, const InternalKey& internal, ActivityRecord record, const char* kind);
+    OutboundIndex::iterator InsertLocked(const ExternalKey& key, const InternalKey& internal, ActivityRecord record,
+                                         const char* kind);
     bool Expired(uint32_t lastActivity, uint32_t now) const { return now - lastActivity >= entryTimeout_; }
 
     std::deque<uint32_t> freePorts_;
     ActivityIndex activity_;
-    std::map<InternalKey, ExternalInfo> outbound_;
-    std::map<ExternalKey, InternalHostInfo> inbound_;
+    OutboundIndex outbound_;
+    InboundIndex inbound_;
     uint32_t lastSweep_;
     uint32_t entryTimeout_;
     Clock clock_;

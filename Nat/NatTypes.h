@@ -1,6 +1,7 @@
 #pragma once
 // Configuration records held by the translator and the keys of its tables.
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -48,8 +49,26 @@ struct ExternalKey {
     mutable int32_t sequenceOffset = 0;
     mutable int32_t acknowledgmentOffset = 0;
 };
-bool operator<(const ExternalKey& a, const ExternalKey& b);
-bool operator==(const ExternalKey& a, const ExternalKey& b);
+// Byte strings of fixed size compare as big-endian numbers; this is the byte-wise order.
+inline uint64_t MacNumber(const MacAddress& m) {
+    return (uint64_t(m[0]) << 40) | (uint64_t(m[1]) << 32) | (uint64_t(m[2]) << 24) | (uint64_t(m[3]) << 16) |
+           (uint64_t(m[4]) << 8) | uint64_t(m[5]);
+}
+inline uint32_t IpNumber(const Ipv4Address& ip) {
+    return (uint32_t(ip[0]) << 24) | (uint32_t(ip[1]) << 16) | (uint32_t(ip[2]) << 8) | uint32_t(ip[3]);
+}
+
+// Ordered by external port, remote port, remote IP, external adapter MAC.
+inline bool operator<(const ExternalKey& a, const ExternalKey& b) {
+    if (a.externalPort != b.externalPort) return a.externalPort < b.externalPort;
+    if (a.remotePort != b.remotePort) return a.remotePort < b.remotePort;
+    if (a.remoteIp != b.remoteIp) return IpNumber(a.remoteIp) < IpNumber(b.remoteIp);
+    return MacNumber(a.externalAdapterMac) < MacNumber(b.externalAdapterMac);
+}
+inline bool operator==(const ExternalKey& a, const ExternalKey& b) {
+    return a.externalPort == b.externalPort && a.remotePort == b.remotePort && a.remoteIp == b.remoteIp &&
+           a.externalAdapterMac == b.externalAdapterMac;
+}
 
 // The internal side of a flow. Stored as the outbound index's key and, as
 // InternalHostInfo, as the inbound index's value; the offsets are those applied to
@@ -64,8 +83,19 @@ struct InternalKey {
     mutable int32_t sequenceOffset = 0;
     mutable int32_t acknowledgmentOffset = 0;
 };
-bool operator<(const InternalKey& a, const InternalKey& b);
-bool operator==(const InternalKey& a, const InternalKey& b);
+// Ordered by internal port, destination port, host IP, host MAC, adapter MAC, destination IP.
+inline bool operator<(const InternalKey& a, const InternalKey& b) {
+    if (a.internalPort != b.internalPort) return a.internalPort < b.internalPort;
+    if (a.destinationPort != b.destinationPort) return a.destinationPort < b.destinationPort;
+    if (a.hostIp != b.hostIp) return IpNumber(a.hostIp) < IpNumber(b.hostIp);
+    if (a.hostMac != b.hostMac) return MacNumber(a.hostMac) < MacNumber(b.hostMac);
+    if (a.adapterMac != b.adapterMac) return MacNumber(a.adapterMac) < MacNumber(b.adapterMac);
+    return IpNumber(a.destinationIp) < IpNumber(b.destinationIp);
+}
+inline bool operator==(const InternalKey& a, const InternalKey& b) {
+    return a.internalPort == b.internalPort && a.destinationPort == b.destinationPort && a.hostIp == b.hostIp &&
+           a.hostMac == b.hostMac && a.adapterMac == b.adapterMac && a.destinationIp == b.destinationIp;
+}
 
 using InternalHostInfo = InternalKey;
 using ExternalInfo = ExternalKey;
@@ -112,6 +142,8 @@ bool ToMac(const Bytes& bytes, MacAddress& out);
 bool ToIp(const Bytes& bytes, Ipv4Address& out);
 // True when `ip` lies in the subnet of `entry` (address and mask of 4 bytes each).
 bool InSubnet(const IpEntry& entry, const Ipv4Address& ip);
-uint32_t IpToNumber(const Ipv4Address& ip);
+inline uint32_t IpToNumber(const Ipv4Address& ip) { return IpNumber(ip); }
+// The fragments of one datagram as the ARP table holds them.
+std::set<Frame> FragmentSet(const FragmentList& fragments);
 
 }  // namespace Nat

@@ -48,7 +48,7 @@ bool AddressSeenBy(const AdapterInfo& adapter, const Ipv4Address& ip, Ipv4Addres
 }
 
 bool FirstFourEqual(const Bytes& bytes, const Ipv4Address& ip) {
-    return bytes.size() >= 4 && std::equal(ip.begin(), ip.end(), bytes.begin());
+    return bytes.size() >= 4 && bytes[0] == ip[0] && bytes[1] == ip[1] && bytes[2] == ip[2] && bytes[3] == ip[3];
 }
 
 bool InRanges(const std::vector<IpRange>& ranges, const Ipv4Address& ip) {
@@ -162,8 +162,11 @@ void ReadFacts(const Frame& frame, bool wholeDatagram, FrameFacts& f) {
 PayloadChange ApplyEdit(Frame& frame, const FrameFacts& f,
                         const ApplicationLayer::Edit& edit) {
     const size_t oldSize = edit.end - edit.begin;
-    const auto* old = frame.data() + f.payloadBegin + edit.begin;
-    if (edit.text.size() == oldSize && std::equal(edit.text.begin(), edit.text.end(), old)) return {};
+    if (edit.text.size() == oldSize &&
+        edit.text.compare(0, oldSize, reinterpret_cast<const char*>(frame.data() + f.payloadBegin + edit.begin),
+                          oldSize) == 0) {
+        return {};
+    }
     const int64_t delta = static_cast<int64_t>(edit.text.size()) - static_cast<int64_t>(oldSize);
     const int64_t newSize = static_cast<int64_t>(f.payloadEnd) + delta;
     if (newSize > static_cast<int64_t>(kMaxFrameSize)) return {};
@@ -400,7 +403,7 @@ std::optional<MacAddress> NetworkAddressTranslator::ResolveOrHold(const Ipv4Addr
     NativeNetworkDriver::ArpTable* table = arpCache_ != nullptr ? arpCache_->GetArpTable() : nullptr;
     if (table == nullptr) return std::nullopt;
     if (fragments == nullptr) return table->ResolveOrHold(ip, head, receivedOnGuid);
-    return table->ResolveOrHold(ip, head, receivedOnGuid, std::set<Frame>(fragments->begin(), fragments->end()));
+    return table->ResolveOrHold(ip, head, receivedOnGuid, FragmentSet(*fragments));
 }
 
 NetworkAddressTranslator::NextHop NetworkAddressTranslator::ResolveExternalNextHop(
@@ -629,7 +632,9 @@ PayloadChange NetworkAddressTranslator::RewritePassiveReply(Frame& frame, const 
     temporary.toAdapter = route->toAdapter;
     temporary.toIp = ToBytes(serverIp);
     temporary.toPort = reply->port;
-    temporary.translateSource = route->translateSource;
+    // The server accepts a data connection only from its control connection's peer, so it
+    // is translated as that connection is, whichever rule to the same server came first.
+    temporary.translateSource = entry.internal.destinationIp != entry.external.remoteIp;
     temporary.temporary = true;
     temporary.refreshedTick = clock_();
     temporary.linkedKeys.push_back(entry.external);

@@ -7,6 +7,23 @@
 // Translation kinds: 0 leave alone, 1 SNAT (or a reply to it), 2 DNAT (or a reply to it).
 // Calls come from one thread at a time (the session's dispatch thread); the tables have
 // their own locks, the rule list is changed without one.
+//
+// Choices worth knowing:
+// - A TCP entry ends on a reset from either side, or once each side's FIN has been
+//   acknowledged by the other. A FIN's end is kept in its sender's own numbering and
+//   compared with the other side's acknowledgment after translation. The entry is
+//   removed right after the closing frame has been translated.
+// - A payload rewrite moves the sequence numbers of its direction from that segment on;
+//   a retransmission of the rewritten segment is not counted twice.
+// - FTP: passive replies "227" and "229" of a published server open a temporary rule on
+//   a pool port, usable only by the control connection's client. Active-mode commands
+//   "PORT" and "EPRT" (IPv4) of its client make a DNATv2 entry for the connection the
+//   server opens from its data port, the control port minus one.
+// - Fragments: the fragment at offset 0 decides, wherever it sits in the list; payloads
+//   of fragmented datagrams are never rewritten.
+// - A UDP datagram sent without a checksum leaves without one.
+// - The next hop of a reply through a rule is chosen for the remote peer the entry
+//   records, which differs from the frame's destination with translate source.
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -55,7 +72,8 @@ public:
     virtual uint32_t ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp,
                                             uint32_t srcPort, uint32_t dstPort);
 
-    // Rewrite in place; the result is the adapter the frame must leave on.
+    // Rewrite in place; the result is the adapter the frame must leave on (its id is the
+    // GUID to send on), valid until the next call.
     const AdapterInfo& TranslateInternalToExternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid);
     const AdapterInfo& TranslateExternalToInternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid);
     // The fragments of one datagram: the head fragment decides and is rewritten in full,

@@ -1,4 +1,5 @@
 // Process entry: high priority, the log, then one NetworkDriver for the life of the pipes.
+#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -10,6 +11,8 @@
 
 #ifdef _WIN32
 #include <windows.h>
+
+#include "Platform/FilterDriverBackendWindows.h"
 #else
 #include "Platform/FilterDriverBackend.h"
 #endif
@@ -49,10 +52,17 @@ void InitializeLogging() {
 }
 
 int Run() {
+#ifdef _WIN32
+    // No window and nobody to click: the C runtime's abort message must not become a
+    // message box that holds the process, so it goes to standard error.
+    _set_error_mode(_OUT_TO_STDERR);
+#endif
     std::set_terminate(LogFatalAndAbort);
     Platform::RaiseProcessPriority();
     InitializeLogging();
-#ifndef _WIN32
+#ifdef _WIN32
+    NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateWindowsFilterDriverApi);
+#else
     NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateLinuxFilterDriverApi);
 #endif
     {

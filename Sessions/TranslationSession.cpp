@@ -202,11 +202,20 @@ void TranslationSession::RequestMac(const Nat::UnknownMacException& unknown) {
     publisher_->SendToAdapter(this, adapter->id, request);
 }
 
-template <typename Work>
-void TranslationSession::Translate(Direction direction, Work&& work) {
-    const char* way = direction == Direction::Inbound ? "external to internal" : "internal to external";
+template <typename RewriteAndSend>
+bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend) {
+    if (!engine_) return false;
+    const bool inbound = externalGuids_.count(guid) != 0;
+    if (!inbound && internalGuids_.count(guid) == 0) return false;
+    FrameFields f;
+    if (!ReadFields(head, f)) return false;
+    const char* way = inbound ? "external to internal" : "internal to external";
+    uint32_t kind = 0;
     try {
-        work();
+        kind = inbound ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
+                       : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
+                                                         f.dstPort);
+        if (kind != 0) rewriteAndSend(kind, inbound);
     } catch (const Nat::UnknownMacException& unknown) {
         // The ARP cache holds the frame; it comes back through the publisher once resolved.
         RequestMac(unknown);
@@ -215,48 +224,27 @@ void TranslationSession::Translate(Direction direction, Work&& work) {
     } catch (...) {
         Log(std::string("Error translating a NAT packet from ") + way, 2);
     }
+    return kind != 0;
 }
 
 bool TranslationSession::OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) {
-    if (!engine_) return false;
-    const bool external = externalGuids_.count(guid) != 0;
-    if (!external && internalGuids_.count(guid) == 0) return false;
-    FrameFields f;
-    if (!ReadFields(frame, f)) return false;
-    const Direction direction = external ? Direction::Inbound : Direction::Outbound;
-    uint32_t kind = 0;
-    Translate(direction, [&] {
-        kind = external ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
-                        : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
-                                                          f.srcPort, f.dstPort);
-        if (kind == 0) return;
+    return Handle(guid, frame, [&](uint32_t kind, bool inbound) {
         scratch_.assign(frame.begin(), frame.end());
-        const Nat::AdapterInfo& out = external ? engine_->TranslateExternalToInternal(kind, scratch_, guid)
-                                               : engine_->TranslateInternalToExternal(kind, scratch_, guid);
+        const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, scratch_, guid)
+                                              : engine_->TranslateInternalToExternal(kind, scratch_, guid);
         publisher_->SendToAdapter(this, out.id, scratch_);
     });
-    return kind != 0;
 }
 
+// The first fragment decides; the others follow it.
 bool TranslationSession::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) {
-    if (!engine_ || fragments.empty()) return false;
-    const bool external = externalGuids_.count(guid) != 0;
-    if (!external && internalGuids_.count(guid) == 0) return false;
-    FrameFields f;
-    if (!ReadFields(fragments.front(), f)) return false;  // the first fragment decides
-    const Direction direction = external ? Direction::Inbound : Direction::Outbound;
-    uint32_t kind = 0;
-    Translate(direction, [&] {
-        kind = external ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
-                        : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
-                                                          f.srcPort, f.dstPort);
-        if (kind == 0) return;
+    if (fragments.empty()) return false;
+    return Handle(guid, fragments.front(), [&](uint32_t kind, bool inbound) {
         Nat::FragmentList copy = fragments;
-        const Nat::AdapterInfo& out = external ? engine_->TranslateExternalToInternal(kind, copy, guid)
-                                               : engine_->TranslateInternalToExternal(kind, copy, guid);
+        const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, copy, guid)
+                                              : engine_->TranslateInternalToExternal(kind, copy, guid);
         for (const auto& fragment : copy) publisher_->SendToAdapter(this, out.id, fragment);
     });
-    return kind != 0;
 }
 
 }  // namespace NativeNetworkDriver

@@ -54,11 +54,12 @@ protected:
     void Open(const OpenSettings& settings, const EngineFactory& buildEngine);
 
 private:
-    enum class Direction { Outbound, Inbound };
     bool ReservePorts(const OpenSettings& settings);
-    // Runs classification and translation; failures are logged and the frame dropped.
-    template <typename Work>
-    void Translate(Direction direction, Work&& work);
+    // Classifies a frame (or a datagram's first fragment) by the side it arrived on; for a
+    // frame the engine claims, runs rewriteAndSend(kind, inbound). Failures are logged and
+    // cost the frame. True when the engine claimed it.
+    template <typename RewriteAndSend>
+    bool Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend);
     void RequestMac(const Nat::UnknownMacException& unknown);
     const Nat::AdapterInfo* AdapterByMac(const std::vector<uint8_t>& mac) const;
 

@@ -39,6 +39,8 @@ constexpr size_t kMinEtherFrame = 60;
 // recvmmsg batch: frames per call and room per frame (a GSO super-frame is up to 64 KiB).
 constexpr unsigned kBatch = 8;
 constexpr size_t kSlotSize = kVnetHeaderSize + 65536 + 256;
+// Frames handed out before a socket found empty is asked again.
+constexpr unsigned kRecheckInterval = 2 * kBatch;
 
 constexpr int kCaptureBufferBytes = 8 * 1024 * 1024;
 constexpr int kSendBufferBytes = 4 * 1024 * 1024;
@@ -148,6 +150,8 @@ struct LinuxFilterDriverApi::Adapter {
     std::mutex readMutex;
     std::unique_ptr<CaptureSource> sources[2];  // 0: from the wire, 1: from the stack
     unsigned nextSource = 0;
+    bool empty[2] = {false, false};  // found empty during the current drain
+    unsigned framesSinceRecheck = 0;
     Counters counters;
 
     bool TakeFrame(CaptureSource& source, NdisApi::ETH_REQUEST& request);
@@ -348,6 +352,7 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
         adapter.sources[0] = std::move(fromWire);
         adapter.sources[1] = std::move(fromStack);
         adapter.nextSource = 0;
+        adapter.empty[0] = adapter.empty[1] = false;
     }
     adapter.ingressLink = std::move(ingress);
     adapter.egressLink = std::move(egress);
@@ -438,14 +443,25 @@ bool LinuxFilterDriverApi::ReadPacket(NdisApi::ETH_REQUEST* request) {
     if (!adapter) return false;
     std::lock_guard<std::mutex> read(adapter->readMutex);
     if (!adapter->sources[0] || !adapter->sources[1]) return false;
-    // Alternate between the sockets so neither direction starves the other.
+    // Alternate between the sockets so neither direction starves the other. A socket found
+    // empty is skipped for a while rather than asked again for every frame of the other.
+    if (++adapter->framesSinceRecheck >= kRecheckInterval) {
+        adapter->framesSinceRecheck = 0;
+        adapter->empty[0] = adapter->empty[1] = false;
+    }
     for (unsigned i = 0; i < 2; ++i) {
         const unsigned index = (adapter->nextSource + i) % 2;
+        if (adapter->empty[index]) continue;
         if (adapter->TakeFrame(*adapter->sources[index], *request)) {
             adapter->nextSource = (index + 1) % 2;
             return true;
         }
+        adapter->empty[index] = true;
     }
+    // Both empty: the next drain starts afresh (the event is level-triggered, so a frame
+    // that came in on a skipped socket wakes the reader again at once).
+    adapter->empty[0] = adapter->empty[1] = false;
+    adapter->framesSinceRecheck = 0;
     return false;
 }
 

@@ -122,6 +122,13 @@ TEST(NatAllocation, EstablishedFlowsTranslateWithoutHeapAllocation) {
     EXPECT_EQ(Allocations(*rig.nat, dnatOut, work, true, 200), 0u);
     EXPECT_EQ(Parse(work).dstPort, 33000);
 
+    // On-link destination: the next hop comes from the ARP table on every frame.
+    rig.Learn(Net::PeerIp(), Net::PeerMac());
+    const Frame onLink = Tcp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::PeerIp(), 40000, 22, 1, 1, kAck});
+    Allocations(*rig.nat, onLink, work, true, 1);
+    EXPECT_EQ(Allocations(*rig.nat, onLink, work, true, 200), 0u);
+    EXPECT_EQ(Parse(work).dstMac, Net::PeerMac());
+
     // The counter itself works: a new flow allocates its entries.
     const Frame fresh = Tcp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::FarIp(), 40001, 443, 1, 0, kSyn});
     EXPECT_GT(Allocations(*rig.nat, fresh, work, true, 1), 0u);

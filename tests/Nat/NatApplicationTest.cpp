@@ -236,3 +236,40 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
     EXPECT_EQ(dataSynAck,
               Tcp({kSrvMac, Net::ServerMac(), kSrvSideIp, Net::ServerIp(), 5001, 20, 800, 301, kSyn | kAck}));
 }
+
+// Two rules publish the same server, one of them translating the source. A passive data
+// connection must reach the server from the same address as its control connection, or
+// the server refuses it, whichever rule comes first in the list.
+TEST(NatFtp, PassiveDataConnectionIsTranslatedLikeItsControlConnection) {
+    Nat::RedirectRule plain = Rule(6, 21, 21, false);
+    plain.ftpSupport = true;
+    Nat::RedirectRule translated = Rule(6, 2121, 21, true);
+    translated.ftpSupport = true;
+    Rig rig({plain, translated});
+    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    Conversation control{rig};
+    control.published = 2121;
+    control.serverPort = 21;
+    control.serverSees = kSrvSideIp;
+    control.serverSeesPort = 5000;
+
+    EXPECT_EQ(control.FromClient(100, 0, kSyn).srcIp, kSrvSideIp);
+    control.FromServer(7000, 101, kSyn | kAck);
+    Fields out = control.FromServer(7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,156,64).\r\n");
+    EXPECT_EQ(out.payload, "227 Entering Passive Mode (10,0,0,2,19,137).\r\n");
+
+    Conversation data{rig};
+    data.clientPort = 40001;
+    data.published = 5001;
+    data.serverPort = 40000;
+    data.serverSees = kSrvSideIp;
+    data.serverSeesPort = 5002;
+    Fields syn = data.FromClient(1, 0, kSyn);
+    EXPECT_EQ(syn.srcIp, kSrvSideIp);
+    EXPECT_EQ(syn.srcPort, 5002);
+    EXPECT_EQ(syn.dstPort, 40000);
+    Fields synAck = data.FromServer(9, 2, kSyn | kAck);
+    EXPECT_EQ(synAck.srcPort, 5001);
+    EXPECT_EQ(synAck.dstIp, Net::FarIp());
+    EXPECT_EQ(synAck.dstPort, 40001);
+}

@@ -42,6 +42,25 @@ void ExpectEveryPortOnce(Nat::NatTable& table, std::vector<uint32_t> pool) {
 
 }  // namespace
 
+TEST(NatKeys, OffsetsTakeNoPartInKeysAndEntriesPrintInOneLine) {
+    Nat::ExternalKey a{5000, kExtMac, Net::FarIp(), 80, 0, 0};
+    Nat::ExternalKey b = a;
+    b.sequenceOffset = 7;
+    b.acknowledgmentOffset = -7;
+    EXPECT_TRUE(a == b);
+    EXPECT_FALSE(a < b || b < a);
+    b.externalAdapterMac = Mac(0x04);
+    EXPECT_FALSE(a == b);
+    EXPECT_TRUE(a < b || b < a);
+    // Ordered by external port before remote port.
+    EXPECT_TRUE((Nat::ExternalKey{1, Mac(9), Ip(9, 9, 9, 9), 9, 0, 0}) < (Nat::ExternalKey{2, Mac(0), Ip(0, 0, 0, 0), 0, 0, 0}));
+
+    Nat::InternalKey internal{Net::HostMac(), Net::HostIp(), 40000, Mac(0x01), Net::FarIp(), 80, 0, 0};
+    EXPECT_EQ(Nat::EntryText(internal, a),
+              "InternalHost  02::00::00::00::00::11 192.168.1.10 40000 InternalAdapterMac 02::00::00::00::00::01 "
+              "Destination 93.184.216.34 80 External 5000 02::00::00::00::00::02 Remote 93.184.216.34 80");
+}
+
 TEST(NatPorts, PortsAreTakenFromTheFrontAndFreedToTheBack) {
     Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 4));
     Frame a = HostSyn(40000), b = HostSyn(40001);

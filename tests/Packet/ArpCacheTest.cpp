@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -7,19 +8,20 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
-#include "PacketFakeDriver.h"
 #include "PacketTestHelpers.h"
+#include "support/InMemoryFilterDriverApi.h"
 #include "support/PacketLogCapture.h"
 
 using namespace ndtest;
 using NativeNetworkDriver::ArpCache;
 using NativeNetworkDriver::FilterDriversPublisher;
 using NativeNetworkDriver::QueuedFrame;
+using NativeNetworkDriver::Testing::InMemoryNetwork;
 
 namespace {
 
-const std::string kGuidA = "{30687465-0000-0000-0000-000000000000}";
-const std::string kGuidB = "{31687465-0000-0000-0000-000000000000}";
+const std::string kGuidA = NativeNetworkDriver::Testing::Guid(1);
+const std::string kGuidB = NativeNetworkDriver::Testing::Guid(2);
 const MacAddress kMacA = {0x02, 0, 0, 0, 0, 0x0A};
 const MacAddress kMacB = {0x02, 0, 0, 0, 0, 0x0B};
 const Ipv4Address kGateway = {192, 168, 1, 1};
@@ -73,14 +75,15 @@ Frame Outbound(uint16_t id) { return FrameBuilder::Tcp().EthDst(kGatewayMac).IpI
 class ArpCacheTest : public ::testing::Test {
 protected:
     ArpCacheTest() {
-        driver.AddAdapter(kGuidA, kMacA);
-        driver.AddAdapter(kGuidB, kMacB);
+        network->AddAdapter(kGuidA, kMacA);
+        network->AddAdapter(kGuidB, kMacB);
     }
 
     void Offer(const std::string& guid, const Frame& frame) { publisher.Dispatch(QueuedFrame{frame, false, guid}); }
 
     PacketLogCapture log{2};  // first in, last out: the publisher logs until it is gone
-    PacketFakeDriver driver;
+    std::shared_ptr<InMemoryNetwork> network = InMemoryNetwork::Create();
+    InMemoryNetwork::FactoryGuard guard = network->Install();
     FilterDriversPublisher publisher;
     const int session1 = 0, session2 = 0;
 };
@@ -202,7 +205,7 @@ TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
     ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
     ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
     cache.GetArpTable()->ResolveOrHold(kGateway, Outbound(7), kGuidA);
-    driver.Receive(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
+    ASSERT_TRUE(network->InjectFromWire(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA)));
     ASSERT_TRUE(other.WaitFor(2));
     const auto seen = other.Take();
     EXPECT_EQ(seen[0].frames[0], Outbound(7));
@@ -217,7 +220,6 @@ TEST_F(ArpCacheTest, UnconsumedReleasedFrameGoesOnToTheStack) {
     const Frame toUs = FrameBuilder::Udp().EthDst(kMacA).Payload("x").Build();
     cache.GetArpTable()->ResolveOrHold(kGateway, toUs, kGuidA);
     Offer(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
-    bool found = false;
-    for (const auto& w : driver.WrittenFrames()) found |= w.guid == kGuidA && w.toStack && w.frame == toUs;
-    EXPECT_TRUE(found);
+    const auto up = network->SentToStack(kGuidA);
+    EXPECT_NE(std::find(up.begin(), up.end(), toUs), up.end());
 }

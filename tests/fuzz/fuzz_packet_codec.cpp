@@ -5,9 +5,6 @@
 #include <string>
 
 #include "Packet/PacketUtils.h"
-// Compiled into the target itself so that the codec carries coverage instrumentation;
-// the library's copy of these symbols is then never linked in.
-#include "Packet/PacketUtils.cpp"
 
 namespace pu = Nat::PacketUtils;
 using Nat::Frame;

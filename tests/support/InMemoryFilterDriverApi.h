@@ -11,6 +11,12 @@
 //   ... publisher.Register(&session, {Guid(1)});
 //   network->InjectFromWire(Guid(1), frame);
 //   ASSERT_TRUE(network->WaitForStack(Guid(1), 1));
+//
+// To check that a frame went nowhere, inject a frame that is known to pass after it (for
+// example one sent by the stack that no subscriber takes) and wait for that one with
+// WaitForFrameOnWire: one adapter's frames are dispatched in capture order.
+// tests/FilterDriver/TestFrames.h has IPv4 fragment builders, such markers and a
+// recording subscriber.
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>

@@ -2,8 +2,10 @@
 
 #include <fstream>
 
+#include "NetworkDriver/Encoding.h"
 #include "NetworkDriver/Messages.h"
 #include "Scenario.h"
+#include "SystemAdapters.h"
 #include "support/TestFiles.h"
 
 using nlohmann::json;
@@ -114,4 +116,44 @@ TEST(Scenario, AbsentAdaptersAndWaitFileSteps) {
         "internal": {"interface": "nope0", "ip": "10.5.0.1"}}]}]})"),
               "steps[0].mappings[0].internal: no network interface named \"nope0\"");
     EXPECT_EQ(RefusalOf(R"({"steps": [{"waitFile": ""}]})"), "steps[0].waitFile: expected a file path");
+
+TEST(Scenario, StreamStepsChangeTheAnnouncedLengthAndAnswersCanBeMatchedWhole) {
+    const json document = {{"steps",
+                            {{{"send", "Frame"}, {"hex", "0102"}, {"padTo", 200000}},
+                             {{"send", "StartNAT"}, {"truncateBy", 3}},
+                             {{"send", "StopVPN"}, {"expect", {{"messageHex", "00 01 06 00 00 00 07 00 00 00 00"}}}},
+                             {{"send", "StartNAT"}},
+                             {{"expectFrame", {{"hex", "ff 01"}, {"within", 2}}}}}}};
+    const auto scenario = ndpeer::ParseScenario(document, "inline");
+    ASSERT_EQ(scenario.steps.size(), 5u);
+    EXPECT_EQ(scenario.steps[4].kind, ndpeer::Step::Kind::ExpectFrame);
+    EXPECT_EQ(scenario.steps[4].payload, (NativeNetworkDriver::Bytes{0xFF, 0x01}));
+    EXPECT_EQ(scenario.steps[4].seconds, 2.0);
+    ASSERT_EQ(scenario.steps[0].payload.size(), 200000u);
+    EXPECT_EQ(scenario.steps[0].payload[1], 2);
+    EXPECT_EQ(scenario.steps[0].payload[2], 0);
+    const auto& whole = scenario.steps[3].payload;
+    ASSERT_GT(whole.size(), 3u);
+    EXPECT_EQ(scenario.steps[1].payload, NativeNetworkDriver::Bytes(whole.begin(), whole.end() - 3));
+    EXPECT_EQ(scenario.steps[2].expect->message, NativeNetworkDriver::EncodeHeader(6, 0));
+
+    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StopVPN", "truncateBy": 1}]})"),
+              "steps[0].truncateBy: expected a whole number from 0 to 0");
+}
+
+TEST(Scenario, AddressTextsParseStrictly) {
+    EXPECT_EQ(ndpeer::ParseIp("10.0.0.255"), (NativeNetworkDriver::Bytes{10, 0, 0, 255}));
+    EXPECT_EQ(ndpeer::ParseIp("0.0.0.0"), (NativeNetworkDriver::Bytes{0, 0, 0, 0}));
+    for (const char* bad : {"", "1.2.3", "1.2.3.4.", "256.1.1.1", "01.2.3.4", "1..2.3", "1.2.3.4 ", "1.2.3.-4", "1234.1.1.1"})
+        EXPECT_THROW(ndpeer::ParseIp(bad), std::invalid_argument) << bad;
+
+    const NativeNetworkDriver::Bytes guid = {0x40, 0xFC, 0x29, 0x6B, 0x47, 0xCA, 0x67, 0x10,
+                                             0xB3, 0x1D, 0x00, 0xDD, 0x01, 0x06, 0x62, 0xDA};
+    EXPECT_EQ(ndpeer::ParseGuid("{6B29FC40-CA47-1067-B31D-00DD010662DA}"), guid);
+    EXPECT_EQ(ndpeer::ParseGuid("{6b29fc40-ca47-1067-b31d-00dd010662da}"), guid);
+    EXPECT_EQ(ndpeer::ParseGuid(NativeNetworkDriver::FormatGuid(ndpeer::InterfaceGuid("eth0"))),
+              ndpeer::InterfaceGuid("eth0"));
+    for (const char* bad : {"", "6B29FC40-CA47-1067-B31D-00DD010662DA", "{6B29FC40-CA47-1067-B31D-00DD010662D}",
+                            "{6B29FC40-CA47-1067-B31D+00DD010662DA}", "{6B29FC40-CA47-1067-B31D-00DD010662DG}"})
+        EXPECT_FALSE(ndpeer::ParseGuid(bad).has_value()) << bad;
 }

@@ -1,17 +1,12 @@
 #include "Peer.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
+#include <thread>
 
 #include "NetworkDriver/Messages.h"
 
@@ -20,6 +15,7 @@ namespace ndpeer {
 namespace {
 
 std::atomic<bool> interrupted{false};
+constexpr size_t kKeptFrames = 1000;
 void OnSignal(int) { interrupted = true; }
 
 const char* TypeName(uint32_t type) {
@@ -50,6 +46,10 @@ std::string DescribeMessage(const Message& m) {
                                 static_cast<uint32_t>(m.payload[4]) << 16 | static_cast<uint32_t>(m.payload[5]) << 24;
         return text + ", result " + std::to_string(result) + " [" + Hex(m.payload) + "]";
     }
+    if (m.payload.size() > 64) {
+        const std::vector<uint8_t> head(m.payload.begin(), m.payload.begin() + 32);
+        return text + ", payload of " + std::to_string(m.payload.size()) + " bytes [" + Hex(head) + " ...]";
+    }
     return text + ", payload [" + Hex(m.payload) + "]";
 }
 
@@ -58,35 +58,7 @@ Peer::Peer(PeerOptions options) : options_(std::move(options)), channel_(options
 Peer::~Peer() { Shutdown(); }
 
 bool Peer::StartDaemon() {
-    const pid_t pid = fork();
-    if (pid < 0) return false;
-    if (pid == 0) {
-        setenv("NETWORKDRIVER_PIPE_DIR", options_.pipeDir.c_str(), 1);
-        if (!options_.daemonNetns.empty()) {
-            const int ns = ::open(("/run/netns/" + options_.daemonNetns).c_str(), O_RDONLY | O_CLOEXEC);
-            if (ns < 0 || setns(ns, CLONE_NEWNET) != 0) _exit(126);
-        }
-        execl(options_.daemonPath.c_str(), options_.daemonPath.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    daemonPid_ = pid;
-    return true;
-}
-
-bool Peer::WaitDaemonExit(double seconds, int& status) {
-    if (daemonPid_ < 0) return false;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        int raw = 0;
-        const pid_t done = waitpid(daemonPid_, &raw, WNOHANG);
-        if (done == daemonPid_) {
-            daemonReaped_ = true;
-            status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-            return true;
-        }
-        usleep(20000);
-    }
-    return false;
+    return daemon_.Start(options_.daemonPath, {{"NETWORKDRIVER_PIPE_DIR", options_.pipeDir}}, options_.daemonNetns);
 }
 
 void Peer::ReceiveLoop() {
@@ -97,8 +69,15 @@ void Peer::ReceiveLoop() {
             continue;
         }
         if (message.type == NativeNetworkDriver::kVpnFrame) {
-            if (tap_.Fd() >= 0) tap_.Write(message.payload);
             if (options_.showFrames) std::cout << "<- " << DescribeMessage(message) << std::endl;
+            if (tap_.IsOpen()) {
+                tap_.Write(message.payload);
+                continue;
+            }
+            std::lock_guard lock(answersLock_);
+            if (frames_.size() >= kKeptFrames) frames_.pop_front();
+            frames_.push_back(std::move(message));
+            answersChanged_.notify_all();
             continue;
         }
         std::cout << "<- " << DescribeMessage(message) << std::endl;
@@ -114,8 +93,7 @@ void Peer::ReceiveLoop() {
 void Peer::TapLoop() {
     std::vector<uint8_t> buffer(65536);
     while (!stop_) {
-        pollfd p{tap_.Fd(), POLLIN, 0};
-        if (poll(&p, 1, 200) <= 0) continue;
+        if (!tap_.WaitReadable(200)) continue;
         int n;
         while ((n = tap_.Read(buffer.data(), buffer.size())) > 0) {
             std::vector<uint8_t> frame(buffer.begin(), buffer.begin() + n);
@@ -123,6 +101,15 @@ void Peer::TapLoop() {
             channel_.Send(NativeNetworkDriver::kVpnFrame, frame);
         }
     }
+}
+
+std::optional<Message> Peer::NextFrame(double seconds) {
+    std::unique_lock lock(answersLock_);
+    answersChanged_.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return !frames_.empty() || closed_; });
+    if (frames_.empty()) return std::nullopt;
+    Message m = std::move(frames_.front());
+    frames_.pop_front();
+    return m;
 }
 
 std::optional<Message> Peer::NextAnswer(double seconds) {
@@ -153,10 +140,14 @@ bool Peer::CheckAnswer(const Step& step, size_t index) {
     bool ok = answer->type == expectedType;
     if (e.result) ok = ok && answer->payload == NativeNetworkDriver::EncodeResult(*e.result);
     if (e.payload) ok = ok && answer->payload == *e.payload;
+    std::vector<uint8_t> whole = answer->header;
+    whole.insert(whole.end(), answer->payload.begin(), answer->payload.end());
+    if (e.message) ok = ok && whole == *e.message;
     if (!ok) {
         std::cerr << where << ": unexpected answer " << DescribeMessage(*answer) << " (expected type " << expectedType;
         if (e.result) std::cerr << ", result " << *e.result;
         if (e.payload) std::cerr << ", payload [" << Hex(*e.payload) << "]";
+        if (e.message) std::cerr << ", message [" << Hex(*e.message) << "], got [" << Hex(whole) << "]";
         std::cerr << ")" << std::endl;
     }
     return ok;
@@ -165,20 +156,20 @@ bool Peer::CheckAnswer(const Step& step, size_t index) {
 bool Peer::RunStep(const Step& step, size_t index) {
     switch (step.kind) {
         case Step::Kind::Sleep:
-            usleep(static_cast<useconds_t>(step.seconds * 1e6));
+            std::this_thread::sleep_for(std::chrono::duration<double>(step.seconds));
             return true;
         case Step::Kind::ClosePipe:
             std::cout << "-- closing the pipe to the daemon" << std::endl;
             channel_.CloseToDaemon();
             return true;
         case Step::Kind::ExpectExit: {
-            int status = -1;
-            if (!WaitDaemonExit(step.seconds, status)) {
+            const auto status = daemon_.WaitExit(step.seconds);
+            if (!status) {
                 std::cerr << "step " << index << ": the daemon did not exit within " << step.seconds << " s" << std::endl;
                 return false;
             }
-            std::cout << "-- daemon exited with status " << status << std::endl;
-            if (status != step.exitCode) {
+            std::cout << "-- daemon exited with status " << *status << std::endl;
+            if (*status != step.exitCode) {
                 std::cerr << "step " << index << ": expected exit status " << step.exitCode << std::endl;
                 return false;
             }
@@ -186,15 +177,30 @@ bool Peer::RunStep(const Step& step, size_t index) {
         }
         case Step::Kind::WaitFile: {
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(step.seconds);
-            while (::access(step.path.c_str(), F_OK) != 0) {
+            std::error_code error;
+            while (!std::filesystem::exists(step.path, error)) {
                 if (interrupted || std::chrono::steady_clock::now() >= deadline) {
                     std::cerr << "step " << index << ": " << step.path << " did not appear within " << step.seconds
                               << " s" << std::endl;
                     return false;
                 }
-                usleep(20000);
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
             }
             std::cout << "-- " << step.path << " appeared" << std::endl;
+            return true;
+        }
+        case Step::Kind::ExpectFrame: {
+            const auto frame = NextFrame(step.seconds);
+            if (!frame) {
+                std::cerr << "step " << index << ": no tunnel frame within " << step.seconds << " s" << std::endl;
+                return false;
+            }
+            std::cout << "<- " << DescribeMessage(*frame) << std::endl;
+            if (frame->payload != step.payload) {
+                std::cerr << "step " << index << ": unexpected frame [" << Hex(frame->payload) << "] (expected ["
+                          << Hex(step.payload) << "])" << std::endl;
+                return false;
+            }
             return true;
         }
         case Step::Kind::Send: break;
@@ -206,7 +212,7 @@ bool Peer::RunStep(const Step& step, size_t index) {
             std::cout << "-> raw bytes (" << step.rawBytes->size() << ")" << std::endl;
             sent = channel_.SendRaw(*step.rawBytes);
         } else {
-            std::cout << "-> " << DescribeMessage({step.type, step.payload}) << std::endl;
+            std::cout << "-> " << DescribeMessage({step.type, step.payload, {}}) << std::endl;
             sent = channel_.Send(step.type, step.payload);
         }
         if (!sent) {
@@ -224,7 +230,7 @@ void Peer::Hold() {
             std::lock_guard lock(answersLock_);
             if (closed_) break;
         }
-        usleep(50000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
 }
 
@@ -233,14 +239,7 @@ void Peer::Shutdown() {
     if (tapReader_.joinable()) tapReader_.join();
     if (receiver_.joinable()) receiver_.join();
     channel_.CloseToDaemon();
-    if (daemonPid_ > 0 && !daemonReaped_) {
-        int status = 0;
-        if (!WaitDaemonExit(10, status)) {
-            kill(daemonPid_, SIGKILL);
-            waitpid(daemonPid_, nullptr, 0);
-        }
-        daemonReaped_ = true;
-    }
+    if (daemon_.Running() && !daemon_.WaitExit(10)) daemon_.Kill();
 }
 
 int Peer::Run(const Scenario& scenario) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "ChildProcess.h"
 #include "PeerChannel.h"
 #include "Scenario.h"
 #include "TapDevice.h"
@@ -40,7 +41,7 @@ private:
     bool RunStep(const Step& step, size_t index);
     bool CheckAnswer(const Step& step, size_t index);
     std::optional<Message> NextAnswer(double seconds);
-    bool WaitDaemonExit(double seconds, int& status);
+    std::optional<Message> NextFrame(double seconds);
     void ReceiveLoop();
     void TapLoop();
     void Hold();
@@ -53,12 +54,12 @@ private:
     std::mutex answersLock_;
     std::condition_variable answersChanged_;
     std::deque<Message> answers_;
+    std::deque<Message> frames_;  // tunnel frames, kept for ExpectFrame steps when no tap takes them
     bool closed_ = false;
     std::atomic<bool> stop_{false};
     std::thread receiver_;
     std::thread tapReader_;
-    int daemonPid_ = -1;
-    bool daemonReaped_ = false;
+    ChildProcess daemon_;
 };
 
 std::string DescribeMessage(const Message& message);

@@ -225,6 +225,7 @@ Expectation ReadExpectation(const Fields& step) {
     if (f.Has("type")) e.type = f.Number("type", std::nullopt);
     if (f.Has("result")) e.result = f.Number("result", std::nullopt);
     if (f.Has("payloadHex")) e.payload = f.Hex("payloadHex");
+    if (f.Has("messageHex")) e.message = f.Hex("messageHex");
     return e;
 }
 
@@ -254,6 +255,14 @@ Step ParseStep(const json& value, const std::string& origin, const std::string& 
         Fields e(f.At("expectExit"), origin, f.Path("expectExit"));
         step.kind = Step::Kind::ExpectExit;
         step.exitCode = static_cast<int>(e.Number("code", 0, 255));
+        step.seconds = e.Has("within") ? e.Seconds("within") : 10.0;
+        return step;
+    }
+    if (f.Has("expectFrame")) {
+        // The next tunnel frame (type 2) from the daemon, when no tap takes them.
+        Fields e(f.At("expectFrame"), origin, f.Path("expectFrame"));
+        step.kind = Step::Kind::ExpectFrame;
+        step.payload = e.Hex("hex");
         step.seconds = e.Has("within") ? e.Seconds("within") : 10.0;
         return step;
     }
@@ -329,6 +338,16 @@ Step ParseStep(const json& value, const std::string& origin, const std::string& 
                                    "RemoveSupervisorMACFromVPN, StopVPN, StartICS, StopICS, StartNAT, StopNAT, "
                                    "Frame, Message, Raw)");
     }
+    // Length changes for the stream tests: zero bytes appended, or the tail cut off. The
+    // header announces the changed length.
+    if (f.Has("padTo")) {
+        const uint32_t size = f.Number("padTo", std::nullopt, 64u << 20);
+        if (size > step.payload.size()) step.payload.resize(size, 0);
+    }
+    if (f.Has("truncateBy")) {
+        const uint32_t cut = f.Number("truncateBy", std::nullopt, step.payload.size());
+        step.payload.resize(step.payload.size() - cut);
+    }
     return step;
 }
 
@@ -336,6 +355,7 @@ Scenario ParseScenario(const json& document, const std::string& origin) {
     Fields top(document, origin, "");
     Scenario scenario;
     scenario.tap = top.String("tap", std::string());
+    (void)top.String("comment", std::string());  // free text for people
     if (!top.Has("steps")) top.Fail("steps", "missing");
     scenario.steps = top.List<Step>("steps", [&](const json& v, const std::string& at) { return ParseStep(v, origin, at); });
     return scenario;

@@ -14,17 +14,18 @@ struct Expectation {
     std::optional<uint32_t> type;
     std::optional<uint32_t> result;        // a result answer's value
     std::optional<std::vector<uint8_t>> payload;  // exact payload bytes
+    std::optional<std::vector<uint8_t>> message;  // exact bytes of the whole answer, header included
     bool none = false;                     // no answer at all may come
 };
 
 struct Step {
-    enum class Kind { Send, Sleep, ClosePipe, ExpectExit, WaitFile } kind = Kind::Send;
+    enum class Kind { Send, Sleep, ClosePipe, ExpectExit, ExpectFrame, WaitFile } kind = Kind::Send;
     std::string name;  // request name, for printing
     uint32_t type = 0;
-    std::vector<uint8_t> payload;
+    std::vector<uint8_t> payload;                  // Send; ExpectFrame: the frame
     std::optional<std::vector<uint8_t>> rawBytes;  // sent as they are, no framing
     std::optional<Expectation> expect;
-    double seconds = 0;                   // Sleep; ExpectExit, WaitFile: how long to wait
+    double seconds = 0;                   // Sleep; ExpectExit, ExpectFrame, WaitFile: how long to wait
     std::string path;                     // WaitFile
     int exitCode = 0;                     // ExpectExit
 };

@@ -1,24 +1,13 @@
+// Address texts of scenarios and the command line; the adapter queries are per OS.
 #include "SystemAdapters.h"
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <linux/if_packet.h>
-#include <net/if.h>
-
+#include <cctype>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace ndpeer {
 
 using NativeNetworkDriver::Bytes;
-
-Bytes InterfaceGuid(const std::string& interfaceName) {
-    Bytes guid(16, 0);
-    for (size_t i = 0; i < interfaceName.size() && i < 16; ++i) guid[i] = static_cast<uint8_t>(interfaceName[i]);
-    return guid;
-}
 
 Bytes ParseMac(const std::string& text) {
     unsigned b[6];
@@ -29,71 +18,44 @@ Bytes ParseMac(const std::string& text) {
 }
 
 Bytes ParseIp(const std::string& text) {
-    in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1)
-        throw std::invalid_argument("not an IPv4 address: \"" + text + "\"");
-    const auto* p = reinterpret_cast<const uint8_t*>(&address.s_addr);
-    return Bytes(p, p + 4);
-}
-
-namespace {
-
-// The default gateway of the interface, from /proc/net/route (little-endian hex fields).
-Bytes DefaultGateway(const std::string& name) {
-    std::ifstream routes("/proc/net/route");
-    std::string line;
-    std::getline(routes, line);
-    while (std::getline(routes, line)) {
-        std::istringstream fields(line);
-        std::string iface, destination, gateway;
-        fields >> iface >> destination >> gateway;
-        if (iface != name || destination != "00000000") continue;
-        const uint32_t value = static_cast<uint32_t>(std::stoul(gateway, nullptr, 16));
-        return Bytes{static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value >> 16),
-                     static_cast<uint8_t>(value >> 24)};
-    }
-    return {};
-}
-
-Bytes NeighbourMac(const std::string& name, const Bytes& ip) {
-    if (ip.size() != 4) return {};
-    const std::string dotted = NativeNetworkDriver::FormatIp(ip);
-    std::ifstream arp("/proc/net/arp");
-    std::string line;
-    std::getline(arp, line);
-    while (std::getline(arp, line)) {
-        std::istringstream fields(line);
-        std::string address, hwType, flags, mac, mask, device;
-        fields >> address >> hwType >> flags >> mac >> mask >> device;
-        if (address == dotted && device == name && flags != "0x0") return ParseMac(mac);
-    }
-    return {};
-}
-
-}  // namespace
-
-NativeNetworkDriver::AdapterInfo ReadAdapter(const std::string& name) {
-    if (if_nametoindex(name.c_str()) == 0) throw std::invalid_argument("no network interface named \"" + name + "\"");
-    NativeNetworkDriver::AdapterInfo info;
-    info.ID = NativeNetworkDriver::FormatGuid(InterfaceGuid(name));
-    info.name = name;
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0) throw std::runtime_error("getifaddrs failed");
-    for (ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
-        if (a->ifa_addr == nullptr || name != a->ifa_name) continue;
-        if (a->ifa_addr->sa_family == AF_PACKET) {
-            const auto* ll = reinterpret_cast<const sockaddr_ll*>(a->ifa_addr);
-            info.MAC.assign(ll->sll_addr, ll->sll_addr + 6);
-        } else if (a->ifa_addr->sa_family == AF_INET && a->ifa_netmask != nullptr) {
-            const auto* address = reinterpret_cast<const uint8_t*>(&reinterpret_cast<sockaddr_in*>(a->ifa_addr)->sin_addr);
-            const auto* mask = reinterpret_cast<const uint8_t*>(&reinterpret_cast<sockaddr_in*>(a->ifa_netmask)->sin_addr);
-            info.IPs.push_back({Bytes(address, address + 4), Bytes(mask, mask + 4)});
+    // Four decimal parts of 0 to 255 without leading zeros, as inet_pton takes them.
+    Bytes address;
+    size_t i = 0;
+    while (address.size() < 4) {
+        size_t digits = 0;
+        unsigned value = 0;
+        while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])) && digits < 4) {
+            value = value * 10 + static_cast<unsigned>(text[i++] - '0');
+            ++digits;
+        }
+        const bool leadingZero = digits > 1 && text[i - digits] == '0';
+        if (digits == 0 || digits > 3 || value > 255 || leadingZero) break;
+        address.push_back(static_cast<uint8_t>(value));
+        if (address.size() < 4) {
+            if (i >= text.size() || text[i] != '.') break;
+            ++i;
         }
     }
-    freeifaddrs(list);
-    info.GWIP = DefaultGateway(name);
-    info.GWMAC = NeighbourMac(name, info.GWIP);
-    return info;
+    if (address.size() != 4 || i != text.size()) throw std::invalid_argument("not an IPv4 address: \"" + text + "\"");
+    return address;
+}
+
+std::optional<Bytes> ParseGuid(const std::string& text) {
+    // {DDDDDDDD-DDDD-DDDD-DDDD-DDDDDDDDDDDD}: the first three groups are little-endian numbers.
+    static const size_t kGroups[] = {8, 4, 4, 4, 12};
+    if (text.size() != 38 || text.front() != '{' || text.back() != '}') return std::nullopt;
+    std::string hex;
+    size_t at = 1;
+    for (size_t g = 0; g < 5; ++g) {
+        for (size_t k = 0; k < kGroups[g]; ++k, ++at)
+            if (!std::isxdigit(static_cast<unsigned char>(text[at]))) return std::nullopt;
+        hex += text.substr(at - kGroups[g], kGroups[g]);
+        if (g < 4 && text[at++] != '-') return std::nullopt;
+    }
+    Bytes big;  // the 16 bytes in text order
+    for (size_t k = 0; k < hex.size(); k += 2) big.push_back(static_cast<uint8_t>(std::stoul(hex.substr(k, 2), nullptr, 16)));
+    return Bytes{big[3], big[2], big[1], big[0], big[5], big[4], big[7], big[6], big[8], big[9], big[10], big[11],
+                 big[12], big[13], big[14], big[15]};
 }
 
 }  // namespace ndpeer

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> adapters;
     bool promiscuous = false, vm = false;
 
-    app.add_option("--pipe-dir", options.pipeDir, "folder of the pipe sockets")->capture_default_str();
+    app.add_option("--pipe-dir", options.pipeDir, "folder of the pipe sockets (Linux; Windows pipes have fixed names)")->capture_default_str();
     app.add_option("--daemon", options.daemonPath, "start this NetworkDriver binary");
     app.add_option("--scenario", scenarioPath, "JSON scenario file to run");
     app.add_option("--request", request,

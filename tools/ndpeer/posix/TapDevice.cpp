@@ -1,6 +1,7 @@
 #include "TapDevice.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
@@ -80,6 +81,11 @@ void TapDevice::OpenHere(const std::string& name, const std::vector<uint8_t>& ma
         ioctl(control, SIOCSIFFLAGS, &flags);
     }
     ::close(control);
+}
+
+bool TapDevice::WaitReadable(int timeoutMs) {
+    pollfd p{fd_, POLLIN, 0};
+    return poll(&p, 1, timeoutMs) > 0;
 }
 
 int TapDevice::Read(uint8_t* buffer, size_t size) {

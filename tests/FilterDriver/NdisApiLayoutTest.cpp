@@ -1,0 +1,176 @@
+// The driver structures cross into the driver's DLL as raw memory: every size and offset
+// must match the published layout byte for byte.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "FilterDriver/FilterDriverApiAdapter.h"
+#include "FilterDriver/NdisApiTypes.h"
+
+using namespace NdisApi;
+
+TEST(NdisApiLayout, IntermediateBufferHoldsOneFrameAfterA52ByteHeader) {
+    EXPECT_EQ(sizeof(INTERMEDIATE_BUFFER), 1566u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_hAdapter), 0u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_qLink), 0u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_dwDeviceFlags), 16u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_Length), 20u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_Flags), 24u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_8021q), 28u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_FilterID), 32u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_Reserved), 36u);
+    EXPECT_EQ(offsetof(INTERMEDIATE_BUFFER, m_IBuffer), 52u);
+    EXPECT_EQ(sizeof(INTERMEDIATE_BUFFER::m_IBuffer), 1514u);
+}
+
+TEST(NdisApiLayout, StaticFilterTableWithOneFilterIs185Bytes) {
+    EXPECT_EQ(sizeof(STATIC_FILTER_TABLE), 185u);
+    EXPECT_EQ(offsetof(STATIC_FILTER_TABLE, m_TableSize), 0u);
+    EXPECT_EQ(offsetof(STATIC_FILTER_TABLE, m_StaticFilters), 4u);
+    EXPECT_EQ(sizeof(STATIC_FILTER), 181u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_Adapter), 0u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_dwDirectionFlags), 8u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_FilterAction), 12u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_ValidFields), 16u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_LastReset), 20u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_PacketsIn), 24u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_BytesOut), 48u);
+    EXPECT_EQ(offsetof(STATIC_FILTER, m_LayerFilters), 56u);
+}
+
+TEST(NdisApiLayout, AdapterListIsParallelArraysOf32) {
+    // Count, then per adapter: 256-byte name, 64-bit handle, medium, 6-byte MAC, MTU.
+    EXPECT_EQ(offsetof(TCP_AdapterList, m_nAdapterCount), 0u);
+    EXPECT_EQ(offsetof(TCP_AdapterList, m_szAdapterNameList), 4u);
+    EXPECT_EQ(offsetof(TCP_AdapterList, m_nAdapterHandle), 4u + 32u * 256u);
+    EXPECT_EQ(offsetof(TCP_AdapterList, m_nAdapterMediumList), 4u + 32u * 256u + 32u * 8u);
+    EXPECT_EQ(offsetof(TCP_AdapterList, m_czCurrentAddress), 4u + 32u * 256u + 32u * 8u + 32u * 4u);
+    EXPECT_EQ(offsetof(TCP_AdapterList, m_usMTU), 4u + 32u * 256u + 32u * 8u + 32u * 4u + 32u * 6u);
+    EXPECT_EQ(sizeof(TCP_AdapterList), 4u + 32u * (256u + 8u + 4u + 6u + 2u));
+    EXPECT_EQ(sizeof(TCP_AdapterList::m_szAdapterNameList[0]), 256u);
+    EXPECT_EQ(sizeof(TCP_AdapterList::m_czCurrentAddress[0]), 6u);
+}
+
+TEST(NdisApiLayout, RequestAndModeArePacked) {
+    EXPECT_EQ(sizeof(ETH_REQUEST), 16u);
+    EXPECT_EQ(offsetof(ETH_REQUEST, hAdapterHandle), 0u);
+    EXPECT_EQ(offsetof(ETH_REQUEST, EthPacket), 8u);
+    EXPECT_EQ(sizeof(ADAPTER_MODE), 12u);
+    EXPECT_EQ(offsetof(ADAPTER_MODE, hAdapterHandle), 0u);
+    EXPECT_EQ(offsetof(ADAPTER_MODE, dwFlags), 8u);
+}
+
+TEST(NdisApiLayout, FlagValuesAreTheDriversOwn) {
+    EXPECT_EQ(MSTCP_FLAG_SENT_TUNNEL | MSTCP_FLAG_RECV_TUNNEL | MSTCP_FLAG_LOOPBACK_BLOCK, 0x43u);
+    EXPECT_EQ(NDIS_PACKET_TYPE_PROMISCUOUS, 0x20u);
+    EXPECT_EQ(PACKET_FLAG_ON_SEND, 1u);
+    EXPECT_EQ(PACKET_FLAG_ON_RECEIVE, 2u);
+    EXPECT_EQ(PACKET_FLAG_ON_SEND_RECEIVE, 3u);
+    EXPECT_EQ(FILTER_PACKET_REDIRECT, 3u);
+}
+
+namespace {
+
+// A driver client whose only real call is the adapter list, filled byte by byte as the
+// driver fills it; events are numbered so that their creation and closing can be followed.
+class AdapterListApi : public NativeNetworkDriver::IFilterDriverApi {
+public:
+    AdapterListApi() : list(std::make_unique<TCP_AdapterList>()) { std::memset(list.get(), 0, sizeof(*list)); }
+
+    void Add(const char* name, Handle handle, uint8_t macTail) {
+        const uint32_t i = list->m_nAdapterCount++;
+        std::strncpy(reinterpret_cast<char*>(list->m_szAdapterNameList[i]), name, kAdapterNameSize);
+        list->m_nAdapterHandle[i] = handle;
+        const uint8_t mac[6] = {0x02, 0, 0, 0, 0, macTail};
+        std::memcpy(list->m_czCurrentAddress[i], mac, 6);
+    }
+
+    bool GetTcpipBoundAdaptersInfo(TCP_AdapterList* out) override {
+        if (!listAvailable) return false;
+        std::memcpy(out, list.get(), sizeof(*out));
+        return true;
+    }
+    Handle CreateAdapterEvent(Handle) override { return nextEvent++; }
+    void CloseAdapterEvent(Handle adapter, Handle event) override { closed.emplace_back(adapter, event); }
+
+    bool IsDriverLoaded() override { return true; }
+    bool SetAdapterMode(const ADAPTER_MODE*) override { return false; }
+    bool GetHwPacketFilter(Handle, uint32_t*) override { return false; }
+    bool SetHwPacketFilter(Handle, uint32_t) override { return false; }
+    bool SetPacketFilterTable(const STATIC_FILTER_TABLE*) override { return false; }
+    bool SetPacketEvent(Handle, Handle) override { return true; }
+    bool ReadPacket(ETH_REQUEST*) override { return false; }
+    bool SendPacketToAdapter(const ETH_REQUEST*) override { return false; }
+    bool SendPacketToMstcp(const ETH_REQUEST*) override { return false; }
+    bool FlushAdapterPacketQueue(Handle) override { return false; }
+
+    std::unique_ptr<TCP_AdapterList> list;
+    bool listAvailable = true;
+    Handle nextEvent = 100;
+    std::vector<std::pair<Handle, Handle>> closed;
+};
+
+const char* const kGuid = "{6B29FC40-CA47-1067-B31D-00DD010662DA}";
+
+}  // namespace
+
+TEST(FindAdapterHandle, TheFirstNameContainingTheGuidTextWins) {
+    auto api = std::make_unique<AdapterListApi>();
+    AdapterListApi& list = *api;
+    list.Add("\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x11, 1);
+    list.Add("\\DEVICE\\{6b29fc40-ca47-1067-b31d-00dd010662da}", 0x22, 2);  // other case: no match
+    list.Add("\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}_NDISWANIP", 0x0000003400009ABCull, 3);
+    list.Add("\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x44, 4);
+    FilterDriverApiAdapter adapter(std::move(api));
+
+    std::vector<uint8_t> mac;
+    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, &mac), 0x0000003400009ABCull);
+    EXPECT_EQ(mac, (std::vector<uint8_t>{0x02, 0, 0, 0, 0, 3}));
+    EXPECT_EQ(adapter.AdapterEvent(0x0000003400009ABCull), 100u);
+    EXPECT_EQ(adapter.AdapterEvent(0x44), 0u);
+
+    // A second lookup gives the adapter a new event and closes the old one.
+    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, nullptr), 0x0000003400009ABCull);
+    EXPECT_EQ(adapter.AdapterEvent(0x0000003400009ABCull), 101u);
+    ASSERT_EQ(list.closed.size(), 1u);
+    EXPECT_EQ(list.closed[0], (std::pair<Handle, Handle>{0x0000003400009ABCull, 100}));
+
+    adapter.ReleaseAdapterEvent(0x0000003400009ABCull);
+    EXPECT_EQ(adapter.AdapterEvent(0x0000003400009ABCull), 0u);
+    ASSERT_EQ(list.closed.size(), 2u);
+    EXPECT_EQ(list.closed[1].second, 101u);
+}
+
+TEST(FindAdapterHandle, NoMatchNoListOrNoClientIsZero) {
+    auto api = std::make_unique<AdapterListApi>();
+    AdapterListApi& list = *api;
+    list.Add("\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x11, 1);
+    FilterDriverApiAdapter adapter(std::move(api));
+    std::vector<uint8_t> mac(6, 0xEE);
+    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, &mac), 0u);
+    EXPECT_EQ(mac, std::vector<uint8_t>(6, 0xEE));  // untouched
+    EXPECT_EQ(adapter.FindAdapterHandle("", nullptr), 0x11u);  // the empty text is in every name
+
+    list.listAvailable = false;
+    EXPECT_EQ(adapter.FindAdapterHandle("{11111111-2222-3333-4444-555555555555}", nullptr), 0u);
+
+    FilterDriverApiAdapter noClient(nullptr);
+    EXPECT_EQ(noClient.FindAdapterHandle(kGuid, nullptr), 0u);
+}
+
+TEST(FindAdapterHandle, TheListIsReadWithinItsBounds) {
+    auto api = std::make_unique<AdapterListApi>();
+    AdapterListApi& list = *api;
+    for (uint32_t i = 0; i < kAdapterListSize; ++i) list.Add("\\DEVICE\\{00000000-0000-0000-0000-000000000000}", 0x100 + i, 0);
+    // The last name fills all 256 bytes with no terminator, and the count claims more than 32.
+    std::memset(list.list->m_szAdapterNameList[kAdapterListSize - 1], 'A', kAdapterNameSize);
+    std::memcpy(list.list->m_szAdapterNameList[kAdapterListSize - 1] + kAdapterNameSize - 4, "GUID", 4);
+    list.list->m_nAdapterCount = 1000;
+    FilterDriverApiAdapter adapter(std::move(api));
+    EXPECT_EQ(adapter.FindAdapterHandle("AGUID", nullptr), 0x100u + kAdapterListSize - 1);
+    EXPECT_EQ(adapter.FindAdapterHandle("GUIDX", nullptr), 0u);
+}

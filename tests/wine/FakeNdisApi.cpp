@@ -1,0 +1,223 @@
+// A stand-in ndisapi.dll for the wine stage: the exported C functions that the Windows
+// backend loads, over two made-up adapters. It traces every call into ndisapi-trace.txt
+// beside itself and feeds captured frames when the tunnel sends it a trigger frame, so the
+// daemon's Windows driver path (LoadLibrary, exports, structures across the DLL boundary,
+// the packet event, the capture and dispatch threads) runs end to end without a driver.
+#include <windows.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "FilterDriver/NdisApiTypes.h"
+
+namespace {
+
+using NdisApi::ETH_REQUEST;
+using NdisApi::INTERMEDIATE_BUFFER;
+
+struct FakeAdapter {
+    const char* name;
+    NdisApi::Handle handle;
+    uint8_t mac[6];
+};
+
+// The second adapter carries the GUID that the wine scenarios start the VPN on.
+const FakeAdapter kAdapters[] = {
+    {"\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x0000001200005678ull, {0x02, 0x11, 0x22, 0x33, 0x44, 0x55}},
+    {"\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x0000003400009ABCull, {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE}},
+};
+constexpr uint32_t kSavedHwFilter = 0x0B;
+constexpr uint16_t kTriggerType = 0x88B5;  // local experimental EtherType
+
+HANDLE const kDriver = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x4E44));
+
+struct Captured {
+    NdisApi::Handle adapter;
+    uint32_t flags;
+    std::string frame;
+};
+
+std::mutex lock;
+std::deque<Captured> queue;
+HANDLE packetEvent = nullptr;
+
+std::string TracePath() {
+    HMODULE self = nullptr;
+    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCSTR>(&TracePath), &self);
+    char path[MAX_PATH] = {};
+    const DWORD n = GetModuleFileNameA(self, path, MAX_PATH);
+    std::string folder(path, n);
+    return folder.substr(0, folder.find_last_of('\\') + 1) + "ndisapi-trace.txt";
+}
+
+void Trace(const char* format, ...) {
+    char line[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(line, sizeof(line), format, args);
+    va_end(args);
+    std::lock_guard guard(lock);
+    if (FILE* f = std::fopen(TracePath().c_str(), "ab")) {
+        std::fprintf(f, "%s\n", line);
+        std::fclose(f);
+    }
+}
+
+std::string Hex(const uint8_t* bytes, size_t count) {
+    std::string text;
+    char part[3];
+    for (size_t i = 0; i < count; ++i) {
+        std::snprintf(part, sizeof(part), "%02x", bytes[i]);
+        text += part;
+    }
+    return text;
+}
+
+unsigned long long H(HANDLE h) { return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(h)); }
+
+// A 60-byte frame: destination, source, EtherType, then a counting pattern from `fill`.
+std::string Frame(const uint8_t* dst, const uint8_t* src, uint16_t type, uint8_t fill) {
+    std::string f(60, '\0');
+    std::memcpy(&f[0], dst, 6);
+    std::memcpy(&f[6], src, 6);
+    f[12] = static_cast<char>(type >> 8);
+    f[13] = static_cast<char>(type);
+    for (size_t i = 14; i < f.size(); ++i) f[i] = static_cast<char>(fill + (i - 14));
+    return f;
+}
+
+// What the adapter captures once the tunnel triggers it: a broadcast from the wire, a frame
+// the stack sends to the supervisor, and a unicast from the wire for the adapter itself.
+void QueueCapturedFrames(NdisApi::Handle adapter) {
+    static const uint8_t kBroadcast[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    static const uint8_t kSupervisor[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
+    static const uint8_t kNeighbour[6] = {0x02, 0x77, 0x77, 0x77, 0x77, 0x77};
+    const uint8_t* own = kAdapters[1].mac;
+    std::lock_guard guard(lock);
+    queue.push_back({adapter, NdisApi::PACKET_FLAG_ON_RECEIVE, Frame(kBroadcast, own, 0x0806, 0x01)});
+    queue.push_back({adapter, NdisApi::PACKET_FLAG_ON_SEND, Frame(kSupervisor, own, 0x0800, 0xA0)});
+    queue.push_back({adapter, NdisApi::PACKET_FLAG_ON_RECEIVE, Frame(own, kNeighbour, 0x0800, 0x50)});
+    if (packetEvent != nullptr) SetEvent(packetEvent);
+}
+
+BOOL TraceSend(const char* call, ETH_REQUEST* request) {
+    if (request == nullptr || request->EthPacket == nullptr) {
+        Trace("%s without a buffer", call);
+        return FALSE;
+    }
+    const INTERMEDIATE_BUFFER& b = *request->EthPacket;
+    if (b.m_Length < 14 || b.m_Length > NdisApi::kMaxEtherFrame) {
+        Trace("%s %016llx bad length %u", call, request->hAdapterHandle, b.m_Length);
+        return FALSE;
+    }
+    Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Hex(b.m_IBuffer, 6).c_str(),
+          Hex(b.m_IBuffer + 6, 6).c_str(), b.m_Length);
+    const uint16_t type = static_cast<uint16_t>(b.m_IBuffer[12] << 8 | b.m_IBuffer[13]);
+    if (type == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
+    return TRUE;
+}
+
+}  // namespace
+
+extern "C" {
+
+__declspec(dllexport) HANDLE WINAPI OpenFilterDriver(const char* name) {
+    Trace("OpenFilterDriver %s", name != nullptr ? name : "(null)");
+    return name != nullptr && std::strcmp(name, "NDISTQFD") == 0 ? kDriver : nullptr;
+}
+
+__declspec(dllexport) VOID WINAPI CloseFilterDriver(HANDLE driver) { Trace("CloseFilterDriver %llx", H(driver)); }
+
+__declspec(dllexport) BOOL WINAPI IsDriverLoaded(HANDLE driver) {
+    Trace("IsDriverLoaded %llx", H(driver));
+    return driver == kDriver;
+}
+
+__declspec(dllexport) BOOL WINAPI GetTcpipBoundAdaptersInfo(HANDLE driver, NdisApi::TCP_AdapterList* list) {
+    Trace("GetTcpipBoundAdaptersInfo");
+    if (driver != kDriver || list == nullptr) return FALSE;
+    std::memset(list, 0, sizeof(*list));
+    list->m_nAdapterCount = 2;
+    for (uint32_t i = 0; i < 2; ++i) {
+        std::strcpy(reinterpret_cast<char*>(list->m_szAdapterNameList[i]), kAdapters[i].name);
+        list->m_nAdapterHandle[i] = kAdapters[i].handle;
+        list->m_nAdapterMediumList[i] = 0;
+        std::memcpy(list->m_czCurrentAddress[i], kAdapters[i].mac, 6);
+        list->m_usMTU[i] = 1500;
+    }
+    return TRUE;
+}
+
+__declspec(dllexport) BOOL WINAPI SetAdapterMode(HANDLE driver, NdisApi::ADAPTER_MODE* mode) {
+    if (driver != kDriver || mode == nullptr) return FALSE;
+    Trace("SetAdapterMode %016llx %08x", mode->hAdapterHandle, mode->dwFlags);
+    return TRUE;
+}
+
+__declspec(dllexport) BOOL WINAPI GetHwPacketFilter(HANDLE driver, HANDLE adapter, DWORD* filter) {
+    Trace("GetHwPacketFilter %016llx", H(adapter));
+    if (driver != kDriver || filter == nullptr) return FALSE;
+    *filter = kSavedHwFilter;
+    return TRUE;
+}
+
+__declspec(dllexport) BOOL WINAPI SetHwPacketFilter(HANDLE driver, HANDLE adapter, DWORD filter) {
+    Trace("SetHwPacketFilter %016llx %08lx", H(adapter), filter);
+    return driver == kDriver;
+}
+
+__declspec(dllexport) BOOL WINAPI SetPacketFilterTable(HANDLE driver, NdisApi::STATIC_FILTER_TABLE* table) {
+    if (driver != kDriver || table == nullptr) return FALSE;
+    const NdisApi::STATIC_FILTER& f = table->m_StaticFilters[0];
+    Trace("SetPacketFilterTable size=%u adapter=%016llx direction=%u action=%u fields=%u", table->m_TableSize,
+          static_cast<unsigned long long>(f.m_Adapter), f.m_dwDirectionFlags, f.m_FilterAction, f.m_ValidFields);
+    return TRUE;
+}
+
+__declspec(dllexport) BOOL WINAPI SetPacketEvent(HANDLE driver, HANDLE adapter, HANDLE event) {
+    Trace("SetPacketEvent %016llx %s", H(adapter), event != nullptr ? "set" : "null");
+    if (driver != kDriver) return FALSE;
+    std::lock_guard guard(lock);
+    packetEvent = event;
+    // The trigger may come before the capture thread registers its event; frames queued by
+    // then are announced now, as new traffic would announce them on a real adapter.
+    if (event != nullptr && !queue.empty()) SetEvent(event);
+    return TRUE;
+}
+
+__declspec(dllexport) BOOL WINAPI ReadPacket(HANDLE driver, ETH_REQUEST* request) {
+    if (driver != kDriver || request == nullptr || request->EthPacket == nullptr) return FALSE;
+    Captured next;
+    {
+        std::lock_guard guard(lock);
+        if (queue.empty() || queue.front().adapter != request->hAdapterHandle) return FALSE;
+        next = queue.front();
+        queue.pop_front();
+    }
+    INTERMEDIATE_BUFFER& b = *request->EthPacket;
+    b.m_dwDeviceFlags = next.flags;
+    b.m_Length = static_cast<uint32_t>(next.frame.size());
+    std::memcpy(b.m_IBuffer, next.frame.data(), next.frame.size());
+    Trace("ReadPacket %016llx flags=%u len=%u", request->hAdapterHandle, next.flags, b.m_Length);
+    return TRUE;
+}
+
+__declspec(dllexport) BOOL WINAPI SendPacketToAdapter(HANDLE driver, ETH_REQUEST* request) {
+    return driver == kDriver && TraceSend("SendPacketToAdapter", request);
+}
+
+__declspec(dllexport) BOOL WINAPI SendPacketToMstcp(HANDLE driver, ETH_REQUEST* request) {
+    return driver == kDriver && TraceSend("SendPacketToMstcp", request);
+}
+
+__declspec(dllexport) BOOL WINAPI FlushAdapterPacketQueue(HANDLE driver, HANDLE adapter) {
+    Trace("FlushAdapterPacketQueue %016llx", H(adapter));
+    return driver == kDriver;
+}
+
+}  // extern "C"
