@@ -116,6 +116,7 @@ TEST(Scenario, AbsentAdaptersAndWaitFileSteps) {
         "internal": {"interface": "nope0", "ip": "10.5.0.1"}}]}]})"),
               "steps[0].mappings[0].internal: no network interface named \"nope0\"");
     EXPECT_EQ(RefusalOf(R"({"steps": [{"waitFile": ""}]})"), "steps[0].waitFile: expected a file path");
+}
 
 TEST(Scenario, StreamStepsChangeTheAnnouncedLengthAndAnswersCanBeMatchedWhole) {
     const json document = {{"steps",
