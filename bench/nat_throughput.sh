@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Translation cost: TCP throughput and small-packet UDP rate from an internal host to an
+# external server, first through the kernel's own NAT (nftables masquerade, forwarding on),
+# then through the daemon's NAT (forwarding off), on the same topology in the same run,
+# and prints both with their ratio. Offloads are off on every veth in both runs, as the
+# daemon turns them off on the adapters it opens.
+#   bench/nat_throughput.sh [seconds]     (root; uses build/release if present, else build/debug)
+set -euo pipefail
+SECONDS_PER_RUN=${1:-5}
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+export ND_BUILD_DIR=${ND_BUILD_DIR:-$( [ -x "$ROOT/build/release/NetworkDriver" ] && echo "$ROOT/build/release" || echo "$ROOT/build/debug")}
+source "$ROOT/tests/e2e/lib.sh"
+require_namespaces
+command -v iperf3 > /dev/null && command -v nft > /dev/null && command -v ethtool > /dev/null ||
+  skip_or_fail "needs iperf3, nft and ethtool"
+
+nat_topology
+for end in "in in0" "nd nd-int" "nd nd-ext" "ext ext0"; do
+  set -- $end
+  in_ns "$1" ethtool -K "$2" tso off gso off gro off 2> /dev/null
+done
+SERVER=203.0.113.10   # behind the gateway, as an internet host would be
+bg in_ns ext iperf3 -s -B "$SERVER" > /dev/null 2>&1
+wait_for 10 in_ns ext bash -c "echo > /dev/tcp/$SERVER/5201"
+
+udp_rate() {  # 64-byte datagrams per second received by the server
+  in_ns in iperf3 -c "$SERVER" -u -l 64 -b 0 -t "$SECONDS_PER_RUN" -J |
+    python3 -c 'import json,sys; d=json.load(sys.stdin)["end"]["sum"]; print(int(d["packets"]*(1-d["lost_percent"]/100)/d["seconds"]))'
+}
+tcp_rate() {  # megabits per second received
+  in_ns in iperf3 -c "$SERVER" -t "$SECONDS_PER_RUN" -J |
+    python3 -c 'import json,sys; print(round(json.load(sys.stdin)["end"]["sum_received"]["bits_per_second"]/1e6))'
+}
+
+# The kernel's NAT.
+in_ns nd sysctl -qw net.ipv4.ip_forward=1
+in_ns nd nft -f - <<'NFT'
+table ip ndbench {
+  chain post { type nat hook postrouting priority srcnat; oifname "nd-ext" masquerade; }
+}
+NFT
+wait_for 10 in_ns in bash -c "echo > /dev/tcp/$SERVER/5201" || { echo "FAIL: kernel NAT does not pass traffic"; exit 1; }
+kernel_udp=$(udp_rate); kernel_tcp=$(tcp_rate)
+in_ns nd nft delete table ip ndbench
+in_ns nd sysctl -qw net.ipv4.ip_forward=0
+
+# The daemon's NAT.
+cat > "$WORK/nat.json" <<JSON
+{"steps": [
+  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}],
+   "tcpPortPoolSize": 20, "udpPortPoolSize": 20, "timeout": 60, "expect": {"result": 1}}
+]}
+JSON
+start_daemon "$WORK/nat.json"
+wait_for 10 log_has "NAT: drivers successfully registered" || { cat "$WORK/peer.log"; exit 1; }
+wait_for 10 in_ns in bash -c "echo > /dev/tcp/$SERVER/5201" || { echo "FAIL: the daemon's NAT does not pass traffic"; exit 1; }
+nd_udp=$(udp_rate); nd_tcp=$(tcp_rate)
+
+echo "binary: $DAEMON"
+printf '%-34s %14s %14s %8s\n' "measure (in -> ext, $SECONDS_PER_RUN s each)" "kernel NAT" "daemon NAT" "ratio"
+printf '%-34s %14s %14s %8s\n' "UDP 64-byte datagrams (pkt/s)" "$kernel_udp" "$nd_udp" "$(python3 -c "print(f'{$nd_udp/$kernel_udp:.3f}')")"
+printf '%-34s %14s %14s %8s\n' "TCP throughput (Mbit/s)" "$kernel_tcp" "$nd_tcp" "$(python3 -c "print(f'{$nd_tcp/$kernel_tcp:.3f}')")"
