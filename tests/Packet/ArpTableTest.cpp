@@ -3,7 +3,7 @@
 #include "Packet/ArpTable.h"
 #include "Packet/PacketUtils.h"
 #include "PacketTestHelpers.h"
-#include "support/PacketLogCapture.h"
+#include "support/LogCapture.h"
 
 using namespace ndtest;
 using NativeNetworkDriver::ArpTable;
@@ -203,7 +203,7 @@ TEST_F(ArpTableTest, ReleasedFrameMayReenterTheTableOnTheSameThread) {
 }
 
 TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
-    PacketLogCapture log(3);
+    LogCapture log(3);
     table.ResolveOrHold(gateway, Numbered(1), kGuid);
     table.ResolveOrHold(gateway, Numbered(2), kGuid);
     table.LearnFromArpReply(gateway, gatewayMac);
@@ -229,7 +229,7 @@ TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
 }
 
 TEST_F(ArpTableTest, NothingIsLoggedUnderTheProcessThreshold) {
-    PacketLogCapture log(2);
+    LogCapture log(2);
     table.ResolveOrHold(gateway, Numbered(1), kGuid);
     table.LearnFromArpReply(gateway, gatewayMac);
     EXPECT_EQ(log.Text(), "");

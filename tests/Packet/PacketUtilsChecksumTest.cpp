@@ -223,10 +223,10 @@ TEST(PacketChecksum, IncrementalUpdateEdgeValues) {
 
     Frame icmp = FrameBuilder::Ipv4(kProtoIcmp).Payload(Bytes(40, 0)).Build();
     const Frame icmpBefore = icmp;
-    EXPECT_EQ(ThrownMessage([&] { pu::UpdateTransportHeaderChecksum(icmp, 0, 0, 1); }),
+    EXPECT_EQ(Thrown([&] { pu::UpdateTransportHeaderChecksum(icmp, 0, 0, 1); }),
               std::string("Unsupported IP protocol: ") + '\x01');
-    EXPECT_EQ(ThrownMessage([&] { pu::SetSourcePort(icmp, 99); }), std::string("Unsupported IP protocol: ") + '\x01');
-    EXPECT_EQ(ThrownMessage([&] { pu::UpdateSourceIp(icmp, Ip("1.1.1.1")); }),
+    EXPECT_EQ(Thrown([&] { pu::SetSourcePort(icmp, 99); }), std::string("Unsupported IP protocol: ") + '\x01');
+    EXPECT_EQ(Thrown([&] { pu::UpdateSourceIp(icmp, Ip("1.1.1.1")); }),
               std::string("Unsupported IP protocol: ") + '\x01');
     EXPECT_EQ(icmp, icmpBefore);
 }
@@ -235,14 +235,14 @@ TEST(PacketChecksum, LengthMismatchMessageCarriesTextAddresses) {
     // 40-byte datagram in a 60-byte (padded) frame.
     Frame padded = FrameBuilder::Tcp().PadTo(60).Build();
     ASSERT_EQ(padded.size(), 60u);
-    const std::string message = ThrownMessage([&] { pu::FixTransportHeaderChecksum(padded); });
+    const std::string message = Thrown([&] { pu::FixTransportHeaderChecksum(padded); });
     const std::regex form("[0-9A-F]{32}40[0-9A-F]{32}60[0-9A-F]{16}");
     EXPECT_TRUE(std::regex_match(message, form)) << message;
     EXPECT_EQ(message.size(), 5 * 16 + 4u);
 
     Frame truncated = KernelUdpFrame();
     truncated.pop_back();
-    const std::string second = ThrownMessage([&] { pu::FixTransportHeaderChecksum(truncated); });
+    const std::string second = Thrown([&] { pu::FixTransportHeaderChecksum(truncated); });
     EXPECT_TRUE(std::regex_match(second, std::regex("[0-9A-F]{32}44[0-9A-F]{32}57[0-9A-F]{16}"))) << second;
     // The texts are the same objects each time.
     EXPECT_EQ(message.substr(0, 32), second.substr(0, 32));
@@ -250,15 +250,15 @@ TEST(PacketChecksum, LengthMismatchMessageCarriesTextAddresses) {
 
 TEST(PacketChecksum, FullRecomputeRefusals) {
     Frame icmp = FrameBuilder::Ipv4(kProtoIcmp).Payload("ping").Build();
-    EXPECT_EQ(ThrownMessage([&] { pu::FixTransportHeaderChecksum(icmp); }), std::string("Unsupported IP protocol: ") + '\x01');
+    EXPECT_EQ(Thrown([&] { pu::FixTransportHeaderChecksum(icmp); }), std::string("Unsupported IP protocol: ") + '\x01');
     // Lengths agree, but the TCP checksum offset (50) lies beyond the 48-byte frame.
     Frame shortTcp = FrameBuilder::Tcp().Build();
     shortTcp.resize(48);
     pu::SetIpPacketTotalLength(shortTcp, 34);
-    EXPECT_EQ(ThrownMessage([&] { pu::FixTransportHeaderChecksum(shortTcp); }),
+    EXPECT_EQ(Thrown([&] { pu::FixTransportHeaderChecksum(shortTcp); }),
               "Error fixing transport header checksum, unexpected packet size: 48");
     Frame tooShort(33, 0x45);
     tooShort[14] = 0x45;
-    EXPECT_EQ(ThrownMessage([&] { pu::FixTransportHeaderChecksum(tooShort); }),
+    EXPECT_EQ(Thrown([&] { pu::FixTransportHeaderChecksum(tooShort); }),
               "Error fixing transport header checksum, unexpected packet size: 33");
 }
