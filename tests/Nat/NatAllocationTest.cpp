@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "NatTestSupport.h"
+#include "support/NatRig.h"
 
 namespace {
 std::atomic<bool> counting{false};
@@ -92,17 +92,17 @@ size_t Allocations(Nat::NetworkAddressTranslator& nat, const Frame& original, Fr
 TEST(NatAllocation, EstablishedFlowsTranslateWithoutHeapAllocation) {
     Nat::RedirectRule rule = Rule(6, 8080, 80, true);
     Rig rig({rule}, {Rig::DefaultMapping()});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
 
     // SNAT flow through the gateway, both directions; 64-byte and full-size frames.
-    const Frame out = Tcp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::FarIp(), 40000, 443, 1, 1, kAck});
-    const Frame outBig = Tcp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::FarIp(), 40000, 443, 1, 1, kAck,
+    const Frame out = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 1, 1, kAck});
+    const Frame outBig = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 1, 1, kAck,
                               std::string(1460, 'd')});
-    const Frame in = Tcp({Net::GatewayMac(), Mac(0x02), Net::FarIp(), Ip(10, 0, 0, 2), 443, 5000, 1, 1, kAck});
+    const Frame in = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 443, 5000, 1, 1, kAck});
     // Published service with translate source, both directions.
-    const Frame dnatIn = Tcp({Net::GatewayMac(), Mac(0x02), Net::FarIp(), Ip(10, 0, 0, 2), 33000, 8080, 1, 1, kAck});
+    const Frame dnatIn = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 33000, 8080, 1, 1, kAck});
     const Frame dnatOut =
-        Tcp({Net::ServerMac(), Mac(0x03), Net::ServerIp(), Ip(172, 20, 0, 1), 80, 5001, 1, 1, kAck});
+        Tcp({kServerMac, kSrvMac, kServerIp, kSrvSideIp, 80, 5001, 1, 1, kAck});
 
     Frame work;
     work.reserve(Nat::kMaxFrameSize);
@@ -114,22 +114,22 @@ TEST(NatAllocation, EstablishedFlowsTranslateWithoutHeapAllocation) {
     EXPECT_EQ(Allocations(*rig.nat, out, work, true, 200), 0u);
     EXPECT_EQ(Parse(work).srcPort, 5000);
     EXPECT_EQ(Allocations(*rig.nat, outBig, work, true, 200), 0u);
-    EXPECT_TRUE(TransportChecksumOk(work));
+    EXPECT_TRUE(TransportChecksumValid(work));
     EXPECT_EQ(Allocations(*rig.nat, in, work, false, 200), 0u);
     EXPECT_EQ(Parse(work).dstPort, 40000);
     EXPECT_EQ(Allocations(*rig.nat, dnatIn, work, false, 200), 0u);
-    EXPECT_EQ(Parse(work).dstIp, Net::ServerIp());
+    EXPECT_EQ(Parse(work).dstIp, kServerIp);
     EXPECT_EQ(Allocations(*rig.nat, dnatOut, work, true, 200), 0u);
     EXPECT_EQ(Parse(work).dstPort, 33000);
 
     // On-link destination: the next hop comes from the ARP table on every frame.
-    rig.Learn(Net::PeerIp(), Net::PeerMac());
-    const Frame onLink = Tcp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::PeerIp(), 40000, 22, 1, 1, kAck});
+    rig.Learn(kPeerIp, kPeerMac);
+    const Frame onLink = Tcp({kHostMac, kIntMac, kHostIp, kPeerIp, 40000, 22, 1, 1, kAck});
     Allocations(*rig.nat, onLink, work, true, 1);
     EXPECT_EQ(Allocations(*rig.nat, onLink, work, true, 200), 0u);
-    EXPECT_EQ(Parse(work).dstMac, Net::PeerMac());
+    EXPECT_EQ(Parse(work).dstMac, kPeerMac);
 
     // The counter itself works: a new flow allocates its entries.
-    const Frame fresh = Tcp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::FarIp(), 40001, 443, 1, 0, kSyn});
+    const Frame fresh = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40001, 443, 1, 0, kSyn});
     EXPECT_GT(Allocations(*rig.nat, fresh, work, true, 1), 0u);
 }

@@ -29,12 +29,6 @@ void AppendAll(Bytes& out, const Range& bytes) {
     out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-Bytes PadOptions(Bytes options) {
-    if (options.size() > 40) throw std::invalid_argument("FrameBuilder: options longer than 40 bytes");
-    while (options.size() % 4 != 0) options.push_back(0);
-    return options;
-}
-
 // fd00::1 and fd00::2.
 const Bytes kIpv6Src = {0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
 const Bytes kIpv6Dst = {0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
@@ -214,6 +208,12 @@ Frame Ipv4Fragment(const MacAddress& destination, const MacAddress& source, uint
 
 FrameBuilder::FrameBuilder(Kind kind) : kind_(kind) {}
 
+Bytes FrameBuilder::PadOptions(Bytes options) {
+    if (options.size() > 40) throw std::invalid_argument("FrameBuilder: options longer than 40 bytes");
+    while (options.size() % 4 != 0) options.push_back(0);
+    return options;
+}
+
 FrameBuilder FrameBuilder::Tcp() { return FrameBuilder(Kind::Tcp); }
 FrameBuilder FrameBuilder::Udp() {
     FrameBuilder b(Kind::Udp);
@@ -231,44 +231,11 @@ FrameBuilder FrameBuilder::Ipv4(uint8_t protocol) {
     return b;
 }
 
-FrameBuilder& FrameBuilder::EthDst(const MacAddress& mac) { ethDst_ = mac; return *this; }
-FrameBuilder& FrameBuilder::EthSrc(const MacAddress& mac) { ethSrc_ = mac; return *this; }
-FrameBuilder& FrameBuilder::EtherType(uint16_t type) { etherType_ = type; return *this; }
-FrameBuilder& FrameBuilder::PadTo(size_t frameSize) { padTo_ = frameSize; return *this; }
-FrameBuilder& FrameBuilder::Ipv6() { ipv6_ = true; return *this; }
-FrameBuilder& FrameBuilder::IpSrc(const Ipv4Address& ip) { ipSrc_ = ip; return *this; }
-FrameBuilder& FrameBuilder::IpDst(const Ipv4Address& ip) { ipDst_ = ip; return *this; }
-FrameBuilder& FrameBuilder::Ttl(uint8_t ttl) { ttl_ = ttl; return *this; }
-FrameBuilder& FrameBuilder::IpId(uint16_t id) { ipId_ = id; return *this; }
-FrameBuilder& FrameBuilder::DontFragment(bool on) { fragmentField_ = on ? 0x4000 : 0; return *this; }
 FrameBuilder& FrameBuilder::FragmentAt(uint32_t offsetBytes, bool more) {
     if (offsetBytes % 8 != 0) throw std::invalid_argument("FrameBuilder: fragment offsets are multiples of 8");
     fragmentField_ = static_cast<uint16_t>((more ? 0x2000 : 0) | (offsetBytes / 8));
     return *this;
 }
-FrameBuilder& FrameBuilder::IpOptions(const Bytes& options) { ipOptions_ = PadOptions(options); return *this; }
-FrameBuilder& FrameBuilder::SrcPort(uint16_t port) { srcPort_ = port; return *this; }
-FrameBuilder& FrameBuilder::DstPort(uint16_t port) { dstPort_ = port; return *this; }
-FrameBuilder& FrameBuilder::Seq(uint32_t seq) { seq_ = seq; return *this; }
-FrameBuilder& FrameBuilder::AckNumber(uint32_t ack) { ack_ = ack; return *this; }
-FrameBuilder& FrameBuilder::Flags(uint8_t flags) { flags_ = flags; return *this; }
-FrameBuilder& FrameBuilder::TcpOptions(const Bytes& options) { tcpOptions_ = PadOptions(options); return *this; }
-FrameBuilder& FrameBuilder::NoUdpChecksum() { noUdpChecksum_ = true; return *this; }
-FrameBuilder& FrameBuilder::Payload(const Bytes& payload) { payload_ = payload; return *this; }
-FrameBuilder& FrameBuilder::Payload(const std::string& payload) { payload_ = ToBytes(payload); return *this; }
-FrameBuilder& FrameBuilder::ArpOpcode(uint16_t opcode) { arpOpcode_ = opcode; return *this; }
-FrameBuilder& FrameBuilder::ArpProtocolType(uint16_t type) { arpProtocolType_ = type; return *this; }
-FrameBuilder& FrameBuilder::ArpSender(const MacAddress& mac, const Ipv4Address& ip) {
-    arpSenderMac_ = mac;
-    arpSenderIp_ = ip;
-    return *this;
-}
-FrameBuilder& FrameBuilder::ArpTarget(const MacAddress& mac, const Ipv4Address& ip) {
-    arpTargetMac_ = mac;
-    arpTargetIp_ = ip;
-    return *this;
-}
-
 uint8_t FrameBuilder::ProtocolNumber() const {
     return protocol_.value_or(kind_ == Kind::Tcp ? kProtoTcp : kProtoUdp);
 }
@@ -323,10 +290,10 @@ Frame FrameBuilder::Assemble(const Bytes& ipPayload, uint16_t fragmentField) con
         f.push_back(6);
         f.push_back(4);
         Append16(f, arpOpcode_);
-        AppendAll(f, arpSenderMac_);
-        AppendAll(f, arpSenderIp_);
-        AppendAll(f, arpTargetMac_);
-        AppendAll(f, arpTargetIp_);
+        AppendAll(f, arpSender_.first);
+        AppendAll(f, arpSender_.second);
+        AppendAll(f, arpTarget_.first);
+        AppendAll(f, arpTarget_.second);
         AppendAll(f, payload_);
     } else if (ipv6_) {
         Append16(f, etherType_.value_or(kEtherIpv6));

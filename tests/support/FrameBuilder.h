@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Packet/Frame.h"
@@ -75,39 +76,41 @@ public:
     static FrameBuilder Ipv4(uint8_t protocol);
 
     // Ethernet
-    FrameBuilder& EthDst(const MacAddress& mac);
-    FrameBuilder& EthSrc(const MacAddress& mac);
-    FrameBuilder& EtherType(uint16_t type);  // overrides the type the kind implies
+    FrameBuilder& EthDst(const MacAddress& mac) { ethDst_ = mac; return *this; }
+    FrameBuilder& EthSrc(const MacAddress& mac) { ethSrc_ = mac; return *this; }
+    // Overrides the type the kind implies.
+    FrameBuilder& EtherType(uint16_t type) { etherType_ = type; return *this; }
     // Ethernet padding: zero bytes appended until the frame has this many bytes.
-    FrameBuilder& PadTo(size_t frameSize);
+    FrameBuilder& PadTo(size_t frameSize) { padTo_ = frameSize; return *this; }
 
     // IPv4 (or IPv6 from fd00::1 to fd00::2, TCP and UDP only)
-    FrameBuilder& Ipv6();
-    FrameBuilder& IpSrc(const Ipv4Address& ip);
-    FrameBuilder& IpDst(const Ipv4Address& ip);
-    FrameBuilder& Ttl(uint8_t ttl);
-    FrameBuilder& IpId(uint16_t id);
-    FrameBuilder& DontFragment(bool on);
+    FrameBuilder& Ipv6() { ipv6_ = true; return *this; }
+    FrameBuilder& IpSrc(const Ipv4Address& ip) { ipSrc_ = ip; return *this; }
+    FrameBuilder& IpDst(const Ipv4Address& ip) { ipDst_ = ip; return *this; }
+    FrameBuilder& Ttl(uint8_t ttl) { ttl_ = ttl; return *this; }
+    FrameBuilder& IpId(uint16_t id) { ipId_ = id; return *this; }
+    FrameBuilder& DontFragment(bool on) { fragmentField_ = on ? 0x4000 : 0; return *this; }
     // A fragment at this byte offset (a multiple of 8), with the more-fragments bit.
     FrameBuilder& FragmentAt(uint32_t offsetBytes, bool more);
-    FrameBuilder& IpOptions(const Bytes& options);  // zero-padded to a multiple of 4 (max 40)
+    // Options are zero-padded to a multiple of 4 bytes (at most 40).
+    FrameBuilder& IpOptions(const Bytes& options) { ipOptions_ = PadOptions(options); return *this; }
 
     // TCP / UDP
-    FrameBuilder& SrcPort(uint16_t port);
-    FrameBuilder& DstPort(uint16_t port);
-    FrameBuilder& Seq(uint32_t seq);
-    FrameBuilder& AckNumber(uint32_t ack);
-    FrameBuilder& Flags(uint8_t flags);
-    FrameBuilder& TcpOptions(const Bytes& options);  // zero-padded to a multiple of 4 (max 40)
-    FrameBuilder& NoUdpChecksum();                     // UDP checksum 0: "none"
-    FrameBuilder& Payload(const Bytes& payload);
-    FrameBuilder& Payload(const std::string& payload);
+    FrameBuilder& SrcPort(uint16_t port) { srcPort_ = port; return *this; }
+    FrameBuilder& DstPort(uint16_t port) { dstPort_ = port; return *this; }
+    FrameBuilder& Seq(uint32_t seq) { seq_ = seq; return *this; }
+    FrameBuilder& AckNumber(uint32_t ack) { ack_ = ack; return *this; }
+    FrameBuilder& Flags(uint8_t flags) { flags_ = flags; return *this; }
+    FrameBuilder& TcpOptions(const Bytes& options) { tcpOptions_ = PadOptions(options); return *this; }
+    FrameBuilder& NoUdpChecksum() { noUdpChecksum_ = true; return *this; }  // UDP checksum 0: "none"
+    FrameBuilder& Payload(const Bytes& payload) { payload_ = payload; return *this; }
+    FrameBuilder& Payload(const std::string& payload) { payload_ = ToBytes(payload); return *this; }
 
     // ARP (Ethernet/IPv4)
-    FrameBuilder& ArpOpcode(uint16_t opcode);
-    FrameBuilder& ArpProtocolType(uint16_t type);
-    FrameBuilder& ArpSender(const MacAddress& mac, const Ipv4Address& ip);
-    FrameBuilder& ArpTarget(const MacAddress& mac, const Ipv4Address& ip);
+    FrameBuilder& ArpOpcode(uint16_t opcode) { arpOpcode_ = opcode; return *this; }
+    FrameBuilder& ArpProtocolType(uint16_t type) { arpProtocolType_ = type; return *this; }
+    FrameBuilder& ArpSender(const MacAddress& mac, const Ipv4Address& ip) { arpSender_ = {mac, ip}; return *this; }
+    FrameBuilder& ArpTarget(const MacAddress& mac, const Ipv4Address& ip) { arpTarget_ = {mac, ip}; return *this; }
 
     Frame Build() const;
     // The datagram cut into IPv4 fragments carrying at most `fragmentData` bytes of IP
@@ -118,6 +121,7 @@ public:
 private:
     enum class Kind { Tcp, Udp, Arp, Raw };
     explicit FrameBuilder(Kind kind);
+    static Bytes PadOptions(Bytes options);
     uint8_t ProtocolNumber() const;
     Bytes IpPayload() const;  // transport header + payload, checksum included
     Frame Assemble(const Bytes& ipPayload, uint16_t fragmentField) const;
@@ -148,10 +152,8 @@ private:
 
     uint16_t arpOpcode_ = 1;
     uint16_t arpProtocolType_ = kEtherIpv4;
-    MacAddress arpSenderMac_{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
-    Ipv4Address arpSenderIp_{10, 0, 0, 1};
-    MacAddress arpTargetMac_{};
-    Ipv4Address arpTargetIp_{10, 0, 0, 2};
+    std::pair<MacAddress, Ipv4Address> arpSender_{{0x02, 0x00, 0x00, 0x00, 0x00, 0x01}, {10, 0, 0, 1}};
+    std::pair<MacAddress, Ipv4Address> arpTarget_{{}, {10, 0, 0, 2}};
 };
 
 }  // namespace ndtest
