@@ -1,28 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <random>
 
 #include "Packet/PacketUtils.h"
 #include "PacketTestHelpers.h"
+#include "support/AllocationCounter.h"
 #include "support/CodecCalls.h"
 
 using namespace ndtest;
 namespace pu = Nat::PacketUtils;
-
-// Counts heap allocations of this test program, to hold the hot path to none.
-namespace {
-std::atomic<long> g_allocations{0};
-}
-void* operator new(std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -205,28 +191,30 @@ TEST(PacketBounds, EveryFunctionOnEveryLengthAnswersOrThrowsNatException) {
 TEST(PacketBounds, HotPathAllocatesNothing) {
     Frame tcp = FrameBuilder::Tcp().Payload(Bytes(1400, 7)).Build();
     Frame udp = FrameBuilder::Udp().Payload(Bytes(500, 7)).Build();
-    const long before = g_allocations.load();
     uint64_t sink = 0;
-    for (Frame* f : {&tcp, &udp}) {
-        sink += pu::GetFrameType(*f) + pu::GetIpHeaderSize(*f) + pu::GetIpPacketTotalLength(*f) + pu::GetIpProtocol(*f);
-        sink += pu::GetSourcePort(*f) + pu::GetDestinationPort(*f) + pu::GetTransportHeaderChecksum(*f);
-        sink += pu::GetTransportHeaderLength(*f) + pu::IsTcpAckFlagSet(*f) + pu::IsTcpFinFlagSet(*f) +
-                pu::IsTcpRstFlagSet(*f);
-        sink += pu::GetSourceMac(*f)[0] + pu::GetDestinationMac(*f)[0] + pu::GetSourceIp(*f)[0] +
-                pu::GetDestinationIp(*f)[0];
-        pu::SetSourceMac(*f, MacAddress{2, 0, 0, 0, 0, 9});
-        pu::SetDestinationMac(*f, MacAddress{2, 0, 0, 0, 0, 8});
-        pu::UpdateSourceIp(*f, Ipv4Address{100, 64, 1, 1});
-        pu::UpdateDestinationIp(*f, Ipv4Address{8, 8, 8, 8});
-        pu::SetSourcePort(*f, 33333);
-        pu::SetDestinationPort(*f, 443);
-        pu::FixIpHeaderChecksum(*f);
-        pu::FixTransportHeaderChecksum(*f);
-        pu::UpdateTransportHeaderChecksum(*f, 1, 2, 3);
-    }
-    sink += pu::GetTcpSequenceNumber(tcp) + pu::GetAcknowledgmentNumber(tcp);
-    pu::SetTcpSequenceNumber(tcp, 5);
-    pu::SetAcknowledgmentNumber(tcp, 6);
-    EXPECT_EQ(g_allocations.load(), before);
+    const size_t allocations = AllocationsOf([&] {
+        for (Frame* f : {&tcp, &udp}) {
+            sink += pu::GetFrameType(*f) + pu::GetIpHeaderSize(*f) + pu::GetIpPacketTotalLength(*f) +
+                    pu::GetIpProtocol(*f);
+            sink += pu::GetSourcePort(*f) + pu::GetDestinationPort(*f) + pu::GetTransportHeaderChecksum(*f);
+            sink += pu::GetTransportHeaderLength(*f) + pu::IsTcpAckFlagSet(*f) + pu::IsTcpFinFlagSet(*f) +
+                    pu::IsTcpRstFlagSet(*f);
+            sink += pu::GetSourceMac(*f)[0] + pu::GetDestinationMac(*f)[0] + pu::GetSourceIp(*f)[0] +
+                    pu::GetDestinationIp(*f)[0];
+            pu::SetSourceMac(*f, MacAddress{2, 0, 0, 0, 0, 9});
+            pu::SetDestinationMac(*f, MacAddress{2, 0, 0, 0, 0, 8});
+            pu::UpdateSourceIp(*f, Ipv4Address{100, 64, 1, 1});
+            pu::UpdateDestinationIp(*f, Ipv4Address{8, 8, 8, 8});
+            pu::SetSourcePort(*f, 33333);
+            pu::SetDestinationPort(*f, 443);
+            pu::FixIpHeaderChecksum(*f);
+            pu::FixTransportHeaderChecksum(*f);
+            pu::UpdateTransportHeaderChecksum(*f, 1, 2, 3);
+        }
+        sink += pu::GetTcpSequenceNumber(tcp) + pu::GetAcknowledgmentNumber(tcp);
+        pu::SetTcpSequenceNumber(tcp, 5);
+        pu::SetAcknowledgmentNumber(tcp, 6);
+    });
+    EXPECT_EQ(allocations, 0u);
     EXPECT_NE(sink, 0u);
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Packet/PacketUtils.h"
-#include "tests/support/CodecCalls.h"
+#include "support/CodecCalls.h"
 
 namespace pu = Nat::PacketUtils;
 using Nat::Frame;
