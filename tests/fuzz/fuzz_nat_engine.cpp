@@ -32,7 +32,8 @@ Frame Template(uint8_t which, uint16_t port) {
             return Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, port, 8080, 0, 0, flags,
                         "GET / HTTP/1.1\r\nHost: 10.0.0.2:8080\r\n\r\n"});
         case 4: return Tcp({kServerMac, kSrvMac, kServerIp, kFarIp, 80, port, 0, 0, flags, "HTTP/1.1 200 OK\r\n\r\n"});
-        case 5: return Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, port, 21, 0, 0, flags, "PORT 93,184,216,34,156,65\r\n"});
+        case 5:
+            return Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, port, 21, 0, 0, flags, "PORT 93,184,216,34,156,65\r\n"});
         case 6:
             return Tcp({kServerMac, kSrvMac, kServerIp, kSrvSideIp, 21, pool, 0, 0, flags,
                         "227 Entering Passive Mode (172,20,0,20,19,137).\r\n"});

@@ -22,7 +22,8 @@ size_t AllocationsOf(Action&& action) {
 
 inline void* CountedAllocation(std::size_t size, std::size_t align = 0) {
     if (countingAllocations.load(std::memory_order_relaxed)) allocationCount.fetch_add(1, std::memory_order_relaxed);
-    void* p = align == 0 ? std::malloc(size == 0 ? 1 : size) : std::aligned_alloc(align, (size + align - 1) / align * align);
+    void* p = align == 0 ? std::malloc(size == 0 ? 1 : size)
+                         : std::aligned_alloc(align, (size + align - 1) / align * align);
     if (p == nullptr) throw std::bad_alloc();
     return p;
 }
