@@ -7,13 +7,15 @@
 #include <vector>
 
 #include "FilterDriver/FilterDriver.h"
-#include "FilterDriver/LogCapture.h"
+#include "support/FrameBuilder.h"
 #include "support/InMemoryFilterDriverApi.h"
+#include "support/LogCapture.h"
+#include "support/Thrown.h"
 
 namespace NativeNetworkDriver {
 namespace {
 
-using Testing::EthernetFrame;
+using ndtest::EthernetFrame;
 using Testing::Guid;
 using Testing::InMemoryNetwork;
 
@@ -53,9 +55,7 @@ protected:
         handle = network->AddAdapter(guid, kAdapterMac, 0x0000001200005678ull, 0x0B);
     }
 
-    std::string Line(const std::string& level, const std::string& text) { return level + ";" + text; }
-
-    Testing::LogCapture log;
+    ndtest::LogCapture log;
     std::shared_ptr<InMemoryNetwork> network;
     InMemoryNetwork::FactoryGuard guard;
     std::string guid = Guid(7);
@@ -72,9 +72,9 @@ TEST_F(FilterDriverTest, OpenTakesTheAdapterAndCloseGivesItBack) {
         EXPECT_EQ(driver.AdapterHandle(), handle);
         EXPECT_EQ(driver.Mac(), std::vector<uint8_t>(kAdapterMac.begin(), kAdapterMac.end()));
         EXPECT_EQ(network->AdapterMode(guid), 0x43u);
-        EXPECT_EQ(network->HwFilter(guid), NdisApi::NDIS_PACKET_TYPE_PROMISCUOUS);
-        ASSERT_EQ(network->FilterTablesInstalled(guid), 1);
-        const NdisApi::STATIC_FILTER filter = network->LastFilter(guid);
+        EXPECT_EQ(network->State(guid).hwFilter, NdisApi::NDIS_PACKET_TYPE_PROMISCUOUS);
+        ASSERT_EQ(network->State(guid).filterTables, 1);
+        const NdisApi::STATIC_FILTER filter = network->State(guid).lastFilter;
         EXPECT_EQ(filter.m_Adapter, 0x5678u);  // the handle's low half only
         EXPECT_EQ(filter.m_dwDirectionFlags, 3u);
         EXPECT_EQ(filter.m_FilterAction, 3u);
@@ -83,19 +83,16 @@ TEST_F(FilterDriverTest, OpenTakesTheAdapterAndCloseGivesItBack) {
         driver.Close();
         EXPECT_FALSE(driver.IsOpened());
         EXPECT_EQ(network->AdapterMode(guid), 0u);
-        EXPECT_EQ(network->HwFilter(guid), 0x0Bu);
-        EXPECT_EQ(network->PacketEvent(guid), 0u);
+        EXPECT_EQ(network->State(guid).hwFilter, 0x0Bu);
+        EXPECT_EQ(network->State(guid).packetEvent, 0u);
         EXPECT_EQ(network->OpenAdapterEvents(), 0);
     }
     EXPECT_EQ(network->LiveClients(), 0);
 
     const std::vector<std::string> expected = {
-        Line("INFO", "Opening virtual Ethernet adapter (GUID: " + guid + ")."),
-        Line("INFO", "Initializing adapter handle."),
-        Line("DEBUG", "New Virtual Ethernet adapter (GUID: " + guid + ") found!"),
-        Line("INFO", "Setting adapter mode."),
-        Line("INFO", "Setting adapter filters."),
-    };
+        "INFO;Opening virtual Ethernet adapter (GUID: " + guid + ").", "INFO;Initializing adapter handle.",
+        "DEBUG;New Virtual Ethernet adapter (GUID: " + guid + ") found!", "INFO;Setting adapter mode.",
+        "INFO;Setting adapter filters."};
     auto lines = log.From(expected[0]);
     ASSERT_GE(lines.size(), expected.size());
     EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 5), expected);
@@ -105,7 +102,7 @@ TEST_F(FilterDriverTest, OpenTakesTheAdapterAndCloseGivesItBack) {
                              std::string("Quit event received in CaptureThread"),
                              "Closing virtual Ethernet adapter (GUID: " + guid + ").",
                              "Virtual Ethernet adapter (GUID: " + guid + ") closed."}) {
-        EXPECT_TRUE(log.Has(Line("INFO", text))) << text;
+        EXPECT_TRUE(log.Has("INFO;" + text)) << text;
     }
 }
 
@@ -191,7 +188,8 @@ TEST_P(FilterDriverOpenFailure, IsLoggedAndLeavesTheAdapterAlone) {
         FilterDriver driver(target, &reader);
         driver.Open();
         EXPECT_FALSE(driver.IsOpened());
-        EXPECT_THROW(driver.Close(), std::runtime_error);
+        EXPECT_EQ(ndtest::Thrown<std::runtime_error>([&] { driver.Close(); }),
+                  "Error closing the virtual Ethernet adapter (GUID: " + target + "): it has not been opened.");
     }  // destroying an unopened driver is quiet
 
     std::string debug = failure.debugLine;
@@ -205,7 +203,7 @@ TEST_P(FilterDriverOpenFailure, IsLoggedAndLeavesTheAdapterAlone) {
     EXPECT_FALSE(log.Has("INFO;Virtual Ethernet adapter (GUID: " + target + ") opened."));
 
     EXPECT_EQ(network->AdapterMode(guid), 0u);
-    EXPECT_EQ(network->HwFilter(guid), 0x0Bu);
+    EXPECT_EQ(network->State(guid).hwFilter, 0x0Bu);
     EXPECT_EQ(network->OpenAdapterEvents(), 0);
     EXPECT_EQ(network->LiveClients(), 0);
 }
@@ -256,7 +254,7 @@ TEST_F(FilterDriverTest, SecondOpenFailsAndTheDestructorStillStopsTheAdapter) {
         EXPECT_EQ(network->AdapterMode(guid), 0x43u);  // the first open stands
     }
     EXPECT_EQ(network->AdapterMode(guid), 0u);
-    EXPECT_EQ(network->HwFilter(guid), 0x0Bu);
+    EXPECT_EQ(network->State(guid).hwFilter, 0x0Bu);
     EXPECT_EQ(network->OpenAdapterEvents(), 0);
 }
 
@@ -270,17 +268,6 @@ TEST_F(FilterDriverTest, DestroyingAnOpenDriverClosesIt) {
     }
     EXPECT_EQ(network->AdapterMode(guid), 0u);
     EXPECT_TRUE(log.Has("INFO;Virtual Ethernet adapter (GUID: " + guid + ") closed."));
-}
-
-TEST_F(FilterDriverTest, CloseOfAnUnopenedAdapterNamesIt) {
-    FilterDriver driver(guid, &reader);
-    try {
-        driver.Close();
-        ADD_FAILURE() << "Close did not raise";
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "Error closing the virtual Ethernet adapter (GUID: " + guid + "): it has not been opened.");
-    }
 }
 
 }  // namespace

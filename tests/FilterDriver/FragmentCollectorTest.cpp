@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 
 #include "FilterDriver/FragmentCollector.h"
-#include "FilterDriver/TestFrames.h"
+#include "support/FrameBuilder.h"
 
 namespace NativeNetworkDriver {
 namespace {
 
-using Testing::Ipv4Frame;
+using ndtest::FrameBuilder;
+using ndtest::Ipv4Fragment;
 
 const Nat::MacAddress kA{0x02, 0, 0, 0, 0, 0x0A};
 const Nat::MacAddress kB{0x02, 0, 0, 0, 0, 0x0B};
@@ -28,7 +29,7 @@ protected:
 };
 
 TEST(FragmentFieldsTest, ReadsTheHeaderAndRejectsWhatDoesNotFit) {
-    const Nat::Frame middle = Ipv4Frame(kA, kB, 0x1234, 1480, true, 800);
+    const Nat::Frame middle = Ipv4Fragment(kA, kB, 0x1234, 1480, true, 800);
     FragmentFields f;
     ASSERT_TRUE(ReadFragmentFields(middle, f));
     EXPECT_EQ(f.identification, 0x1234);
@@ -39,10 +40,10 @@ TEST(FragmentFieldsTest, ReadsTheHeaderAndRejectsWhatDoesNotFit) {
     EXPECT_TRUE(f.IsFragment());
     EXPECT_FALSE(f.IsLast());
 
-    const Nat::Frame whole = Ipv4Frame(kA, kB, 1, 0, false, 100);
+    const Nat::Frame whole = Ipv4Fragment(kA, kB, 1, 0, false, 100);
     ASSERT_TRUE(ReadFragmentFields(whole, f));
     EXPECT_FALSE(f.IsFragment());
-    ASSERT_TRUE(ReadFragmentFields(Ipv4Frame(kA, kB, 1, 8, false, 100), f));
+    ASSERT_TRUE(ReadFragmentFields(Ipv4Fragment(kA, kB, 1, 8, false, 100), f));
     EXPECT_TRUE(f.IsLast());
 
     Nat::Frame truncated = middle;
@@ -51,18 +52,18 @@ TEST(FragmentFieldsTest, ReadsTheHeaderAndRejectsWhatDoesNotFit) {
     Nat::Frame shortHeader = middle;
     shortHeader[14] = 0x44;  // 16-byte header
     EXPECT_FALSE(ReadFragmentFields(shortHeader, f));
-    Nat::Frame pastMaximum = Ipv4Frame(kA, kB, 1, 8184 * 8, true, 200);  // ends past 65535
+    Nat::Frame pastMaximum = Ipv4Fragment(kA, kB, 1, 8184 * 8, true, 200);  // ends past 65535
     EXPECT_FALSE(ReadFragmentFields(pastMaximum, f));
-    Nat::Frame arp = Testing::EthernetFrame(kA, kB, 0x0806, 28);
+    Nat::Frame arp = ndtest::EthernetFrame(kA, kB, 0x0806, 28);
     EXPECT_FALSE(ReadFragmentFields(arp, f));
     for (size_t n = 0; n < 34; ++n) EXPECT_FALSE(ReadFragmentFields(Nat::Frame(middle.begin(), middle.begin() + n), f));
 }
 
 TEST_F(FragmentCollectorTest, OutOfOrderFragmentsComeBackInOffsetOrderOnceComplete) {
     FragmentCollector collector({}, clock);
-    const Nat::Frame first = Ipv4Frame(kA, kB, 7, 0, true, 16, 1);
-    const Nat::Frame second = Ipv4Frame(kA, kB, 7, 16, true, 16, 2);
-    const Nat::Frame last = Ipv4Frame(kA, kB, 7, 32, false, 5, 3);
+    const Nat::Frame first = Ipv4Fragment(kA, kB, 7, 0, true, 16, 1);
+    const Nat::Frame second = Ipv4Fragment(kA, kB, 7, 16, true, 16, 2);
+    const Nat::Frame last = Ipv4Fragment(kA, kB, 7, 32, false, 5, 3);
 
     EXPECT_FALSE(Add(collector, last).complete);
     EXPECT_FALSE(Add(collector, first).complete);
@@ -78,10 +79,11 @@ TEST_F(FragmentCollectorTest, OutOfOrderFragmentsComeBackInOffsetOrderOnceComple
 
 TEST_F(FragmentCollectorTest, DatagramsAreKeptApartByAdapterDirectionAddressAndId) {
     FragmentCollector collector({}, clock);
-    const Nat::Frame head = Ipv4Frame(kA, kB, 7, 0, true, 16);
-    const Nat::Frame tail = Ipv4Frame(kA, kB, 7, 16, false, 4);
-    const Nat::Frame otherId = Ipv4Frame(kA, kB, 8, 16, false, 4);
-    const Nat::Frame otherSource = Ipv4Frame(kA, kB, 7, 16, false, 4, 0xAB, {10, 9, 9, 9});
+    const Nat::Frame head = Ipv4Fragment(kA, kB, 7, 0, true, 16);
+    const Nat::Frame tail = Ipv4Fragment(kA, kB, 7, 16, false, 4);
+    const Nat::Frame otherId = Ipv4Fragment(kA, kB, 8, 16, false, 4);
+    const Nat::Frame otherSource = FrameBuilder::Ipv4(17).EthDst(kA).EthSrc(kB).IpSrc({10, 9, 9, 9}).IpId(7)
+                                       .FragmentAt(16, false).Payload("abcd").Build();
 
     EXPECT_FALSE(Add(collector, head).complete);
     EXPECT_FALSE(Add(collector, tail, "other").complete);
@@ -99,19 +101,19 @@ TEST_F(FragmentCollectorTest, DatagramsAreKeptApartByAdapterDirectionAddressAndI
 
 TEST_F(FragmentCollectorTest, AHoleKeepsTheDatagramIncomplete) {
     FragmentCollector collector({}, clock);
-    EXPECT_FALSE(Add(collector, Ipv4Frame(kA, kB, 1, 0, true, 16)).complete);
-    EXPECT_FALSE(Add(collector, Ipv4Frame(kA, kB, 1, 24, false, 8)).complete);  // 16..24 missing
-    EXPECT_TRUE(Add(collector, Ipv4Frame(kA, kB, 1, 16, true, 8)).complete);
+    EXPECT_FALSE(Add(collector, Ipv4Fragment(kA, kB, 1, 0, true, 16)).complete);
+    EXPECT_FALSE(Add(collector, Ipv4Fragment(kA, kB, 1, 24, false, 8)).complete);  // 16..24 missing
+    EXPECT_TRUE(Add(collector, Ipv4Fragment(kA, kB, 1, 16, true, 8)).complete);
 }
 
 TEST_F(FragmentCollectorTest, StaleDatagramsAreGivenUpWhenTheNextFragmentArrives) {
     FragmentCollector collector({.timeoutMs = 5000}, clock);
-    const Nat::Frame stale = Ipv4Frame(kA, kB, 1, 0, true, 16);
+    const Nat::Frame stale = Ipv4Fragment(kA, kB, 1, 0, true, 16);
     Add(collector, stale, "g", true);
     now += 4999;
-    EXPECT_TRUE(Add(collector, Ipv4Frame(kA, kB, 2, 0, true, 16)).givenUp.empty());
+    EXPECT_TRUE(Add(collector, Ipv4Fragment(kA, kB, 2, 0, true, 16)).givenUp.empty());
     now += 1;
-    const auto result = Add(collector, Ipv4Frame(kA, kB, 3, 0, true, 16));
+    const auto result = Add(collector, Ipv4Fragment(kA, kB, 3, 0, true, 16));
     ASSERT_EQ(result.givenUp.size(), 1u);
     EXPECT_EQ(result.givenUp[0].guid, "g");
     EXPECT_TRUE(result.givenUp[0].isSend);
@@ -121,9 +123,9 @@ TEST_F(FragmentCollectorTest, StaleDatagramsAreGivenUpWhenTheNextFragmentArrives
     // The tick counter wraps; ages are unsigned differences.
     FragmentCollector wrapping({.timeoutMs = 5000}, clock);
     now = 0xFFFFFF00u;
-    Add(wrapping, Ipv4Frame(kA, kB, 1, 0, true, 16));
+    Add(wrapping, Ipv4Fragment(kA, kB, 1, 0, true, 16));
     now = 0x100u;  // 512 ms later
-    EXPECT_TRUE(Add(wrapping, Ipv4Frame(kA, kB, 2, 0, true, 16)).givenUp.empty());
+    EXPECT_TRUE(Add(wrapping, Ipv4Fragment(kA, kB, 2, 0, true, 16)).givenUp.empty());
 }
 
 TEST_F(FragmentCollectorTest, AFloodStaysWithinBoundsAndGivesUpTheOldestFirst) {
@@ -132,7 +134,7 @@ TEST_F(FragmentCollectorTest, AFloodStaysWithinBoundsAndGivesUpTheOldestFirst) {
     std::vector<uint16_t> givenUpIds;
     for (uint16_t id = 0; id < 200; ++id) {
         for (uint32_t part = 0; part < 2; ++part) {
-            const auto result = Add(collector, Ipv4Frame(kA, kB, id, part * 8, true, 8));
+            const auto result = Add(collector, Ipv4Fragment(kA, kB, id, part * 8, true, 8));
             for (const auto& given : result.givenUp) {
                 givenUpFragments += given.fragments.size();
                 FragmentFields f;
@@ -151,7 +153,7 @@ TEST_F(FragmentCollectorTest, AFloodStaysWithinBoundsAndGivesUpTheOldestFirst) {
     // One datagram larger than the fragment budget is given up as a whole.
     FragmentCollector small({.timeoutMs = 5000, .maxDatagrams = 4, .maxFragments = 3}, clock);
     FragmentCollector::Result last;
-    for (uint32_t part = 0; part < 4; ++part) last = Add(small, Ipv4Frame(kA, kB, 9, part * 8, true, 8));
+    for (uint32_t part = 0; part < 4; ++part) last = Add(small, Ipv4Fragment(kA, kB, 9, part * 8, true, 8));
     ASSERT_EQ(last.givenUp.size(), 1u);
     EXPECT_EQ(last.givenUp[0].fragments.size(), 4u);
     EXPECT_EQ(small.FragmentCount(), 0u);

@@ -5,22 +5,20 @@
 #include <stdexcept>
 
 #include "FilterDriver/FilterDriversPublisher.h"
-#include "FilterDriver/LogCapture.h"
-#include "FilterDriver/TestFrames.h"
 #include "Packet/NatException.h"
-#include "support/InMemoryFilterDriverApi.h"
+#include "support/FrameBuilder.h"
+#include "support/LogCapture.h"
+#include "support/RecordingSubscriber.h"
 
 namespace NativeNetworkDriver {
 namespace {
 
-using Testing::EthernetFrame;
+using ndtest::EthernetFrame;
+using ndtest::Ipv4Fragment;
 using Testing::Guid;
 using Testing::InMemoryNetwork;
-using Testing::Ipv4Frame;
 using Testing::kBroadcastMac;
-using Testing::Marker;
 using Testing::RecordingSubscriber;
-using Testing::WithoutMarkers;
 
 const Nat::MacAddress kMacA{0x02, 0, 0, 0, 0, 0x0A};
 const Nat::MacAddress kMacB{0x02, 0, 0, 0, 0, 0x0B};
@@ -37,23 +35,16 @@ protected:
     }
     ~PublisherTest() override { publisher.reset(); }
 
-    // Waits until everything captured on the adapter before this call has been dispatched:
-    // a marker sent by the stack goes out on the wire once its turn comes.
-    void Settle(const std::string& guid) {
-        const Nat::Frame marker = Marker(kPeer, kMacA, ++serial);
-        ASSERT_TRUE(network->InjectFromStack(guid, marker));
-        ASSERT_TRUE(network->WaitForFrameOnWire(guid, marker));
-    }
-    std::vector<Nat::Frame> Wire(const std::string& guid) { return WithoutMarkers(network->SentToWire(guid)); }
+    void Settle(const std::string& guid) { ASSERT_TRUE(network->Settle(guid)); }
+    std::vector<Nat::Frame> Wire(const std::string& guid) { return network->SentToWire(guid); }
     std::vector<Nat::Frame> Stack(const std::string& guid) { return network->SentToStack(guid); }
 
-    Testing::LogCapture log;
+    ndtest::LogCapture log;
     std::shared_ptr<InMemoryNetwork> network;
     InMemoryNetwork::FactoryGuard guard;
     std::string guidA = Guid(1);
     std::string guidB = Guid(2);
     std::unique_ptr<FilterDriversPublisher> publisher;
-    uint8_t serial = 0;
 };
 
 TEST_F(PublisherTest, GroupFramesGoOnOnceWhetherOrNotASubscriberTakesThem) {
@@ -113,7 +104,7 @@ TEST_F(PublisherTest, SubscribersAreAskedInOrderUntilOneConsumes) {
     ASSERT_TRUE(publisher->Register(&first, {guidA}));
     ASSERT_TRUE(publisher->Register(&second, {guidA}));
     ASSERT_TRUE(publisher->Register(&third, {guidA}));
-    EXPECT_EQ(network->TunnelEntries(guidA), 1);
+    EXPECT_EQ(network->State(guidA).tunnelEntries, 1);
 
     const Nat::Frame taken = EthernetFrame(kMacA, kPeer, 0x0800, 46, 0xEE);
     const Nat::Frame left = EthernetFrame(kMacA, kPeer, 0x0800, 46, 0x11);
@@ -132,7 +123,7 @@ TEST_F(PublisherTest, AnAdapterIsOpenWhileAnyoneSubscribes) {
     RecordingSubscriber one, two;
     ASSERT_TRUE(publisher->Register(&one, {guidA, ""}));
     ASSERT_TRUE(publisher->Register(&two, {guidA, guidB}));
-    EXPECT_EQ(network->TunnelEntries(guidA), 1);
+    EXPECT_EQ(network->State(guidA).tunnelEntries, 1);
     EXPECT_EQ(network->AdapterMode(guidA), 0x43u);
     EXPECT_EQ(network->AdapterMode(guidB), 0x43u);
 
@@ -151,7 +142,7 @@ TEST_F(PublisherTest, AnAdapterIsOpenWhileAnyoneSubscribes) {
     EXPECT_EQ(network->AdapterMode(guidA), 0x43u);
     publisher->Unregister(&one);
     EXPECT_EQ(network->AdapterMode(guidA), 0u);
-    EXPECT_EQ(network->TunnelEntries(guidA), 2);
+    EXPECT_EQ(network->State(guidA).tunnelEntries, 2);
     EXPECT_EQ(network->OpenAdapterEvents(), 0);
 }
 
@@ -196,16 +187,16 @@ TEST_F(PublisherTest, FragmentedDatagramsAreOfferedWholeAndPassedOnInOrder) {
     RecordingSubscriber subscriber;
     subscriber.consume = [](const Nat::Frame& f) { return f[14 + 20] == 0xCC; };
     ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
-    const Nat::Frame first = Ipv4Frame(kMacA, kPeer, 41, 0, true, 24, 0x01);
-    const Nat::Frame second = Ipv4Frame(kMacA, kPeer, 41, 24, true, 24, 0x02);
-    const Nat::Frame last = Ipv4Frame(kMacA, kPeer, 41, 48, false, 10, 0x03);
+    const Nat::Frame first = Ipv4Fragment(kMacA, kPeer, 41, 0, true, 24, 0x01);
+    const Nat::Frame second = Ipv4Fragment(kMacA, kPeer, 41, 24, true, 24, 0x02);
+    const Nat::Frame last = Ipv4Fragment(kMacA, kPeer, 41, 48, false, 10, 0x03);
     network->InjectFromWire(guidA, second);
     network->InjectFromWire(guidA, last);
     network->InjectFromWire(guidA, first);
 
     // Consumed by the subscriber: the whole datagram stops.
-    const Nat::Frame takenHead = Ipv4Frame(kPeer, kMacA, 42, 0, true, 8, 0xCC);
-    const Nat::Frame takenTail = Ipv4Frame(kPeer, kMacA, 42, 8, false, 8, 0x04);
+    const Nat::Frame takenHead = Ipv4Fragment(kPeer, kMacA, 42, 0, true, 8, 0xCC);
+    const Nat::Frame takenTail = Ipv4Fragment(kPeer, kMacA, 42, 8, false, 8, 0x04);
     network->InjectFromStack(guidA, takenTail);
     network->InjectFromStack(guidA, takenHead);
     Settle(guidA);
@@ -224,9 +215,9 @@ TEST_F(PublisherTest, FragmentsGivenUpUnderPressureStillGoOn) {
     RecordingSubscriber subscriber;
     ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
     // One more incomplete datagram than the collector holds: the oldest is given up.
-    const Nat::Frame oldest = Ipv4Frame(kMacA, kPeer, 0, 0, true, 8);
+    const Nat::Frame oldest = Ipv4Fragment(kMacA, kPeer, 0, 0, true, 8);
     network->InjectFromWire(guidA, oldest);
-    for (uint16_t id = 1; id <= 64; ++id) network->InjectFromWire(guidA, Ipv4Frame(kMacA, kPeer, id, 0, true, 8));
+    for (uint16_t id = 1; id <= 64; ++id) network->InjectFromWire(guidA, Ipv4Fragment(kMacA, kPeer, id, 0, true, 8));
     Settle(guidA);
     EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{oldest});
     EXPECT_TRUE(subscriber.Offers().empty());
@@ -253,27 +244,16 @@ TEST_F(PublisherTest, GroupFramesAreNotHeldBackByABusySubscriber) {
     EXPECT_EQ(Stack(guidA).size(), 2u);
 }
 
-// Like the ARP cache: hands a held frame back through Dispatch from inside a callback.
-class Redispatcher : public RecordingSubscriber {
-public:
-    explicit Redispatcher(FilterDriversPublisher& publisher) : publisher_(publisher) {}
-    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
-        RecordingSubscriber::OnReceivedFrame(frame, guid);
-        if (frame.size() > 14 && frame[14] == 0x0A) {
-            Nat::Frame released = frame;
-            released[14] = 0x0B;
-            publisher_.Dispatch(QueuedFrame{released, false, guid});
-            return true;
-        }
-        return false;
-    }
-
-private:
-    FilterDriversPublisher& publisher_;
-};
-
 TEST_F(PublisherTest, ASubscriberMayDispatchAgainFromItsCallback) {
-    Redispatcher subscriber(*publisher);
+    // Like the ARP cache: hands a held frame back through Dispatch from inside a callback.
+    RecordingSubscriber subscriber;
+    subscriber.consume = [&](const Nat::Frame& frame) {
+        if (frame[14] != 0x0A) return false;
+        Nat::Frame released = frame;
+        released[14] = 0x0B;
+        publisher->Dispatch(QueuedFrame{released, false, guidA});
+        return true;
+    };
     ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
     network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46, 0x0A));
     Settle(guidA);
@@ -287,17 +267,12 @@ TEST_F(PublisherTest, ASubscriberMayDispatchAgainFromItsCallback) {
     EXPECT_TRUE(network->SentToStack(guidB).empty());
 }
 
-class Thrower : public RecordingSubscriber {
-public:
-    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
-        RecordingSubscriber::OnReceivedFrame(frame, guid);
+TEST_F(PublisherTest, ASubscribersErrorCostsOnlyItsFrame) {
+    RecordingSubscriber subscriber;
+    subscriber.consume = [](const Nat::Frame& frame) {
         if (frame[14] == 0xEE) throw Nat::Exception("bad frame");
         return false;
-    }
-};
-
-TEST_F(PublisherTest, ASubscribersErrorCostsOnlyItsFrame) {
-    Thrower subscriber;
+    };
     ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
     network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46, 0xEE));
     const Nat::Frame next = EthernetFrame(kMacA, kPeer, 0x0800, 46, 0x01);

@@ -2,7 +2,8 @@
 // the proxy; each internal adapter gets its own mapping.
 #include <gtest/gtest.h>
 
-#include "NatTestSupport.h"
+#include "Nat/InternetConnectionSharing.h"
+#include "support/NatRig.h"
 
 using namespace NatTest;
 
@@ -18,10 +19,10 @@ struct IcsRig {
               std::move(proxy), {}, &arp, [this] { return now; }) {}
 
     static Nat::AdapterInfo Second() {
-        return {"int1", "Second", B(Mac(0x05)), {{B(Ip(192, 168, 2, 1)), {255, 255, 255, 0}}}, {}, {}};
+        return {"int1", "Second", ToBytes(Mac(0x05)), {{ToBytes(Ip(192, 168, 2, 1)), {255, 255, 255, 0}}}, {}, {}};
     }
-    uint32_t Classify(const Ipv4Address& dst, uint32_t port, const MacAddress& dstMac = Mac(0x01)) {
-        return ics.ClassifyInternalPacket(17, Net::HostMac(), dstMac, Net::HostIp(), dst, 50000, port);
+    uint32_t Classify(const Ipv4Address& dst, uint32_t port, const MacAddress& dstMac = kIntMac) {
+        return ics.ClassifyInternalPacket(17, kHostMac, dstMac, kHostIp, dst, 50000, port);
     }
 };
 
@@ -38,13 +39,13 @@ TEST(Ics, PrivateDestinationsAreLeftAloneExceptNameLookups) {
     EXPECT_EQ(rig.Classify(Ip(172, 15, 0, 1), 80), 1u);
     EXPECT_EQ(rig.Classify(Ip(172, 32, 0, 1), 80), 1u);
     EXPECT_EQ(rig.Classify(Ip(192, 169, 0, 1), 80), 1u);
-    EXPECT_EQ(rig.ics.ClassifyExternalPacket(6, Mac(0x02), Net::FarIp(), 80, 5000), 0u);
+    EXPECT_EQ(rig.ics.ClassifyExternalPacket(6, kExtMac, kFarIp, 80, 5000), 0u);
     EXPECT_TRUE(rig.ics.Rules().empty());
     EXPECT_FALSE(rig.ics.FtpEnabled());
 }
 
 TEST(Ics, ProxyOnAPrivateAddressIsShared) {
-    IcsRig rig(Nat::ProxyInfo{true, B(Mac(0x55)), B(Ip(10, 9, 9, 9)), 8080});
+    IcsRig rig(Nat::ProxyInfo{true, ToBytes(Mac(0x55)), ToBytes(Ip(10, 9, 9, 9)), 8080});
     EXPECT_EQ(rig.Classify(Ip(10, 9, 9, 9), 8080), 1u);
     EXPECT_EQ(rig.Classify(Ip(10, 9, 9, 9), 8081), 0u);
 }
@@ -56,8 +57,8 @@ TEST(Ics, EachInternalAdapterGetsItsRepliesBack) {
     EXPECT_EQ(rig.ics.Mappings()[1].internal.id, "int1");
 
     const MacAddress secondHost = Mac(0x41);
-    Frame a = Udp({Net::HostMac(), Mac(0x01), Net::HostIp(), Net::FarIp(), 50000, 53, "a"});
-    Frame b = Udp({secondHost, Mac(0x05), Ip(192, 168, 2, 10), Net::FarIp(), 50000, 53, "b"});
+    Frame a = Udp({kHostMac, kIntMac, kHostIp, kFarIp, 50000, 53, "a"});
+    Frame b = Udp({secondHost, Mac(0x05), Ip(192, 168, 2, 10), kFarIp, 50000, 53, "b"});
     for (Frame* f : {&a, &b}) {
         Fields in = Parse(*f);
         ASSERT_EQ(rig.ics.ClassifyInternalPacket(17, in.srcMac, in.dstMac, in.srcIp, in.dstIp, in.srcPort, in.dstPort),
@@ -67,8 +68,8 @@ TEST(Ics, EachInternalAdapterGetsItsRepliesBack) {
     EXPECT_EQ(Parse(a).srcPort, 6000);
     EXPECT_EQ(Parse(b).srcPort, 6001);
 
-    Frame reply = Udp({Net::GatewayMac(), Mac(0x02), Net::FarIp(), Ip(10, 0, 0, 2), 53, 6001, "r"});
-    ASSERT_EQ(rig.ics.ClassifyExternalPacket(17, Mac(0x02), Net::FarIp(), 53, 6001), 1u);
+    Frame reply = Udp({kGatewayMac, kExtMac, kFarIp, kExtIp, 53, 6001, "r"});
+    ASSERT_EQ(rig.ics.ClassifyExternalPacket(17, kExtMac, kFarIp, 53, 6001), 1u);
     EXPECT_EQ(rig.ics.TranslateExternalToInternal(1, reply, "ext0").id, "int1");
-    EXPECT_EQ(reply, Udp({Mac(0x05), secondHost, Net::FarIp(), Ip(192, 168, 2, 10), 53, 50000, "r"}));
+    EXPECT_EQ(reply, Udp({Mac(0x05), secondHost, kFarIp, Ip(192, 168, 2, 10), 53, 50000, "r"}));
 }

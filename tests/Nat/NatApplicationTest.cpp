@@ -3,17 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "Nat/ApplicationLayer.h"
-#include "NatTestSupport.h"
+#include "support/NatRig.h"
 
 using namespace NatTest;
 namespace App = Nat::ApplicationLayer;
 
 namespace {
 
-const MacAddress kExtMac = Mac(0x02);
-const MacAddress kSrvMac = Mac(0x03);
-const Ipv4Address kExtIp = Ip(10, 0, 0, 2);
-const Ipv4Address kSrvSideIp = Ip(172, 20, 0, 1);
 
 std::string Apply(const std::string& payload, const std::optional<App::Edit>& edit) {
     if (!edit) return payload;
@@ -21,7 +17,7 @@ std::string Apply(const std::string& payload, const std::optional<App::Edit>& ed
 }
 
 std::optional<App::Edit> HostEdit(const std::string& payload, uint32_t port) {
-    return App::HostFieldEdit(reinterpret_cast<const uint8_t*>(payload.data()), payload.size(), Net::ServerIp(), port);
+    return App::HostFieldEdit(reinterpret_cast<const uint8_t*>(payload.data()), payload.size(), kServerIp, port);
 }
 
 template <typename Parser>
@@ -32,24 +28,24 @@ auto ParseText(Parser parser, const std::string& text) {
 // A client out on the far side talking to the published server.
 struct Conversation {
     Rig& rig;
-    Ipv4Address client = Net::FarIp();
+    Ipv4Address client = kFarIp;
     uint16_t clientPort = 40000;
     uint16_t published = 8080;
-    Ipv4Address serverSees = Net::FarIp();  // the peer address the server is shown
+    Ipv4Address serverSees = kFarIp;  // the peer address the server is shown
     uint16_t serverSeesPort = 40000;
     uint16_t serverPort = 80;
 
     Fields FromClient(uint32_t seq, uint32_t ack, uint8_t flags, const std::string& payload = {}) {
-        Frame f = Tcp({Net::GatewayMac(), kExtMac, client, kExtIp, clientPort, published, seq, ack, flags, payload});
+        Frame f = Tcp({kGatewayMac, kExtMac, client, kExtIp, clientPort, published, seq, ack, flags, payload});
         EXPECT_EQ(rig.In(f), 2u);
-        EXPECT_TRUE(IpChecksumOk(f) && TransportChecksumOk(f));
+        EXPECT_TRUE(IpChecksumValid(f) && TransportChecksumValid(f));
         return Parse(f);
     }
     Fields FromServer(uint32_t seq, uint32_t ack, uint8_t flags, const std::string& payload = {}) {
-        Frame f = Tcp({Net::ServerMac(), kSrvMac, Net::ServerIp(), serverSees, serverPort, serverSeesPort, seq, ack,
+        Frame f = Tcp({kServerMac, kSrvMac, kServerIp, serverSees, serverPort, serverSeesPort, seq, ack,
                        flags, payload});
         EXPECT_EQ(rig.Out(f, "srv0"), 2u);
-        EXPECT_TRUE(IpChecksumOk(f) && TransportChecksumOk(f));
+        EXPECT_TRUE(IpChecksumValid(f) && TransportChecksumValid(f));
         return Parse(f);
     }
 };
@@ -70,7 +66,7 @@ TEST(NatHttp, RewrittenRequestsKeepBothEndsSequenceNumbersConsistent) {
     Nat::RedirectRule rule = Rule(6, 8080, 80, false);
     rule.httpHostTranslation = true;
     Rig rig({rule});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     Conversation c{rig};
 
     c.FromClient(1000, 0, kSyn);
@@ -107,7 +103,7 @@ TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
     Nat::RedirectRule rule = Rule(6, 8080, 8081, false);
     rule.httpHostTranslation = true;
     Rig rig({rule});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     Conversation c{rig};
     c.serverPort = 8081;
     const std::string head = "GET / HTTP/1.1\r\nHost: 1.2.3.4\r\n";
@@ -124,7 +120,7 @@ TEST(NatFtp, PassiveAndActiveCommandsParse) {
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->port, 5001);
     EXPECT_EQ(reply->address, Ip(192, 168, 1, 20));
-    EXPECT_EQ(App::PassiveReplyText(*reply, Ip(10, 0, 0, 2), 5000), "10,0,0,2,19,136");
+    EXPECT_EQ(App::PassiveReplyText(*reply, kExtIp, 5000), "10,0,0,2,19,136");
     auto extended = ParseText(App::ParsePassiveReply, "229 Entering Extended Passive Mode (|||6446|)\r\n");
     ASSERT_TRUE(extended);
     EXPECT_EQ(extended->port, 6446);
@@ -141,7 +137,7 @@ TEST(NatFtp, PassiveAndActiveCommandsParse) {
     EXPECT_EQ(App::PortCommandText(*port, kSrvSideIp, 5001), "172,20,0,1,19,137");
     auto eprt = ParseText(App::ParsePortCommand, "EPRT |1|93.184.216.34|40000|\r\n");
     ASSERT_TRUE(eprt);
-    EXPECT_EQ(eprt->address, Net::FarIp());
+    EXPECT_EQ(eprt->address, kFarIp);
     EXPECT_EQ(App::PortCommandText(*eprt, kSrvSideIp, 5001), "|1|172.20.0.1|5001|");
     EXPECT_FALSE(ParseText(App::ParsePortCommand, "EPRT |2|::1|40000|\r\n"));
     EXPECT_FALSE(ParseText(App::ParsePortCommand, "PORT 93,184,216,34,156,64"));  // line not complete
@@ -152,7 +148,7 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     Nat::RedirectRule rule = Rule(6, 21, 21, false);
     rule.ftpSupport = true;
     Rig rig({rule});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     Conversation control{rig};
     control.published = 21;
     control.serverPort = 21;
@@ -178,9 +174,9 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     data.serverSeesPort = 40001;
     data.serverPort = 5001;
     Fields syn = data.FromClient(1, 0, kSyn);
-    EXPECT_EQ(syn.dstIp, Net::ServerIp());
+    EXPECT_EQ(syn.dstIp, kServerIp);
     EXPECT_EQ(syn.dstPort, 5001);
-    EXPECT_EQ(syn.srcIp, Net::FarIp());
+    EXPECT_EQ(syn.srcIp, kFarIp);
     EXPECT_EQ(data.FromServer(9, 2, kSyn | kAck).srcPort, 5000);
     EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Ip(8, 8, 8, 8), 40001, 5000), 0u);  // not the client
 
@@ -196,9 +192,9 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     // The temporary rule lives 30 s past its last match, then its port returns.
     data.FromClient(2, 10, kRst);
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40002, 5000), 2u);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40002, 5000), 2u);
     rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40002, 5000), 0u);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40002, 5000), 0u);
     EXPECT_EQ(rig.nat->Rules().size(), 1u);
     EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
 }
@@ -207,7 +203,7 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
     Nat::RedirectRule rule = Rule(6, 21, 21, true);
     rule.ftpSupport = true;
     Rig rig({rule});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     Conversation control{rig};
     control.published = 21;
     control.serverPort = 21;
@@ -225,16 +221,16 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
     EXPECT_EQ(control.FromClient(101 + commandLen, 7001, kAck | kPsh, "LIST\r\n").seq, 101 + commandLen - 3);
 
     // The server connects from its data port to the address it was given.
-    Frame dataSyn = Tcp({Net::ServerMac(), kSrvMac, Net::ServerIp(), kSrvSideIp, 20, 5001, 300, 0, kSyn});
+    Frame dataSyn = Tcp({kServerMac, kSrvMac, kServerIp, kSrvSideIp, 20, 5001, 300, 0, kSyn});
     ASSERT_EQ(rig.Out(dataSyn, "srv0"), 2u);
     EXPECT_EQ(rig.lastAdapter->id, "ext0");
-    EXPECT_EQ(dataSyn, Tcp({kExtMac, Net::GatewayMac(), kExtIp, Net::FarIp(), 5001, 40001, 300, 0, kSyn}));
+    EXPECT_EQ(dataSyn, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, 5001, 40001, 300, 0, kSyn}));
 
-    Frame dataSynAck = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 40001, 5001, 800, 301, kSyn | kAck});
+    Frame dataSynAck = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 40001, 5001, 800, 301, kSyn | kAck});
     ASSERT_EQ(rig.In(dataSynAck), 2u);
     EXPECT_EQ(rig.lastAdapter->id, "srv0");
     EXPECT_EQ(dataSynAck,
-              Tcp({kSrvMac, Net::ServerMac(), kSrvSideIp, Net::ServerIp(), 5001, 20, 800, 301, kSyn | kAck}));
+              Tcp({kSrvMac, kServerMac, kSrvSideIp, kServerIp, 5001, 20, 800, 301, kSyn | kAck}));
 }
 
 // Two rules publish the same server, one of them translating the source. A passive data
@@ -246,7 +242,7 @@ TEST(NatFtp, PassiveDataConnectionIsTranslatedLikeItsControlConnection) {
     Nat::RedirectRule translated = Rule(6, 2121, 21, true);
     translated.ftpSupport = true;
     Rig rig({plain, translated});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     Conversation control{rig};
     control.published = 2121;
     control.serverPort = 21;
@@ -270,6 +266,6 @@ TEST(NatFtp, PassiveDataConnectionIsTranslatedLikeItsControlConnection) {
     EXPECT_EQ(syn.dstPort, 40000);
     Fields synAck = data.FromServer(9, 2, kSyn | kAck);
     EXPECT_EQ(synAck.srcPort, 5001);
-    EXPECT_EQ(synAck.dstIp, Net::FarIp());
+    EXPECT_EQ(synAck.dstIp, kFarIp);
     EXPECT_EQ(synAck.dstPort, 40001);
 }

@@ -4,33 +4,20 @@
 #include <algorithm>
 #include <random>
 
-#include "NatTestSupport.h"
-#include "Packet/NatException.h"
+#include "support/NatRig.h"
 
 using namespace NatTest;
 
 namespace {
 
-const MacAddress kIntMac = Mac(0x01);
-const MacAddress kExtMac = Mac(0x02);
-const Ipv4Address kExtIp = Ip(10, 0, 0, 2);
 
-Frame HostSyn(uint16_t srcPort, const Ipv4Address& dst = Net::FarIp(), uint16_t dstPort = 80) {
-    return Tcp({Net::HostMac(), kIntMac, Net::HostIp(), dst, srcPort, dstPort, 1, 0, kSyn});
+Frame HostSyn(uint16_t srcPort, const Ipv4Address& dst = kFarIp, uint16_t dstPort = 80) {
+    return Tcp({kHostMac, kIntMac, kHostIp, dst, srcPort, dstPort, 1, 0, kSyn});
 }
 
-Frame ReplyTo(uint16_t externalPort, uint8_t flags = kAck, const Ipv4Address& from = Net::FarIp(),
+Frame ReplyTo(uint16_t externalPort, uint8_t flags = kAck, const Ipv4Address& from = kFarIp,
               uint16_t fromPort = 80) {
-    return Tcp({Net::GatewayMac(), kExtMac, from, kExtIp, fromPort, externalPort, 1, 2, flags});
-}
-
-std::string ThrownText(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Nat::Exception& e) {
-        return e.Message();
-    }
-    return "<nothing thrown>";
+    return Tcp({kGatewayMac, kExtMac, from, kExtIp, fromPort, externalPort, 1, 2, flags});
 }
 
 void ExpectEveryPortOnce(Nat::NatTable& table, std::vector<uint32_t> pool) {
@@ -43,7 +30,7 @@ void ExpectEveryPortOnce(Nat::NatTable& table, std::vector<uint32_t> pool) {
 }  // namespace
 
 TEST(NatKeys, OffsetsTakeNoPartInKeysAndEntriesPrintInOneLine) {
-    Nat::ExternalKey a{5000, kExtMac, Net::FarIp(), 80, 0, 0};
+    Nat::ExternalKey a{5000, kExtMac, kFarIp, 80, 0, 0};
     Nat::ExternalKey b = a;
     b.sequenceOffset = 7;
     b.acknowledgmentOffset = -7;
@@ -55,7 +42,7 @@ TEST(NatKeys, OffsetsTakeNoPartInKeysAndEntriesPrintInOneLine) {
     // Ordered by external port before remote port.
     EXPECT_TRUE((Nat::ExternalKey{1, Mac(9), Ip(9, 9, 9, 9), 9, 0, 0}) < (Nat::ExternalKey{2, Mac(0), Ip(0, 0, 0, 0), 0, 0, 0}));
 
-    Nat::InternalKey internal{Net::HostMac(), Net::HostIp(), 40000, Mac(0x01), Net::FarIp(), 80, 0, 0};
+    Nat::InternalKey internal{kHostMac, kHostIp, 40000, kIntMac, kFarIp, 80, 0, 0};
     EXPECT_EQ(Nat::EntryText(internal, a),
               "InternalHost  02::00::00::00::00::11 192.168.1.10 40000 InternalAdapterMac 02::00::00::00::00::01 "
               "Destination 93.184.216.34 80 External 5000 02::00::00::00::00::02 Remote 93.184.216.34 80");
@@ -80,18 +67,18 @@ TEST(NatPorts, PortsAreTakenFromTheFrontAndFreedToTheBack) {
 
     // A second frame of a known flow takes no port.
     Frame again = HostSyn(40002);
-    EXPECT_EQ(ThrownText([&] { rig.Out(again); }), "<nothing thrown>");
+    EXPECT_EQ(Thrown([&] { rig.Out(again); }), "<nothing thrown>");
     EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 0u);
 }
 
 TEST(NatPorts, ExhaustedPoolRecoversThroughASweepInKeyOrder) {
     Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 2), Rig::Ports(6000, 2), 60000);
-    Frame a = HostSyn(40000, Net::FarIp(), 443), b = HostSyn(40001, Net::FarIp(), 80);
+    Frame a = HostSyn(40000, kFarIp, 443), b = HostSyn(40001, kFarIp, 80);
     rig.Out(a);
     rig.now += 10;
     rig.Out(b);
     Frame c = HostSyn(40002);
-    EXPECT_EQ(ThrownText([&] { rig.Out(c); }), "There are no port available");
+    EXPECT_EQ(Thrown([&] { rig.Out(c); }), "There are no port available");
     EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 2u);
 
     rig.now += 60000;  // both idle for the timeout now
@@ -112,7 +99,7 @@ TEST(NatLifetime, InboundTimeoutBoundaryAndOutboundRefresh) {
 
     rig.now += 60000;
     Frame late = ReplyTo(5000);
-    EXPECT_EQ(ThrownText([&] { rig.In(late); }),
+    EXPECT_EQ(Thrown([&] { rig.In(late); }),
               "Internal host info timeout exceeded for remoteIP: 93.184.216.34 remotePort: 80 externalPort: 5000. "
               "The packet will be discarded");
     EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 0u);
@@ -134,23 +121,23 @@ TEST(NatLifetime, InboundTimeoutBoundaryAndOutboundRefresh) {
 
 TEST(NatLifetime, RuleEntriesExpireOnTheWayOutAndNewRuleEntriesSweep) {
     Rig rig({Rule(6, 8080, 80, false)}, {Rig::DefaultMapping()});
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     Frame snat = HostSyn(40000);
     rig.Out(snat);
-    Frame syn = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 33000, 8080, 1, 0, kSyn});
+    Frame syn = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 33000, 8080, 1, 0, kSyn});
     ASSERT_EQ(rig.In(syn), 2u);
     rig.now += 60000;
-    Frame reply = Tcp({Net::ServerMac(), Mac(0x03), Net::ServerIp(), Net::FarIp(), 80, 33000, 5, 2, kSyn | kAck});
-    EXPECT_EQ(rig.nat->ClassifyInternalPacket(6, Net::ServerMac(), Mac(0x03), Net::ServerIp(), Net::FarIp(), 80, 33000),
+    Frame reply = Tcp({kServerMac, kSrvMac, kServerIp, kFarIp, 80, 33000, 5, 2, kSyn | kAck});
+    EXPECT_EQ(rig.nat->ClassifyInternalPacket(6, kServerMac, kSrvMac, kServerIp, kFarIp, 80, 33000),
               2u);
-    EXPECT_EQ(ThrownText([&] { rig.nat->TranslateInternalToExternal(2, reply, "srv0"); }),
+    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(2, reply, "srv0"); }),
               "Internal host info timeout exceeded for remoteIP: 93.184.216.34 remotePort: 33000 externalPort: 8080. "
               "The packet will be discarded");
     EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 1u);  // the idle SNAT entry is still there
 
     rig.now += 60001;  // 120001 ms since the last sweep: a new rule entry sweeps first
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
-    Frame syn2 = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 33001, 8080, 1, 0, kSyn});
+    rig.Learn(kServerIp, kServerMac);
+    Frame syn2 = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 33001, 8080, 1, 0, kSyn});
     ASSERT_EQ(rig.In(syn2), 2u);
     EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 1u);
     EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 8u);
@@ -166,11 +153,11 @@ TEST(NatLifetime, TemporaryRuleLivesThirtySecondsAfterItsLastMatch) {
                                                               std::vector<Nat::AdapterMapping>{}, Nat::ProxyInfo{},
                                                               std::vector<Bytes>{}, &rig.arp, [&rig] { return rig.now; });
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40000, 5100), 2u);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40000, 5100), 2u);
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40000, 5100), 2u);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40000, 5100), 2u);
     rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Net::FarIp(), 40000, 5100), 0u);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40000, 5100), 0u);
     EXPECT_TRUE(rig.nat->Rules().empty());
     EXPECT_EQ(rig.nat->TcpTable().FreePorts(), (std::vector<uint32_t>{5000, 5001, 5100}));
 }
@@ -178,15 +165,15 @@ TEST(NatLifetime, TemporaryRuleLivesThirtySecondsAfterItsLastMatch) {
 TEST(NatLifetime, ManyNewFlowsAgainstASmallPoolLoseNoPort) {
     const std::vector<uint32_t> pool = Rig::Ports(7000, 16);
     Rig rig({Rule(6, 8080, 80, true)}, {Rig::DefaultMapping()}, pool, Rig::Ports(6000, 16), 1000);
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
+    rig.Learn(kServerIp, kServerMac);
     std::mt19937 random(7);
     size_t translated = 0, refused = 0;
     for (uint32_t i = 0; i < 65536; ++i) {
         rig.now += random() % 40;
-        if (i % 3 == 0) rig.Learn(Net::ServerIp(), Net::ServerMac());  // bindings age after 30 s
+        if (i % 3 == 0) rig.Learn(kServerIp, kServerMac);  // bindings age after 30 s
         const uint16_t port = static_cast<uint16_t>(1024 + i % 60000);
         const Ipv4Address far = Ip(93, 184, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i));
-        Frame frame = (i % 3 == 0) ? Tcp({Net::GatewayMac(), kExtMac, far, kExtIp, port, 8080, 1, 0, kSyn})
+        Frame frame = (i % 3 == 0) ? Tcp({kGatewayMac, kExtMac, far, kExtIp, port, 8080, 1, 0, kSyn})
                                    : HostSyn(port, far);
         try {
             if (i % 3 == 0) {
@@ -215,11 +202,11 @@ TEST(NatLifetime, ManyNewFlowsAgainstASmallPoolLoseNoPort) {
 
 TEST(NatHostileInput, TruncatedAndLyingFramesAreAnsweredOrRefused) {
     Rig rig({Rule(6, 8080, 80, true)}, {Rig::DefaultMapping()}, Rig::Ports(5000, 4), Rig::Ports(6000, 4), 1000);
-    rig.Learn(Net::ServerIp(), Net::ServerMac());
-    TcpSpec spec{Net::HostMac(), kIntMac, Net::HostIp(), Net::FarIp(), 40000, 80, 1, 0, kSyn | kAck, "payload"};
+    rig.Learn(kServerIp, kServerMac);
+    TcpSpec spec{kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 1, 0, kSyn | kAck, "payload"};
     spec.tcpOptions = {2, 4, 5, 180};
     const Frame good = Tcp(spec);
-    const Frame inbound = Tcp({Net::GatewayMac(), kExtMac, Net::FarIp(), kExtIp, 1234, 8080, 1, 0, kSyn, "x"});
+    const Frame inbound = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 1234, 8080, 1, 0, kSyn, "x"});
 
     auto drive = [&](Frame frame) {
         for (uint32_t kind : {1u, 2u}) {
@@ -263,7 +250,7 @@ TEST(NatHostileInput, TruncatedAndLyingFramesAreAnsweredOrRefused) {
         for (auto& byte : noise) byte = static_cast<uint8_t>(random());
         drive(noise);
     }
-    EXPECT_EQ(ThrownText([&] {
+    EXPECT_EQ(Thrown([&] {
                   Frame odd = good;
                   odd[14] = 0x44;
                   rig.nat->TranslateInternalToExternal(1, odd, "int0");

@@ -1,20 +1,12 @@
 #include <gtest/gtest.h>
 
 #include "NetworkDriver/Encoding.h"
+#include "support/Thrown.h"
 
 using namespace NativeNetworkDriver;
 
 namespace {
-
-std::string ErrorText(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no error";
-}
-
+const auto ErrorText = ndtest::Thrown<std::runtime_error>;
 }  // namespace
 
 TEST(Encoding, ValuesRoundTripAndConsumeExactlyTheirBytes) {

@@ -1,16 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
 #include "PacketTestHelpers.h"
-#include "support/InMemoryFilterDriverApi.h"
-#include "support/PacketLogCapture.h"
+#include "support/LogCapture.h"
+#include "support/RecordingSubscriber.h"
 
 using namespace ndtest;
 using NativeNetworkDriver::ArpCache;
@@ -27,43 +23,9 @@ const MacAddress kMacB = {0x02, 0, 0, 0, 0, 0x0B};
 const Ipv4Address kGateway = {192, 168, 1, 1};
 const MacAddress kGatewayMac = {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
 
-// Another session on the same adapters: sees what the cache lets through.
-class Recorder : public NativeNetworkDriver::IFilterDriversSubscriber {
-public:
-    struct Seen {
-        std::string guid;
-        Nat::FragmentList frames;
-        bool fragments;
-    };
-    bool OnSentFragments(const Nat::FragmentList&, const std::string&) override { return false; }
-    bool OnSentFrame(const Nat::Frame&, const std::string&) override { return false; }
-    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override {
-        Add({guid, fragments, true});
-        return true;
-    }
-    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
-        Add({guid, {frame}, false});
-        return true;
-    }
-    std::vector<Seen> Take() {
-        std::lock_guard lock(mutex_);
-        return std::exchange(seen_, {});
-    }
-    // Waits until `count` offers have been seen.
-    bool WaitFor(size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return seen_.size() >= count; });
-    }
-
-private:
-    void Add(Seen seen) {
-        std::lock_guard lock(mutex_);
-        seen_.push_back(std::move(seen));
-        changed_.notify_all();
-    }
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<Seen> seen_;
+// Another session on the same adapters: takes whatever the cache lets through.
+struct Recorder : NativeNetworkDriver::Testing::RecordingSubscriber {
+    Recorder() { consume = [](const Frame&) { return true; }; }
 };
 
 Frame ReplyFrom(const Ipv4Address& ip, const MacAddress& mac, const MacAddress& to) {
@@ -81,7 +43,7 @@ protected:
 
     void Offer(const std::string& guid, const Frame& frame) { publisher.Dispatch(QueuedFrame{frame, false, guid}); }
 
-    PacketLogCapture log{2};  // first in, last out: the publisher logs until it is gone
+    LogCapture log{2};  // first in, last out: the publisher logs until it is gone
     std::shared_ptr<InMemoryNetwork> network = InMemoryNetwork::Create();
     InMemoryNetwork::FactoryGuard guard = network->Install();
     FilterDriversPublisher publisher;
@@ -96,18 +58,18 @@ TEST_F(ArpCacheTest, WithoutPublisherTheCacheIsInert) {
     EXPECT_FALSE(cache.OnReceivedFrame(ReplyFrom(kGateway, kGatewayMac, kMacA), kGuidA));
     EXPECT_FALSE(cache.OnReceivedFrame(Frame(3), kGuidA));  // not even looked at
     EXPECT_FALSE(cache.OnSentFrame(Frame(3), kGuidA));
-    EXPECT_FALSE(log.Contains("Arp process"));
+    EXPECT_EQ(log.Text().find("Arp process"), std::string::npos);
 }
 
 TEST_F(ArpCacheTest, LogsItsStartAndRegistrations) {
     ArpCache cache(&publisher);
     ASSERT_NE(cache.GetArpTable(), nullptr);
-    EXPECT_EQ(log.CountLines("INFO", "Initializing Arp process"), 1);
-    EXPECT_EQ(log.CountLines("INFO", "Arp process successfully initialized"), 1);
+    EXPECT_EQ(log.Count("INFO;Initializing Arp process"), 1);
+    EXPECT_EQ(log.Count("INFO;Arp process successfully initialized"), 1);
     EXPECT_TRUE(cache.RegisterDrivers(&session1, {kGuidA, ""}));
-    EXPECT_EQ(log.CountLines("ERROR", "Successfully registered the drivers for Arp cache."), 1);
+    EXPECT_EQ(log.Count("ERROR;Successfully registered the drivers for Arp cache."), 1);
     EXPECT_FALSE(cache.RegisterDrivers(&session2, {"{no-such-adapter}"}));
-    EXPECT_EQ(log.CountLines("ERROR", "Unable to register the drivers for Arp cache."), 1);
+    EXPECT_EQ(log.Count("ERROR;Unable to register the drivers for Arp cache."), 1);
 }
 
 TEST_F(ArpCacheTest, LearnsFromRepliesOnlyAndNeverConsumes) {
@@ -166,7 +128,7 @@ TEST_F(ArpCacheTest, HeldDatagramComesBackAsItsFragments) {
     Offer(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA));
     const auto seen = other.Take();
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_TRUE(seen[0].fragments);
+    EXPECT_EQ(seen[0].kind, "receivedFragments");
     EXPECT_EQ(seen[0].frames, parts);  // collected again, in offset order
 }
 
@@ -206,7 +168,7 @@ TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
     ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
     cache.GetArpTable()->ResolveOrHold(kGateway, Outbound(7), kGuidA);
     ASSERT_TRUE(network->InjectFromWire(kGuidA, ReplyFrom(kGateway, kGatewayMac, kMacA)));
-    ASSERT_TRUE(other.WaitFor(2));
+    ASSERT_TRUE(other.WaitForOffers(2));
     const auto seen = other.Take();
     EXPECT_EQ(seen[0].frames[0], Outbound(7));
     EXPECT_EQ(seen[0].guid, kGuidA);

@@ -1,28 +1,8 @@
 #pragma once
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-
-#include "Packet/NatException.h"
 #include "support/FrameBuilder.h"
+#include "support/Thrown.h"
 
 namespace ndtest {
-
-// The message of the Nat::Exception that `action` throws; fails the test if it throws
-// nothing or something else.
-inline std::string ThrownMessage(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Nat::Exception& e) {
-        return e.Message();
-    } catch (...) {
-        ADD_FAILURE() << "threw something other than Nat::Exception";
-        return "<other exception>";
-    }
-    ADD_FAILURE() << "did not throw";
-    return "<no exception>";
-}
 
 // Two frames captured with tcpdump -xx on a veth pair with transmit checksum offload off,
 // so the kernel computed every checksum: 10.77.0.1:60868 -> 10.77.0.2:5353 UDP "hello kernel udp"

@@ -115,21 +115,21 @@ TEST(PacketFields, TcpFlagsAreReadOnlyFromTcpOverIpv4) {
     EXPECT_FALSE(pu::IsTcpAckFlagSet(Frame{}));
     EXPECT_FALSE(pu::IsTcpAckFlagSet(Frame(12, 0x08)));
     // A missing byte 13 reads as 0: this one looks like IPv4 and is too short for the protocol.
-    EXPECT_EQ(ThrownMessage([] { pu::IsTcpAckFlagSet(Frame(13, 0x08)); }),
+    EXPECT_EQ(Thrown([] { pu::IsTcpAckFlagSet(Frame(13, 0x08)); }),
               "Error getting IP protocol, unexpected packet size: 13");
     // TCP frame cut right before the flags: the one wording for all three.
     const Frame full = FrameBuilder::Tcp().Flags(kAck).Build();
     const Frame cut(full.begin(), full.begin() + 46);
-    EXPECT_EQ(ThrownMessage([&] { pu::IsTcpAckFlagSet(cut); }), "Error setting tcp RST flag, unexpected packet size: 46");
-    EXPECT_EQ(ThrownMessage([&] { pu::IsTcpFinFlagSet(cut); }), "Error setting tcp RST flag, unexpected packet size: 46");
+    EXPECT_EQ(Thrown([&] { pu::IsTcpAckFlagSet(cut); }), "Error setting tcp RST flag, unexpected packet size: 46");
+    EXPECT_EQ(Thrown([&] { pu::IsTcpFinFlagSet(cut); }), "Error setting tcp RST flag, unexpected packet size: 46");
 }
 
 TEST(PacketFields, TransportHeaderLengthRefusesOtherProtocols) {
-    EXPECT_EQ(ThrownMessage([] { pu::GetTransportHeaderLength(FrameBuilder::Arp().Build()); }),
+    EXPECT_EQ(Thrown([] { pu::GetTransportHeaderLength(FrameBuilder::Arp().Build()); }),
               "Error getting transport header length, unexpected protocol.");
-    EXPECT_EQ(ThrownMessage([] { pu::GetTransportHeaderLength(FrameBuilder::Ipv4(kProtoIcmp).Payload("ping").Build()); }),
+    EXPECT_EQ(Thrown([] { pu::GetTransportHeaderLength(FrameBuilder::Ipv4(kProtoIcmp).Payload("ping").Build()); }),
               std::string("Error getting transport header length, unexpected protocol: ") + '\x01');
-    EXPECT_EQ(ThrownMessage([] { pu::GetTransportHeaderLength(FrameBuilder::Ipv4(0x41).Payload("ping").Build()); }),
+    EXPECT_EQ(Thrown([] { pu::GetTransportHeaderLength(FrameBuilder::Ipv4(0x41).Payload("ping").Build()); }),
               "Error getting transport header length, unexpected protocol: A");
 }
 
@@ -148,24 +148,24 @@ TEST(PacketFields, ArpFieldsAndReplyRecognition) {
     EXPECT_FALSE(pu::IsArpReply(FrameBuilder::Arp().ArpOpcode(2).ArpProtocolType(0x86DD).Build()));
     EXPECT_FALSE(pu::IsArpReply(FrameBuilder::Arp().ArpOpcode(2).EtherType(0x0800).Build()));
     // The opcode is read first, so a 20-byte frame fails on it.
-    EXPECT_EQ(ThrownMessage([&] { pu::IsArpReply(Frame(reply.begin(), reply.begin() + 20)); }),
+    EXPECT_EQ(Thrown([&] { pu::IsArpReply(Frame(reply.begin(), reply.begin() + 20)); }),
               "Error getting ARP opcode, unexpected packet size: 20");
     // The sender IP needs 34 bytes, two more than its last byte.
-    EXPECT_EQ(ThrownMessage([&] { pu::GetArpSenderIpAddress(Frame(reply.begin(), reply.begin() + 33)); }),
+    EXPECT_EQ(Thrown([&] { pu::GetArpSenderIpAddress(Frame(reply.begin(), reply.begin() + 33)); }),
               "Error getting ARP sender IP address, unexpected packet size: 33");
 }
 
 TEST(PacketFields, ValueSizeIsCheckedBeforeFrameSize) {
     Frame tiny(3);
-    EXPECT_EQ(ThrownMessage([&] { pu::SetSourceMacAddress(tiny, Bytes(5)); }), "Unexpected MAC address value");
-    EXPECT_EQ(ThrownMessage([&] { pu::SetDestinationMacAddress(tiny, Bytes(7)); }), "Unexpected MAC address value");
-    EXPECT_EQ(ThrownMessage([&] { pu::SetSourceMacAddress(tiny, Bytes(6)); }),
+    EXPECT_EQ(Thrown([&] { pu::SetSourceMacAddress(tiny, Bytes(5)); }), "Unexpected MAC address value");
+    EXPECT_EQ(Thrown([&] { pu::SetDestinationMacAddress(tiny, Bytes(7)); }), "Unexpected MAC address value");
+    EXPECT_EQ(Thrown([&] { pu::SetSourceMacAddress(tiny, Bytes(6)); }),
               "Error setting source MAC address, unexpected packet size: 3");
-    EXPECT_EQ(ThrownMessage([&] { pu::SetSourceIpAddress(tiny, Bytes(16)); }),
+    EXPECT_EQ(Thrown([&] { pu::SetSourceIpAddress(tiny, Bytes(16)); }),
               "SetSourceIpAddress: unexpected IP address value, size: 16");
-    EXPECT_EQ(ThrownMessage([&] { pu::SetDestinationIpAddress(tiny, Bytes{}); }),
+    EXPECT_EQ(Thrown([&] { pu::SetDestinationIpAddress(tiny, Bytes{}); }),
               "SetDestinationIpAddress: unexpected IP address value, size: 0");
-    EXPECT_EQ(ThrownMessage([&] { pu::SetDestinationIpAddress(tiny, Bytes(4)); }),
+    EXPECT_EQ(Thrown([&] { pu::SetDestinationIpAddress(tiny, Bytes(4)); }),
               "Error setting destination IP address, unexpected packet size: 3");
     EXPECT_EQ(tiny, Frame(3));
 }
@@ -174,9 +174,9 @@ TEST(PacketText, IpStringConversions) {
     EXPECT_EQ(pu::FromVectorToIpString({192, 168, 0, 1}), "192.168.0.1");
     EXPECT_EQ(pu::FromVectorToIpString({0, 0, 0, 0}), "0.0.0.0");
     EXPECT_EQ(pu::FromVectorToIpString({255, 10, 100, 7}), "255.10.100.7");
-    EXPECT_EQ(ThrownMessage([] { pu::FromVectorToIpString(Bytes(6)); }),
+    EXPECT_EQ(Thrown([] { pu::FromVectorToIpString(Bytes(6)); }),
               "FromVectorToIpString: unexpected IP address value, size: 6");
-    EXPECT_EQ(ThrownMessage([] { pu::FromVectorToIpString(Bytes{}); }),
+    EXPECT_EQ(Thrown([] { pu::FromVectorToIpString(Bytes{}); }),
               "FromVectorToIpString: unexpected IP address value, size: 0");
 
     for (const char* valid : {"192.168.0.1", "00.0.0.0", "010.1.1.1", "255.255.255.255", "1.2.3.4", "0.0.0.1",
@@ -187,7 +187,7 @@ TEST(PacketText, IpStringConversions) {
                                 "1.2.a.4", "1.2.3.4 ", " 1.2.3.4", "1.2.3.-4", "+1.2.3.4", "1.2.3.4.5",
                                 "99999999999999999999.1.1.1", "..."}) {
         EXPECT_FALSE(pu::IsValidIpAddress(invalid)) << invalid;
-        EXPECT_EQ(ThrownMessage([&] { pu::FromIPStringToByteArray(invalid); }),
+        EXPECT_EQ(Thrown([&] { pu::FromIPStringToByteArray(invalid); }),
                   std::string("FromIPStringToByteArray: invalid IP address: ") + invalid);
     }
     EXPECT_EQ(pu::FromIPStringToByteArray("192.168.0.1"), (Bytes{192, 168, 0, 1}));

@@ -4,14 +4,25 @@
 
 #include <random>
 
-#include "Platform/FrameTestSupport.h"
+#include "support/FrameBuilder.h"
 
 using namespace Platform;
-using namespace PlatformTest;
+using namespace ndtest;
 
 namespace {
 
 constexpr size_t kMax = 1514;
+
+// A TCP frame with 12 bytes of options (NOPs).
+Frame Tcp(bool ipv6, const Bytes& payload, uint32_t seq = 1000, uint8_t flags = kAck, size_t options = 12) {
+    FrameBuilder b = FrameBuilder::Tcp().Seq(seq).Flags(flags).TcpOptions(Bytes(options, 1)).Payload(payload);
+    return (ipv6 ? b.Ipv6() : b).Build();
+}
+
+Frame Udp(bool ipv6, const Bytes& payload) {
+    FrameBuilder b = FrameBuilder::Udp().Payload(payload);
+    return (ipv6 ? b.Ipv6() : b).Build();
+}
 
 std::vector<Bytes> SplitAll(const VnetHeader& h, const Bytes& frame, bool& started) {
     VnetFrameSplitter splitter;
@@ -28,13 +39,13 @@ std::vector<Bytes> SplitAll(const VnetHeader& h, const Bytes& frame, bool& start
 
 // The frame as the stack hands it over when the hardware completes the checksum.
 Bytes LeaveChecksumToHardware(Bytes f, VnetHeader& h) {
-    Layout l;
-    ParseLayout(f.data(), f.size(), l);
-    const size_t field = l.protocol == 6 ? 16 : 6;
-    Wr16(f.data() + l.l4 + field, PseudoSum(f, l, f.size() - l.l4));
+    const size_t field = TransportChecksumOffset(f);
+    const uint16_t pseudo = PseudoHeaderChecksum(f);
+    f[field] = static_cast<uint8_t>(pseudo >> 8);
+    f[field + 1] = static_cast<uint8_t>(pseudo);
     h.flags = kVnetFlagNeedsCsum;
-    h.csumStart = static_cast<uint16_t>(l.l4);
-    h.csumOffset = static_cast<uint16_t>(field);
+    h.csumStart = static_cast<uint16_t>(TransportOffset(f));
+    h.csumOffset = static_cast<uint16_t>(field - h.csumStart);
     return f;
 }
 
@@ -43,7 +54,7 @@ Bytes LeaveChecksumToHardware(Bytes f, VnetHeader& h) {
 TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
     for (bool ipv6 : {false, true}) {
         for (size_t payload : {0u, 1u, 17u, 1000u}) {
-            const Bytes good = UdpFrame(ipv6, Pattern(payload));
+            const Bytes good = Udp(ipv6, Pattern(payload));
             VnetHeader h;
             const Bytes partial = LeaveChecksumToHardware(good, h);
             ASSERT_NE(good, partial);
@@ -53,9 +64,7 @@ TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
             ASSERT_EQ(out.size(), 1u);
             EXPECT_EQ(out[0], good) << "ipv6 " << ipv6 << " payload " << payload;
         }
-        TcpSpec spec;
-        spec.ipv6 = ipv6;
-        const Bytes good = TcpFrame(spec, Pattern(333));
+        const Bytes good = Tcp(ipv6, Pattern(333));
         VnetHeader h;
         bool started = false;
         const auto out = SplitAll(h, LeaveChecksumToHardware(good, h), started);
@@ -65,7 +74,7 @@ TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
 }
 
 TEST(VnetFrames, PlainFramePassesUnchangedAndOversizeOrBadOffsetsAreRefused) {
-    const Bytes frame = UdpFrame(false, Pattern(100));
+    const Bytes frame = Udp(false, Pattern(100));
     bool started = false;
     auto out = SplitAll(VnetHeader{}, frame, started);
     ASSERT_EQ(out.size(), 1u);
@@ -90,11 +99,12 @@ TEST(VnetFrames, PlainFramePassesUnchangedAndOversizeOrBadOffsetsAreRefused) {
 
 // Checks every segment of a split TCP super-frame against the original.
 void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, size_t expectedCount,
-                      const TcpSpec& spec, const Bytes& payload) {
+                      const Bytes& payload) {
     ASSERT_EQ(segments.size(), expectedCount);
-    Layout l;
-    ASSERT_TRUE(ParseLayout(super.data(), super.size(), l));
-    const size_t header = l.l4 + 20 + spec.optionBytes;
+    const bool ipv6 = Be16(super, 12) == kEtherIpv6;
+    const size_t l4 = TransportOffset(super);
+    const size_t header = l4 + (super[l4 + 12] >> 4) * 4;
+    const uint8_t superFlags = super[l4 + 13];
     Bytes joined;
     for (size_t i = 0; i < segments.size(); ++i) {
         const Bytes& s = segments[i];
@@ -102,21 +112,21 @@ void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, si
         ASSERT_LE(s.size(), kMax);
         ASSERT_GT(s.size(), header);
         EXPECT_TRUE(std::equal(s.begin(), s.begin() + 14, super.begin()));  // Ethernet header kept
-        if (l.ipv6) {
-            EXPECT_EQ(Rd16(s.data() + 18), s.size() - 54);
+        if (ipv6) {
+            EXPECT_EQ(Be16(s, 18), s.size() - 54);
         } else {
-            EXPECT_EQ(Rd16(s.data() + 16), s.size() - 14);
-            EXPECT_EQ(Rd16(s.data() + 18), static_cast<uint16_t>(spec.ipId + i));
-            EXPECT_TRUE(Ipv4HeaderChecksumValid(s.data(), s.size()));
+            EXPECT_EQ(Be16(s, 16), s.size() - 14);
+            EXPECT_EQ(Be16(s, 18), static_cast<uint16_t>(Be16(super, 18) + i));
+            EXPECT_TRUE(IpChecksumValid(s));
         }
-        EXPECT_TRUE(TransportChecksumValid(s.data(), s.size()));
-        EXPECT_EQ(Rd32(s.data() + l.l4 + 4), static_cast<uint32_t>(spec.seq + joined.size()));
-        const uint8_t flags = s[l.l4 + 13];
+        EXPECT_TRUE(TransportChecksumValid(s));
+        EXPECT_EQ(Be32(s, l4 + 4), static_cast<uint32_t>(Be32(super, l4 + 4) + joined.size()));
+        const uint8_t flags = s[l4 + 13];
         const bool last = i + 1 == segments.size();
-        EXPECT_EQ((flags & 0x09) != 0, last && (spec.flags & 0x09) != 0);     // FIN, PSH only at the end
-        EXPECT_EQ((flags & 0x80) != 0, i == 0 && (spec.flags & 0x80) != 0);  // CWR only at the start
-        EXPECT_EQ(flags & 0x10, 0x10);
-        Append(joined, s.data() + header, s.size() - header);
+        EXPECT_EQ((flags & (kFin | kPsh)) != 0, last && (superFlags & (kFin | kPsh)) != 0);
+        EXPECT_EQ((flags & kCwr) != 0, i == 0 && (superFlags & kCwr) != 0);  // CWR only at the start
+        EXPECT_EQ(flags & kAck, kAck);
+        joined.insert(joined.end(), s.begin() + static_cast<long>(header), s.end());
     }
     EXPECT_EQ(joined, payload);
 }
@@ -124,12 +134,8 @@ void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, si
 TEST(VnetFrames, TcpSuperFrameIsCutIntoWireSizedSegments) {
     for (bool ipv6 : {false, true}) {
         SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
-        TcpSpec spec;
-        spec.ipv6 = ipv6;
-        spec.seq = 0xFFFFF000;  // wraps during the split
-        spec.flags = 0x10 | 0x08 | 0x01 | 0x80;
         const Bytes payload = Pattern(10000);
-        Bytes super = TcpFrame(spec, payload);
+        Bytes super = Tcp(ipv6, payload, 0xFFFFF000, kAck | kPsh | kFin | kCwr);  // the sequence wraps
         VnetHeader h;
         super = LeaveChecksumToHardware(super, h);
         h.gsoType = static_cast<uint8_t>((ipv6 ? kVnetGsoTcpV6 : kVnetGsoTcpV4) | kVnetGsoEcn);
@@ -139,17 +145,15 @@ TEST(VnetFrames, TcpSuperFrameIsCutIntoWireSizedSegments) {
         bool started = false;
         const auto segments = SplitAll(h, super, started);
         ASSERT_TRUE(started);
-        CheckTcpSegments(super, segments, (payload.size() + h.gsoSize - 1) / h.gsoSize, spec, payload);
+        CheckTcpSegments(super, segments, (payload.size() + h.gsoSize - 1) / h.gsoSize, payload);
         EXPECT_EQ(segments.front().size(), kMax);
         EXPECT_EQ(segments.back().size(), header + payload.size() % h.gsoSize);
     }
 }
 
 TEST(VnetFrames, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
-    TcpSpec spec;
-    spec.optionBytes = 0;
     const Bytes payload = Pattern(20000);
-    const Bytes super = TcpFrame(spec, payload);
+    const Bytes super = Tcp(false, payload, 1000, kAck, 0);
     VnetHeader h;
     h.gsoType = kVnetGsoTcpV4;
     h.gsoSize = 8948;
@@ -157,14 +161,14 @@ TEST(VnetFrames, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
     const auto segments = SplitAll(h, super, started);
     ASSERT_TRUE(started);
     const size_t perSegment = kMax - 54;
-    CheckTcpSegments(super, segments, (payload.size() + perSegment - 1) / perSegment, spec, payload);
+    CheckTcpSegments(super, segments, (payload.size() + perSegment - 1) / perSegment, payload);
 }
 
 TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
     for (bool ipv6 : {false, true}) {
         SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
         const Bytes payload = Pattern(2500);
-        const Bytes super = UdpFrame(ipv6, payload);
+        const Bytes super = Udp(ipv6, payload);
         VnetHeader h;
         h.gsoType = kVnetGsoUdpL4;
         h.gsoSize = 1000;
@@ -178,12 +182,10 @@ TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
             const Bytes& s = segments[i];
             const size_t data = i < 2 ? 1000 : 500;
             ASSERT_EQ(s.size(), l4 + 8 + data);
-            EXPECT_EQ(Rd16(s.data() + l4 + 4), 8 + data);
-            EXPECT_TRUE(TransportChecksumValid(s.data(), s.size()));
-            if (!ipv6) {
-                EXPECT_TRUE(Ipv4HeaderChecksumValid(s.data(), s.size()));
-            }
-            Append(joined, s.data() + l4 + 8, s.size() - l4 - 8);
+            EXPECT_EQ(Be16(s, l4 + 4), 8 + data);
+            EXPECT_TRUE(TransportChecksumValid(s));
+            EXPECT_EQ(IpChecksumValid(s), !ipv6);
+            joined.insert(joined.end(), s.begin() + static_cast<long>(l4 + 8), s.end());
         }
         EXPECT_EQ(joined, payload);
 
@@ -195,8 +197,7 @@ TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
 }
 
 TEST(VnetFrames, MalformedSuperFramesAreRefused) {
-    TcpSpec spec;
-    const Bytes tcp = TcpFrame(spec, Pattern(3000));
+    const Bytes tcp = Tcp(false, Pattern(3000));
     VnetFrameSplitter splitter;
     VnetHeader h;
     h.gsoSize = 1448;
@@ -224,8 +225,7 @@ TEST(VnetFrames, MalformedSuperFramesAreRefused) {
 
 TEST(VnetFrames, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
     std::mt19937 random(12345);
-    const TcpSpec spec;
-    const Bytes base = TcpFrame(spec, Pattern(4000));
+    const Bytes base = Tcp(false, Pattern(4000));
     uint8_t out[kMax];
     size_t produced = 0;
     for (int round = 0; round < 3000; ++round) {

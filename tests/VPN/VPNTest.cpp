@@ -4,28 +4,26 @@
 #include <mutex>
 
 #include "FilterDriver/FilterDriversPublisher.h"
-#include "FilterDriver/LogCapture.h"
-#include "FilterDriver/TestFrames.h"
 #include "VPN/VPN.h"
-#include "support/InMemoryFilterDriverApi.h"
+#include "support/FrameBuilder.h"
+#include "support/LogCapture.h"
+#include "support/RecordingSubscriber.h"
 
 namespace NativeNetworkDriver {
 namespace {
 
-using Testing::EthernetFrame;
+using ndtest::EthernetFrame;
+using ndtest::Ipv4Fragment;
+using ndtest::ToBytes;
 using Testing::Guid;
 using Testing::InMemoryNetwork;
-using Testing::Ipv4Frame;
 using Testing::kBroadcastMac;
-using Testing::Marker;
-using Testing::WithoutMarkers;
 
 const Nat::MacAddress kAdapterMac{0x02, 0, 0, 0, 0, 0x0A};
 const Nat::MacAddress kSupervisor{0x02, 0, 0, 0, 0, 0x5E};
 const Nat::MacAddress kThirdHost{0x02, 0, 0, 0, 0, 0x33};
 const Nat::MacAddress kOtherSupervisor{0x02, 0, 0, 0, 0, 0x5F};
 
-std::vector<uint8_t> Bytes(const Nat::MacAddress& mac) { return {mac.begin(), mac.end()}; }
 
 class TunnelRecorder : public IVPNDataRead {
 public:
@@ -59,27 +57,21 @@ protected:
         vpn = std::make_unique<VPN>(publisher.get());
         vpn->Open({guid});
         ASSERT_EQ(vpn->State(), VpnState::Opened);
-        vpn->AddSupervisorMAC({Bytes(kSupervisor), promiscuous});
+        vpn->AddSupervisorMAC({ToBytes(kSupervisor), promiscuous});
         vpn->SetReader(&tunnel);
     }
 
-    // Everything captured before this call has been classified and passed on.
-    void Settle() {
-        const Nat::Frame marker = Marker(kThirdHost, kAdapterMac, ++serial);
-        ASSERT_TRUE(network->InjectFromStack(guid, marker));
-        ASSERT_TRUE(network->WaitForFrameOnWire(guid, marker));
-    }
-    std::vector<Nat::Frame> Wire() { return WithoutMarkers(network->SentToWire(guid)); }
+    void Settle() { ASSERT_TRUE(network->Settle(guid)); }
+    std::vector<Nat::Frame> Wire() { return network->SentToWire(guid); }
     std::vector<Nat::Frame> Stack() { return network->SentToStack(guid); }
 
-    Testing::LogCapture log;
+    ndtest::LogCapture log;
     std::shared_ptr<InMemoryNetwork> network;
     InMemoryNetwork::FactoryGuard guard;
     std::string guid = Guid(3);
     std::unique_ptr<FilterDriversPublisher> publisher;
     std::unique_ptr<VPN> vpn;
     TunnelRecorder tunnel;
-    uint8_t serial = 0;
 };
 
 TEST_F(VPNTest, OpenRegistersAndASecondOpenKeepsTheRegistration) {
@@ -156,7 +148,7 @@ TEST_F(VPNTest, APromiscuousSupervisorAlsoGetsOtherHostsFrames) {
 TEST_F(VPNTest, WithoutAReaderFramesAreClassifiedButNotForwarded) {
     vpn = std::make_unique<VPN>(publisher.get());
     vpn->Open({guid});
-    vpn->AddSupervisorMAC({Bytes(kSupervisor), false});
+    vpn->AddSupervisorMAC({ToBytes(kSupervisor), false});
     EXPECT_TRUE(vpn->Classify(EthernetFrame(kSupervisor, kAdapterMac, 0x0800, 46)));
     EXPECT_TRUE(vpn->Classify(EthernetFrame(kBroadcastMac, kAdapterMac, 0x0800, 46)));
     EXPECT_FALSE(vpn->Classify(Nat::Frame(kSupervisor.begin(), kSupervisor.begin() + 5)));
@@ -165,18 +157,18 @@ TEST_F(VPNTest, WithoutAReaderFramesAreClassifiedButNotForwarded) {
 
 TEST_F(VPNTest, SupervisorListKeepsTheFirstEntryOfAMac) {
     VPN session(publisher.get());
-    session.AddSupervisorMAC({Bytes(kSupervisor), false});
-    session.AddSupervisorMAC({Bytes(kOtherSupervisor), true});
-    session.AddSupervisorMAC({Bytes(kSupervisor), true});
+    session.AddSupervisorMAC({ToBytes(kSupervisor), false});
+    session.AddSupervisorMAC({ToBytes(kOtherSupervisor), true});
+    session.AddSupervisorMAC({ToBytes(kSupervisor), true});
     auto list = session.Supervisors();
     ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[0].mac, Bytes(kSupervisor));
+    EXPECT_EQ(list[0].mac, ToBytes(kSupervisor));
     EXPECT_FALSE(list[0].promiscuous);
     EXPECT_TRUE(session.IsPromiscuous());
 
-    session.RemoveSupervisorMAC(Bytes(kOtherSupervisor));
+    session.RemoveSupervisorMAC(ToBytes(kOtherSupervisor));
     EXPECT_FALSE(session.IsPromiscuous());
-    session.RemoveSupervisorMAC(Bytes(kThirdHost));
+    session.RemoveSupervisorMAC(ToBytes(kThirdHost));
     EXPECT_EQ(session.Supervisors().size(), 1u);
 
     // Compared over the new MAC's length: two empty MACs are equal.
@@ -189,16 +181,16 @@ TEST_F(VPNTest, SupervisorListKeepsTheFirstEntryOfAMac) {
 
 TEST_F(VPNTest, FragmentsAreOfferedOneByOne) {
     OpenWithSupervisor(false);
-    const Nat::Frame a = Ipv4Frame(kSupervisor, kAdapterMac, 5, 0, true, 16, 1);
-    const Nat::Frame b = Ipv4Frame(kThirdHost, kAdapterMac, 5, 16, true, 16, 2);
-    const Nat::Frame c = Ipv4Frame(kSupervisor, kAdapterMac, 5, 32, false, 4, 3);
+    const Nat::Frame a = Ipv4Fragment(kSupervisor, kAdapterMac, 5, 0, true, 16, 1);
+    const Nat::Frame b = Ipv4Fragment(kThirdHost, kAdapterMac, 5, 16, true, 16, 2);
+    const Nat::Frame c = Ipv4Fragment(kSupervisor, kAdapterMac, 5, 32, false, 4, 3);
     EXPECT_TRUE(vpn->OnSentFragments({a, b, c}, guid));
     EXPECT_EQ(tunnel.Frames(), (std::vector<Nat::Frame>{a, c}));
     EXPECT_FALSE(vpn->OnReceivedFragments({b, b}, guid));
 
     // Through the publisher: a datagram to the supervisor goes whole to the tunnel only.
-    const Nat::Frame head = Ipv4Frame(kSupervisor, kAdapterMac, 6, 0, true, 16, 4);
-    const Nat::Frame tail = Ipv4Frame(kSupervisor, kAdapterMac, 6, 16, false, 16, 5);
+    const Nat::Frame head = Ipv4Fragment(kSupervisor, kAdapterMac, 6, 0, true, 16, 4);
+    const Nat::Frame tail = Ipv4Fragment(kSupervisor, kAdapterMac, 6, 16, false, 16, 5);
     network->InjectFromStack(guid, tail);
     network->InjectFromStack(guid, head);
     Settle();

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Packet/PacketUtils.h"
+#include "support/CodecCalls.h"
 
 namespace pu = Nat::PacketUtils;
 using Nat::Frame;
@@ -21,64 +22,6 @@ void Try(F&& f) {
 
 void Check(bool condition) {
     if (!condition) std::abort();
-}
-
-void ReadEverything(const Frame& f) {
-    Try([&] { pu::GetDestinationMacAddress(f); });
-    Try([&] { pu::GetSourceMacAddress(f); });
-    Try([&] { pu::GetDestinationMac(f); });
-    Try([&] { pu::GetSourceMac(f); });
-    Try([&] { pu::GetFrameType(f); });
-    Try([&] { pu::GetArpProtocolType(f); });
-    Try([&] { pu::GetArpOpcode(f); });
-    Try([&] { pu::GetArpSenderMacAddress(f); });
-    Try([&] { pu::GetArpSenderIpAddress(f); });
-    Try([&] { pu::IsArpReply(f); });
-    Try([&] { pu::GetIpHeaderSize(f); });
-    Try([&] { pu::GetIpPacketTotalLength(f); });
-    Try([&] { pu::GetIpProtocol(f); });
-    Try([&] { pu::GetSourceIpAddress(f); });
-    Try([&] { pu::GetDestinationIpAddress(f); });
-    Try([&] { pu::GetSourceIp(f); });
-    Try([&] { pu::GetDestinationIp(f); });
-    Try([&] { pu::GetSourcePort(f); });
-    Try([&] { pu::GetDestinationPort(f); });
-    Try([&] { pu::GetTcpSequenceNumber(f); });
-    Try([&] { pu::GetAcknowledgmentNumber(f); });
-    Try([&] { pu::GetTransportHeaderChecksum(f); });
-    Try([&] { pu::GetTransportHeaderLength(f); });
-    Try([&] { pu::IsTcpRstFlagSet(f); });
-    Try([&] { pu::IsTcpFinFlagSet(f); });
-    Try([&] { pu::IsTcpAckFlagSet(f); });
-}
-
-void WriteEverything(const Frame& original, uint32_t v) {
-    const auto run = [&](auto&& write) {
-        Frame f = original;
-        Try([&] { write(f); });
-        Check(f.size() == original.size());
-    };
-    const uint16_t v16 = static_cast<uint16_t>(v);
-    const Nat::Ipv4Address ip{uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
-    const pu::Bytes ipBytes(ip.begin(), ip.end());
-    run([&](Frame& f) { pu::SetDestinationMacAddress(f, pu::Bytes(6 + v % 3 - 1, 1)); });
-    run([&](Frame& f) { pu::SetSourceMacAddress(f, pu::Bytes(6, 2)); });
-    run([&](Frame& f) { pu::SetDestinationMac(f, Nat::MacAddress{}); });
-    run([&](Frame& f) { pu::SetSourceMac(f, Nat::MacAddress{}); });
-    run([&](Frame& f) { pu::SetIpPacketTotalLength(f, v16); });
-    run([&](Frame& f) { pu::SetSourceIpAddress(f, pu::Bytes(v % 6, 3)); });
-    run([&](Frame& f) { pu::SetDestinationIpAddress(f, ipBytes); });
-    run([&](Frame& f) { pu::SetSourcePort(f, v16); });
-    run([&](Frame& f) { pu::SetDestinationPort(f, v16); });
-    run([&](Frame& f) { pu::SetTcpSequenceNumber(f, v); });
-    run([&](Frame& f) { pu::SetAcknowledgmentNumber(f, v); });
-    run([&](Frame& f) { pu::UpdateSourceIpAddress(f, ipBytes); });
-    run([&](Frame& f) { pu::UpdateDestinationIpAddress(f, pu::Bytes(v % 6, 3)); });
-    run([&](Frame& f) { pu::UpdateSourceIp(f, ip); });
-    run([&](Frame& f) { pu::UpdateDestinationIp(f, ip); });
-    run([&](Frame& f) { pu::FixIpHeaderChecksum(f); });
-    run([&](Frame& f) { pu::UpdateTransportHeaderChecksum(f, v16, uint16_t(v >> 16), uint16_t(v >> 3)); });
-    run([&](Frame& f) { pu::FixTransportHeaderChecksum(f); });
 }
 
 // On a frame whose transport checksum could be fixed and whose IP header is a real one,
@@ -136,8 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t v = 0x9E3779B9;
     for (size_t i = 0; i < size && i < 4; ++i) v = (v << 8) ^ data[size - 1 - i];
     const Frame frame(data, data + size);
-    ReadEverything(frame);
-    WriteEverything(frame, v);
+    ndtest::CallEveryCodecFunction(frame, v, Check);
     IncrementalAgreesWithFull(frame, v);
     if (size <= 64) Texts(data, size);
     return 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <stdexcept>
 
 namespace ndtest {
@@ -23,61 +24,16 @@ void Append32(Bytes& out, uint32_t value) {
     Append16(out, static_cast<uint16_t>(value));
 }
 
-template <typename Array>
-void AppendAll(Bytes& out, const Array& bytes) {
+template <typename Range>
+void AppendAll(Bytes& out, const Range& bytes) {
     out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-Bytes PadOptions(Bytes options) {
-    if (options.size() > 40) throw std::invalid_argument("FrameBuilder: options longer than 40 bytes");
-    while (options.size() % 4 != 0) options.push_back(0);
-    return options;
-}
+// fd00::1 and fd00::2.
+const Bytes kIpv6Src = {0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+const Bytes kIpv6Dst = {0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
 
-// Pseudo-header sum for TCP/UDP over IPv4.
-uint32_t PseudoHeaderSum(const Ipv4Address& src, const Ipv4Address& dst, uint8_t protocol, size_t length) {
-    uint32_t sum = 0;
-    sum += (src[0] << 8) | src[1];
-    sum += (src[2] << 8) | src[3];
-    sum += (dst[0] << 8) | dst[1];
-    sum += (dst[2] << 8) | dst[3];
-    sum += protocol;
-    sum += static_cast<uint32_t>(length);
-    return sum;
-}
-
-struct Layout {
-    size_t ipHeader;
-    size_t segmentStart;
-    size_t segmentLength;
-    size_t checksumOffset;  // inside the frame
-};
-
-Layout TransportLayout(const Frame& frame) {
-    if (frame.size() < 34 || Be16(frame, 12) != kEtherIpv4) throw std::invalid_argument("not an IPv4 frame");
-    Layout layout{};
-    layout.ipHeader = static_cast<size_t>(frame[14] & 0x0F) * 4;
-    const size_t total = Be16(frame, 16);
-    if (layout.ipHeader < 20 || total < layout.ipHeader || 14 + total > frame.size())
-        throw std::invalid_argument("IPv4 lengths do not fit the frame");
-    layout.segmentStart = 14 + layout.ipHeader;
-    layout.segmentLength = total - layout.ipHeader;
-    if (frame[23] == kProtoTcp)
-        layout.checksumOffset = layout.segmentStart + 16;
-    else if (frame[23] == kProtoUdp)
-        layout.checksumOffset = layout.segmentStart + 6;
-    else
-        throw std::invalid_argument("neither TCP nor UDP");
-    if (layout.checksumOffset + 2 > layout.segmentStart + layout.segmentLength)
-        throw std::invalid_argument("segment too short for its checksum");
-    return layout;
-}
-
-Ipv4Address IpAt(const Frame& frame, size_t offset) {
-    return {frame[offset], frame[offset + 1], frame[offset + 2], frame[offset + 3]};
-}
-
-uint32_t Sum(const uint8_t* data, size_t length, uint32_t sum) {
+uint32_t Sum(const uint8_t* data, size_t length, uint32_t sum = 0) {
     for (size_t i = 0; i < length; i += 2) {
         const uint32_t high = data[i];
         const uint32_t low = i + 1 < length ? data[i + 1] : 0;
@@ -86,9 +42,55 @@ uint32_t Sum(const uint8_t* data, size_t length, uint32_t sum) {
     return sum;
 }
 
-uint16_t FoldComplement(uint32_t sum) {
+uint16_t Fold(uint32_t sum) {
     while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
-    return static_cast<uint16_t>(~sum);
+    return static_cast<uint16_t>(sum);
+}
+
+// Pseudo-header sum for TCP/UDP: both addresses (4 or 16 bytes each), protocol, length.
+uint32_t PseudoSum(const uint8_t* addresses, size_t addressBytes, uint8_t protocol, size_t length) {
+    return Sum(addresses, addressBytes) + protocol + static_cast<uint32_t>(length);
+}
+
+struct Layout {
+    size_t segmentStart;
+    size_t segmentLength;
+    size_t checksumOffset;  // inside the frame
+    uint32_t pseudo;
+};
+
+// The TCP or UDP segment of an IPv4 or IPv6 frame, as long as its IP header says.
+std::optional<Layout> TransportLayout(const Frame& frame) {
+    if (frame.size() < 14) return std::nullopt;
+    Layout l{};
+    uint8_t protocol;
+    if (Be16(frame, 12) == kEtherIpv4 && frame.size() >= 34) {
+        const size_t header = static_cast<size_t>(frame[14] & 0x0F) * 4;
+        const size_t total = Be16(frame, 16);
+        if (header < 20 || total < header || 14 + total > frame.size()) return std::nullopt;
+        l.segmentStart = 14 + header;
+        l.segmentLength = total - header;
+        protocol = frame[23];
+        l.pseudo = PseudoSum(frame.data() + 26, 8, protocol, l.segmentLength);
+    } else if (Be16(frame, 12) == kEtherIpv6 && frame.size() >= 54) {
+        l.segmentStart = 54;
+        l.segmentLength = Be16(frame, 18);
+        if (54 + l.segmentLength > frame.size()) return std::nullopt;
+        protocol = frame[20];
+        l.pseudo = PseudoSum(frame.data() + 22, 32, protocol, l.segmentLength);
+    } else {
+        return std::nullopt;
+    }
+    if (protocol != kProtoTcp && protocol != kProtoUdp) return std::nullopt;
+    l.checksumOffset = l.segmentStart + (protocol == kProtoTcp ? 16 : 6);
+    if (l.checksumOffset + 2 > l.segmentStart + l.segmentLength) return std::nullopt;
+    return l;
+}
+
+Layout RequireLayout(const Frame& frame) {
+    const auto l = TransportLayout(frame);
+    if (!l) throw std::invalid_argument("no TCP or UDP segment in this frame");
+    return *l;
 }
 
 }  // namespace
@@ -114,6 +116,12 @@ Bytes ToBytes(const MacAddress& mac) { return Bytes(mac.begin(), mac.end()); }
 Bytes ToBytes(const Ipv4Address& ip) { return Bytes(ip.begin(), ip.end()); }
 Bytes ToBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
+Bytes Pattern(size_t n, uint32_t seed) {
+    Bytes b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>((i * 131 + seed) >> 3);
+    return b;
+}
+
 uint16_t Be16(const Frame& frame, size_t offset) {
     return static_cast<uint16_t>((frame.at(offset) << 8) | frame.at(offset + 1));
 }
@@ -123,7 +131,7 @@ uint32_t Be32(const Frame& frame, size_t offset) {
 }
 
 uint16_t InternetChecksum(const uint8_t* data, size_t length, uint32_t initial) {
-    return FoldComplement(Sum(data, length, initial));
+    return static_cast<uint16_t>(~Fold(Sum(data, length, initial)));
 }
 
 uint16_t ReferenceIpChecksum(const Frame& frame) {
@@ -136,28 +144,75 @@ uint16_t ReferenceIpChecksum(const Frame& frame) {
 }
 
 uint16_t ReferenceTransportChecksum(const Frame& frame) {
-    const Layout l = TransportLayout(frame);
+    const Layout l = RequireLayout(frame);
     Bytes segment(frame.begin() + static_cast<long>(l.segmentStart),
                   frame.begin() + static_cast<long>(l.segmentStart + l.segmentLength));
     segment[l.checksumOffset - l.segmentStart] = 0;
     segment[l.checksumOffset - l.segmentStart + 1] = 0;
-    const uint32_t pseudo = PseudoHeaderSum(IpAt(frame, 26), IpAt(frame, 30), frame[23], l.segmentLength);
-    return InternetChecksum(segment.data(), segment.size(), pseudo);
+    return InternetChecksum(segment.data(), segment.size(), l.pseudo);
 }
 
+size_t TransportOffset(const Frame& frame) { return RequireLayout(frame).segmentStart; }
+size_t TransportChecksumOffset(const Frame& frame) { return RequireLayout(frame).checksumOffset; }
+uint16_t PseudoHeaderChecksum(const Frame& frame) { return Fold(RequireLayout(frame).pseudo); }
+
 bool IpChecksumValid(const Frame& frame) {
-    const size_t h = static_cast<size_t>(frame.at(14) & 0x0F) * 4;
+    if (frame.size() < 34 || Be16(frame, 12) != kEtherIpv4) return false;
+    const size_t h = static_cast<size_t>(frame[14] & 0x0F) * 4;
     if (h < 20 || 14 + h > frame.size()) return false;
     return InternetChecksum(frame.data() + 14, h) == 0;
 }
 
 bool TransportChecksumValid(const Frame& frame) {
-    const Layout l = TransportLayout(frame);
-    const uint32_t pseudo = PseudoHeaderSum(IpAt(frame, 26), IpAt(frame, 30), frame[23], l.segmentLength);
-    return InternetChecksum(frame.data() + l.segmentStart, l.segmentLength, pseudo) == 0;
+    const auto l = TransportLayout(frame);
+    return l && InternetChecksum(frame.data() + l->segmentStart, l->segmentLength, l->pseudo) == 0;
+}
+
+Frame Reassemble(const FragmentList& fragments) {
+    std::map<size_t, Bytes> parts;
+    const Frame* head = nullptr;
+    for (const Frame& f : fragments) {
+        const size_t header = static_cast<size_t>(f.at(14) & 0x0F) * 4;
+        const size_t offset = static_cast<size_t>(Be16(f, 20) & 0x1FFF) * 8;
+        const size_t end = std::min<size_t>(f.size(), 14 + Be16(f, 16));
+        if (offset == 0) head = &f;
+        parts[offset].assign(f.begin() + static_cast<long>(14 + header), f.begin() + static_cast<long>(end));
+    }
+    if (head == nullptr) return {};
+    Frame whole(head->begin(), head->begin() + 14 + ((*head)[14] & 0x0F) * 4);
+    const size_t headers = whole.size();
+    for (const auto& [offset, bytes] : parts) {
+        if (offset != whole.size() - headers) return {};
+        AppendAll(whole, bytes);
+    }
+    Put16(whole, 16, static_cast<uint16_t>(whole.size() - 14));
+    Put16(whole, 20, 0);
+    return whole;
+}
+
+Frame EthernetFrame(const MacAddress& destination, const MacAddress& source, uint16_t etherType,
+                    size_t payloadBytes, uint8_t fill) {
+    Frame frame;
+    AppendAll(frame, destination);
+    AppendAll(frame, source);
+    Append16(frame, etherType);
+    frame.resize(frame.size() + payloadBytes, fill);
+    return frame;
+}
+
+Frame Ipv4Fragment(const MacAddress& destination, const MacAddress& source, uint16_t id, uint32_t offsetBytes,
+                   bool more, size_t payloadBytes, uint8_t fill) {
+    return FrameBuilder::Ipv4(kProtoUdp).EthDst(destination).EthSrc(source).IpId(id).FragmentAt(offsetBytes, more)
+        .Payload(Bytes(payloadBytes, fill)).Build();
 }
 
 FrameBuilder::FrameBuilder(Kind kind) : kind_(kind) {}
+
+Bytes FrameBuilder::PadOptions(Bytes options) {
+    if (options.size() > 40) throw std::invalid_argument("FrameBuilder: options longer than 40 bytes");
+    while (options.size() % 4 != 0) options.push_back(0);
+    return options;
+}
 
 FrameBuilder FrameBuilder::Tcp() { return FrameBuilder(Kind::Tcp); }
 FrameBuilder FrameBuilder::Udp() {
@@ -176,48 +231,17 @@ FrameBuilder FrameBuilder::Ipv4(uint8_t protocol) {
     return b;
 }
 
-FrameBuilder& FrameBuilder::EthDst(const MacAddress& mac) { ethDst_ = mac; return *this; }
-FrameBuilder& FrameBuilder::EthSrc(const MacAddress& mac) { ethSrc_ = mac; return *this; }
-FrameBuilder& FrameBuilder::EtherType(uint16_t type) { etherType_ = type; return *this; }
-FrameBuilder& FrameBuilder::PadTo(size_t frameSize) { padTo_ = frameSize; return *this; }
-FrameBuilder& FrameBuilder::IpSrc(const Ipv4Address& ip) { ipSrc_ = ip; return *this; }
-FrameBuilder& FrameBuilder::IpDst(const Ipv4Address& ip) { ipDst_ = ip; return *this; }
-FrameBuilder& FrameBuilder::Ttl(uint8_t ttl) { ttl_ = ttl; return *this; }
-FrameBuilder& FrameBuilder::Tos(uint8_t tos) { tos_ = tos; return *this; }
-FrameBuilder& FrameBuilder::IpId(uint16_t id) { ipId_ = id; return *this; }
-FrameBuilder& FrameBuilder::DontFragment(bool on) { dontFragment_ = on; return *this; }
-FrameBuilder& FrameBuilder::Protocol(uint8_t protocol) { protocol_ = protocol; return *this; }
-FrameBuilder& FrameBuilder::IpOptions(const Bytes& options) { ipOptions_ = PadOptions(options); return *this; }
-FrameBuilder& FrameBuilder::IpChecksum(uint16_t value) { ipChecksum_ = value; return *this; }
-FrameBuilder& FrameBuilder::TotalLength(uint16_t value) { totalLength_ = value; return *this; }
-FrameBuilder& FrameBuilder::SrcPort(uint16_t port) { srcPort_ = port; return *this; }
-FrameBuilder& FrameBuilder::DstPort(uint16_t port) { dstPort_ = port; return *this; }
-FrameBuilder& FrameBuilder::Seq(uint32_t seq) { seq_ = seq; return *this; }
-FrameBuilder& FrameBuilder::AckNumber(uint32_t ack) { ack_ = ack; return *this; }
-FrameBuilder& FrameBuilder::Flags(uint8_t flags) { flags_ = flags; return *this; }
-FrameBuilder& FrameBuilder::Window(uint16_t window) { window_ = window; return *this; }
-FrameBuilder& FrameBuilder::UrgentPointer(uint16_t pointer) { urgent_ = pointer; return *this; }
-FrameBuilder& FrameBuilder::TcpOptions(const Bytes& options) { tcpOptions_ = PadOptions(options); return *this; }
-FrameBuilder& FrameBuilder::TransportChecksum(uint16_t value) { transportChecksum_ = value; return *this; }
-FrameBuilder& FrameBuilder::NoUdpChecksum() { transportChecksum_ = 0; return *this; }
-FrameBuilder& FrameBuilder::Payload(const Bytes& payload) { payload_ = payload; return *this; }
-FrameBuilder& FrameBuilder::Payload(const std::string& payload) { payload_ = ToBytes(payload); return *this; }
-FrameBuilder& FrameBuilder::ArpOpcode(uint16_t opcode) { arpOpcode_ = opcode; return *this; }
-FrameBuilder& FrameBuilder::ArpProtocolType(uint16_t type) { arpProtocolType_ = type; return *this; }
-FrameBuilder& FrameBuilder::ArpSender(const MacAddress& mac, const Ipv4Address& ip) {
-    arpSenderMac_ = mac;
-    arpSenderIp_ = ip;
+FrameBuilder& FrameBuilder::FragmentAt(uint32_t offsetBytes, bool more) {
+    if (offsetBytes % 8 != 0) throw std::invalid_argument("FrameBuilder: fragment offsets are multiples of 8");
+    fragmentField_ = static_cast<uint16_t>((more ? 0x2000 : 0) | (offsetBytes / 8));
     return *this;
 }
-FrameBuilder& FrameBuilder::ArpTarget(const MacAddress& mac, const Ipv4Address& ip) {
-    arpTargetMac_ = mac;
-    arpTargetIp_ = ip;
-    return *this;
+uint8_t FrameBuilder::ProtocolNumber() const {
+    return protocol_.value_or(kind_ == Kind::Tcp ? kProtoTcp : kProtoUdp);
 }
 
 Bytes FrameBuilder::IpPayload() const {
     Bytes seg;
-    const uint8_t protocol = protocol_.value_or(kind_ == Kind::Tcp ? kProtoTcp : kProtoUdp);
     size_t checksumAt = 0;
     if (kind_ == Kind::Tcp) {
         Append16(seg, srcPort_);
@@ -226,10 +250,9 @@ Bytes FrameBuilder::IpPayload() const {
         Append32(seg, ack_);
         seg.push_back(static_cast<uint8_t>(((20 + tcpOptions_.size()) / 4) << 4));
         seg.push_back(flags_);
-        Append16(seg, window_);
+        Append16(seg, 64240);  // window
         checksumAt = seg.size();
-        Append16(seg, 0);
-        Append16(seg, urgent_);
+        Append32(seg, 0);  // checksum, urgent pointer
         AppendAll(seg, tcpOptions_);
     } else if (kind_ == Kind::Udp) {
         Append16(seg, srcPort_);
@@ -239,65 +262,73 @@ Bytes FrameBuilder::IpPayload() const {
         Append16(seg, 0);
     }
     AppendAll(seg, payload_);
-    if (kind_ == Kind::Tcp || kind_ == Kind::Udp) {
-        uint16_t checksum;
-        if (transportChecksum_) {
-            checksum = *transportChecksum_;
+    if ((kind_ == Kind::Tcp || kind_ == Kind::Udp) && !(kind_ == Kind::Udp && noUdpChecksum_)) {
+        Bytes addresses;
+        if (ipv6_) {
+            AppendAll(addresses, kIpv6Src);
+            AppendAll(addresses, kIpv6Dst);
         } else {
-            checksum = InternetChecksum(seg.data(), seg.size(), PseudoHeaderSum(ipSrc_, ipDst_, protocol, seg.size()));
-            if (kind_ == Kind::Udp && checksum == 0) checksum = 0xFFFF;  // 0 would mean "no checksum"
+            AppendAll(addresses, ipSrc_);
+            AppendAll(addresses, ipDst_);
         }
+        uint16_t checksum = InternetChecksum(
+            seg.data(), seg.size(), PseudoSum(addresses.data(), addresses.size(), ProtocolNumber(), seg.size()));
+        if (kind_ == Kind::Udp && checksum == 0) checksum = 0xFFFF;  // 0 would mean "no checksum"
         Put16(seg, checksumAt, checksum);
     }
     return seg;
 }
 
-Frame FrameBuilder::Assemble(const Bytes& ipPayload, uint16_t fragmentField,
-                             std::optional<uint16_t> totalLength) const {
+Frame FrameBuilder::Assemble(const Bytes& ipPayload, uint16_t fragmentField) const {
     Frame f;
     AppendAll(f, ethDst_);
     AppendAll(f, ethSrc_);
     if (kind_ == Kind::Arp) {
         Append16(f, etherType_.value_or(kEtherArp));
-        Append16(f, 1);       // hardware type: Ethernet
+        Append16(f, 1);  // hardware type: Ethernet
         Append16(f, arpProtocolType_);
         f.push_back(6);
         f.push_back(4);
         Append16(f, arpOpcode_);
-        AppendAll(f, arpSenderMac_);
-        AppendAll(f, arpSenderIp_);
-        AppendAll(f, arpTargetMac_);
-        AppendAll(f, arpTargetIp_);
+        AppendAll(f, arpSender_.first);
+        AppendAll(f, arpSender_.second);
+        AppendAll(f, arpTarget_.first);
+        AppendAll(f, arpTarget_.second);
         AppendAll(f, payload_);
+    } else if (ipv6_) {
+        Append16(f, etherType_.value_or(kEtherIpv6));
+        Append32(f, 0x60000000);
+        Append16(f, static_cast<uint16_t>(ipPayload.size()));
+        f.push_back(ProtocolNumber());
+        f.push_back(ttl_);
+        AppendAll(f, kIpv6Src);
+        AppendAll(f, kIpv6Dst);
+        AppendAll(f, ipPayload);
     } else {
         Append16(f, etherType_.value_or(kEtherIpv4));
         const size_t headerSize = 20 + ipOptions_.size();
         f.push_back(static_cast<uint8_t>(0x40 | (headerSize / 4)));
-        f.push_back(tos_);
-        Append16(f, totalLength.value_or(static_cast<uint16_t>(headerSize + ipPayload.size())));
+        f.push_back(0);  // type of service
+        Append16(f, static_cast<uint16_t>(headerSize + ipPayload.size()));
         Append16(f, ipId_);
         Append16(f, fragmentField);
         f.push_back(ttl_);
-        f.push_back(protocol_.value_or(kind_ == Kind::Tcp ? kProtoTcp : kProtoUdp));
+        f.push_back(ProtocolNumber());
         Append16(f, 0);
         AppendAll(f, ipSrc_);
         AppendAll(f, ipDst_);
         AppendAll(f, ipOptions_);
-        const uint16_t checksum = ipChecksum_.value_or(InternetChecksum(f.data() + 14, headerSize));
-        Put16(f, 24, checksum);
+        Put16(f, 24, InternetChecksum(f.data() + 14, headerSize));
         AppendAll(f, ipPayload);
     }
     if (f.size() < padTo_) f.resize(padTo_, 0);
     return f;
 }
 
-Frame FrameBuilder::Build() const {
-    const uint16_t fragmentField = dontFragment_ ? 0x4000 : 0;
-    return Assemble(kind_ == Kind::Arp ? Bytes{} : IpPayload(), fragmentField, totalLength_);
-}
+Frame FrameBuilder::Build() const { return Assemble(kind_ == Kind::Arp ? Bytes{} : IpPayload(), fragmentField_); }
 
 FragmentList FrameBuilder::BuildFragments(size_t fragmentData) const {
-    if (kind_ == Kind::Arp || fragmentData == 0 || fragmentData % 8 != 0)
+    if (kind_ == Kind::Arp || ipv6_ || fragmentData == 0 || fragmentData % 8 != 0)
         throw std::invalid_argument("FrameBuilder: fragments need IPv4 and a multiple of 8");
     const Bytes whole = IpPayload();
     FragmentList fragments;
@@ -305,8 +336,7 @@ FragmentList FrameBuilder::BuildFragments(size_t fragmentData) const {
         const size_t end = std::min(whole.size(), offset + fragmentData);
         const Bytes piece(whole.begin() + static_cast<long>(offset), whole.begin() + static_cast<long>(end));
         const bool more = end < whole.size();
-        const uint16_t field = static_cast<uint16_t>((more ? 0x2000 : 0) | (offset / 8));
-        fragments.push_back(Assemble(piece, field, std::nullopt));
+        fragments.push_back(Assemble(piece, static_cast<uint16_t>((more ? 0x2000 : 0) | (offset / 8))));
     }
     return fragments;
 }

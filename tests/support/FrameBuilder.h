@@ -1,10 +1,11 @@
 #pragma once
-// Builds real Ethernet II frames (ARP, IPv4 with TCP, UDP or any protocol number) byte by
-// byte, with checksums computed here by plain RFC 1071 arithmetic, independently of the
-// product's codec. Every field has a sensible default, so a test sets only what it checks.
+// Builds real Ethernet II frames (ARP, IPv4 or IPv6 with TCP, UDP or any protocol number)
+// byte by byte, with checksums computed here by plain RFC 1071 arithmetic, independently of
+// the product's codec. Every field has a sensible default, so a test sets only what it checks.
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Packet/Frame.h"
@@ -18,16 +19,18 @@ using Nat::MacAddress;
 using Bytes = std::vector<uint8_t>;
 
 // TCP flag bits.
-inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kUrg = 0x20;
-inline constexpr uint16_t kEtherIpv4 = 0x0800, kEtherArp = 0x0806;
+inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kUrg = 0x20, kCwr = 0x80;
+inline constexpr uint16_t kEtherIpv4 = 0x0800, kEtherArp = 0x0806, kEtherIpv6 = 0x86DD;
 inline constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17;
 
-// "02:00:00:00:00:01" / "10.0.0.1"; abort the test program on malformed text.
+// "02:00:00:00:00:01" / "10.0.0.1"; throw on malformed text.
 MacAddress Mac(const std::string& text);
 Ipv4Address Ip(const std::string& text);
 Bytes ToBytes(const MacAddress& mac);
 Bytes ToBytes(const Ipv4Address& ip);
 Bytes ToBytes(const std::string& text);
+// n bytes of a fixed, non-repeating-looking pattern.
+Bytes Pattern(size_t n, uint32_t seed = 7);
 
 // Big-endian field access for assertions.
 uint16_t Be16(const Frame& frame, size_t offset);
@@ -38,12 +41,31 @@ uint32_t Be32(const Frame& frame, size_t offset);
 uint16_t InternetChecksum(const uint8_t* data, size_t length, uint32_t initial = 0);
 // The header checksum that belongs in an IPv4 frame (its checksum field counted as zero).
 uint16_t ReferenceIpChecksum(const Frame& frame);
-// The TCP or UDP checksum that belongs in the frame: pseudo-header plus segment, the
-// checksum field counted as zero; the segment is what the IPv4 total length says.
+// The TCP or UDP checksum that belongs in an IPv4 or IPv6 frame: pseudo-header plus
+// segment, the checksum field counted as zero; the segment is what the IP header says.
 uint16_t ReferenceTransportChecksum(const Frame& frame);
-// True when the stored checksums verify (sum over the data including the checksum is all ones).
+// Where the transport header and its checksum field start in the frame.
+size_t TransportOffset(const Frame& frame);
+size_t TransportChecksumOffset(const Frame& frame);
+// The folded pseudo-header sum, not complemented: what a stack leaves in the checksum
+// field of a frame whose checksum it leaves to the hardware.
+uint16_t PseudoHeaderChecksum(const Frame& frame);
+// True when the stored checksums verify; false also for frames they cannot be read from.
 bool IpChecksumValid(const Frame& frame);
 bool TransportChecksumValid(const Frame& frame);
+// The datagram that IPv4 fragments (in any order) add up to: the first fragment's
+// header with the whole length and no fragment bits, then every payload in offset order.
+// Empty when the fragments leave a hole or have no first one.
+Frame Reassemble(const FragmentList& fragments);
+
+// An Ethernet II frame: destination, source, EtherType, then `payloadBytes` bytes of `fill`.
+Frame EthernetFrame(const MacAddress& destination, const MacAddress& source, uint16_t etherType,
+                    size_t payloadBytes, uint8_t fill = 0);
+
+// A UDP fragment from 10.0.0.1 to 10.0.0.2: `payloadBytes` bytes of `fill` at byte
+// `offsetBytes` (a multiple of 8) of datagram `id`.
+Frame Ipv4Fragment(const MacAddress& destination, const MacAddress& source, uint16_t id, uint32_t offsetBytes,
+                   bool more, size_t payloadBytes, uint8_t fill = 0xAB);
 
 class FrameBuilder {
 public:
@@ -54,43 +76,41 @@ public:
     static FrameBuilder Ipv4(uint8_t protocol);
 
     // Ethernet
-    FrameBuilder& EthDst(const MacAddress& mac);
-    FrameBuilder& EthSrc(const MacAddress& mac);
-    FrameBuilder& EtherType(uint16_t type);  // overrides the type the kind implies
+    FrameBuilder& EthDst(const MacAddress& mac) { ethDst_ = mac; return *this; }
+    FrameBuilder& EthSrc(const MacAddress& mac) { ethSrc_ = mac; return *this; }
+    // Overrides the type the kind implies.
+    FrameBuilder& EtherType(uint16_t type) { etherType_ = type; return *this; }
     // Ethernet padding: zero bytes appended until the frame has this many bytes.
-    FrameBuilder& PadTo(size_t frameSize);
+    FrameBuilder& PadTo(size_t frameSize) { padTo_ = frameSize; return *this; }
 
-    // IPv4
-    FrameBuilder& IpSrc(const Ipv4Address& ip);
-    FrameBuilder& IpDst(const Ipv4Address& ip);
-    FrameBuilder& Ttl(uint8_t ttl);
-    FrameBuilder& Tos(uint8_t tos);
-    FrameBuilder& IpId(uint16_t id);
-    FrameBuilder& DontFragment(bool on);
-    FrameBuilder& Protocol(uint8_t protocol);    // overrides the number the kind implies
-    FrameBuilder& IpOptions(const Bytes& options);  // zero-padded to a multiple of 4 (max 40)
-    FrameBuilder& IpChecksum(uint16_t value);    // store this instead of the computed one
-    FrameBuilder& TotalLength(uint16_t value);   // store this instead of the real length
+    // IPv4 (or IPv6 from fd00::1 to fd00::2, TCP and UDP only)
+    FrameBuilder& Ipv6() { ipv6_ = true; return *this; }
+    FrameBuilder& IpSrc(const Ipv4Address& ip) { ipSrc_ = ip; return *this; }
+    FrameBuilder& IpDst(const Ipv4Address& ip) { ipDst_ = ip; return *this; }
+    FrameBuilder& Ttl(uint8_t ttl) { ttl_ = ttl; return *this; }
+    FrameBuilder& IpId(uint16_t id) { ipId_ = id; return *this; }
+    FrameBuilder& DontFragment(bool on) { fragmentField_ = on ? 0x4000 : 0; return *this; }
+    // A fragment at this byte offset (a multiple of 8), with the more-fragments bit.
+    FrameBuilder& FragmentAt(uint32_t offsetBytes, bool more);
+    // Options are zero-padded to a multiple of 4 bytes (at most 40).
+    FrameBuilder& IpOptions(const Bytes& options) { ipOptions_ = PadOptions(options); return *this; }
 
     // TCP / UDP
-    FrameBuilder& SrcPort(uint16_t port);
-    FrameBuilder& DstPort(uint16_t port);
-    FrameBuilder& Seq(uint32_t seq);
-    FrameBuilder& AckNumber(uint32_t ack);
-    FrameBuilder& Flags(uint8_t flags);
-    FrameBuilder& Window(uint16_t window);
-    FrameBuilder& UrgentPointer(uint16_t pointer);
-    FrameBuilder& TcpOptions(const Bytes& options);  // zero-padded to a multiple of 4 (max 40)
-    FrameBuilder& TransportChecksum(uint16_t value);  // store this instead of the computed one
-    FrameBuilder& NoUdpChecksum();                     // UDP checksum 0: "none"
-    FrameBuilder& Payload(const Bytes& payload);
-    FrameBuilder& Payload(const std::string& payload);
+    FrameBuilder& SrcPort(uint16_t port) { srcPort_ = port; return *this; }
+    FrameBuilder& DstPort(uint16_t port) { dstPort_ = port; return *this; }
+    FrameBuilder& Seq(uint32_t seq) { seq_ = seq; return *this; }
+    FrameBuilder& AckNumber(uint32_t ack) { ack_ = ack; return *this; }
+    FrameBuilder& Flags(uint8_t flags) { flags_ = flags; return *this; }
+    FrameBuilder& TcpOptions(const Bytes& options) { tcpOptions_ = PadOptions(options); return *this; }
+    FrameBuilder& NoUdpChecksum() { noUdpChecksum_ = true; return *this; }  // UDP checksum 0: "none"
+    FrameBuilder& Payload(const Bytes& payload) { payload_ = payload; return *this; }
+    FrameBuilder& Payload(const std::string& payload) { payload_ = ToBytes(payload); return *this; }
 
     // ARP (Ethernet/IPv4)
-    FrameBuilder& ArpOpcode(uint16_t opcode);
-    FrameBuilder& ArpProtocolType(uint16_t type);
-    FrameBuilder& ArpSender(const MacAddress& mac, const Ipv4Address& ip);
-    FrameBuilder& ArpTarget(const MacAddress& mac, const Ipv4Address& ip);
+    FrameBuilder& ArpOpcode(uint16_t opcode) { arpOpcode_ = opcode; return *this; }
+    FrameBuilder& ArpProtocolType(uint16_t type) { arpProtocolType_ = type; return *this; }
+    FrameBuilder& ArpSender(const MacAddress& mac, const Ipv4Address& ip) { arpSender_ = {mac, ip}; return *this; }
+    FrameBuilder& ArpTarget(const MacAddress& mac, const Ipv4Address& ip) { arpTarget_ = {mac, ip}; return *this; }
 
     Frame Build() const;
     // The datagram cut into IPv4 fragments carrying at most `fragmentData` bytes of IP
@@ -101,8 +121,10 @@ public:
 private:
     enum class Kind { Tcp, Udp, Arp, Raw };
     explicit FrameBuilder(Kind kind);
+    static Bytes PadOptions(Bytes options);
+    uint8_t ProtocolNumber() const;
     Bytes IpPayload() const;  // transport header + payload, checksum included
-    Frame Assemble(const Bytes& ipPayload, uint16_t fragmentField, std::optional<uint16_t> totalLength) const;
+    Frame Assemble(const Bytes& ipPayload, uint16_t fragmentField) const;
 
     Kind kind_;
     MacAddress ethDst_{0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
@@ -110,34 +132,28 @@ private:
     std::optional<uint16_t> etherType_;
     size_t padTo_ = 0;
 
+    bool ipv6_ = false;
     Ipv4Address ipSrc_{10, 0, 0, 1};
     Ipv4Address ipDst_{10, 0, 0, 2};
     uint8_t ttl_ = 64;
-    uint8_t tos_ = 0;
     uint16_t ipId_ = 0x1234;
-    bool dontFragment_ = true;
+    uint16_t fragmentField_ = 0x4000;  // don't fragment
     std::optional<uint8_t> protocol_;
     Bytes ipOptions_;
-    std::optional<uint16_t> ipChecksum_;
-    std::optional<uint16_t> totalLength_;
 
     uint16_t srcPort_ = 40000;
     uint16_t dstPort_ = 80;
     uint32_t seq_ = 1000;
     uint32_t ack_ = 0;
     uint8_t flags_ = kAck;
-    uint16_t window_ = 64240;
-    uint16_t urgent_ = 0;
     Bytes tcpOptions_;
-    std::optional<uint16_t> transportChecksum_;
+    bool noUdpChecksum_ = false;
     Bytes payload_;
 
     uint16_t arpOpcode_ = 1;
     uint16_t arpProtocolType_ = kEtherIpv4;
-    MacAddress arpSenderMac_{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
-    Ipv4Address arpSenderIp_{10, 0, 0, 1};
-    MacAddress arpTargetMac_{};
-    Ipv4Address arpTargetIp_{10, 0, 0, 2};
+    std::pair<MacAddress, Ipv4Address> arpSender_{{0x02, 0x00, 0x00, 0x00, 0x00, 0x01}, {10, 0, 0, 1}};
+    std::pair<MacAddress, Ipv4Address> arpTarget_{{}, {10, 0, 0, 2}};
 };
 
 }  // namespace ndtest

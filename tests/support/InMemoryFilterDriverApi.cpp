@@ -15,14 +15,12 @@ std::string Guid(uint32_t n) {
     return text;
 }
 
-Nat::Frame EthernetFrame(const Nat::MacAddress& destination, const Nat::MacAddress& source, uint16_t etherType,
-                         size_t payloadBytes, uint8_t fill) {
-    Nat::Frame frame(destination.begin(), destination.end());
-    frame.insert(frame.end(), source.begin(), source.end());
-    frame.push_back(static_cast<uint8_t>(etherType >> 8));
-    frame.push_back(static_cast<uint8_t>(etherType & 0xFF));
-    frame.insert(frame.end(), payloadBytes, fill);
-    return frame;
+namespace {
+constexpr uint16_t kMarkerType = 0x88B5;
+}
+
+bool IsMarker(const Nat::Frame& frame) {
+    return frame.size() >= 14 && frame[12] == (kMarkerType >> 8) && frame[13] == (kMarkerType & 0xFF);
 }
 
 class InMemoryClient final : public IFilterDriverApi {
@@ -191,14 +189,9 @@ NdisApi::Handle InMemoryNetwork::AddAdapterNamed(const std::string& key, const s
     adapter.internalName = internalName;
     adapter.handle = handle != 0 ? handle : nextHandle_++;
     adapter.mac = mac;
-    adapter.hwFilter = 0x0B;
     adapters_.emplace(key, std::move(adapter));
     order_.push_back(key);
     return adapters_.at(key).handle;
-}
-
-std::unique_ptr<IFilterDriverApi> InMemoryNetwork::CreateClient() {
-    return std::make_unique<InMemoryClient>(shared_from_this());
 }
 
 InMemoryNetwork::FactoryGuard InMemoryNetwork::Install() {
@@ -206,7 +199,7 @@ InMemoryNetwork::FactoryGuard InMemoryNetwork::Install() {
     SetFilterDriverApiFactory([weak]() -> std::unique_ptr<IFilterDriverApi> {
         auto network = weak.lock();
         if (!network) return nullptr;
-        return network->CreateClient();
+        return std::make_unique<InMemoryClient>(network);
     });
     FactoryGuard guard;
     guard.active_ = true;
@@ -228,15 +221,14 @@ bool InMemoryNetwork::Failing(Call call) const {
     return found != failing_.end() && found->second;
 }
 
-InMemoryNetwork::Adapter* InMemoryNetwork::FindLocked(const std::string& key) {
-    auto found = adapters_.find(key);
-    return found == adapters_.end() ? nullptr : &found->second;
-}
-
-const InMemoryNetwork::Adapter& InMemoryNetwork::GetLocked(const std::string& key) const {
+InMemoryNetwork::Adapter& InMemoryNetwork::GetLocked(const std::string& key) {
     auto found = adapters_.find(key);
     if (found == adapters_.end()) throw std::logic_error("no such adapter: " + key);
     return found->second;
+}
+
+const InMemoryNetwork::Adapter& InMemoryNetwork::GetLocked(const std::string& key) const {
+    return const_cast<InMemoryNetwork*>(this)->GetLocked(key);
 }
 
 InMemoryNetwork::Adapter* InMemoryNetwork::ByHandleLocked(NdisApi::Handle handle) {
@@ -248,17 +240,15 @@ InMemoryNetwork::Adapter* InMemoryNetwork::ByHandleLocked(NdisApi::Handle handle
 
 bool InMemoryNetwork::Inject(const std::string& key, const Nat::Frame& frame, bool fromWire) {
     std::lock_guard lock(mutex_);
-    Adapter* adapter = FindLocked(key);
-    if (adapter == nullptr) throw std::logic_error("no such adapter: " + key);
+    Adapter& adapter = GetLocked(key);
     const uint32_t divertFlag = fromWire ? NdisApi::MSTCP_FLAG_RECV_TUNNEL : NdisApi::MSTCP_FLAG_SENT_TUNNEL;
-    if ((adapter->mode & divertFlag) == 0) {
-        (fromWire ? adapter->stack : adapter->wire).push_back(frame);
+    if ((adapter.mode & divertFlag) == 0) {
+        (fromWire ? adapter.stack : adapter.wire).push_back(frame);
         changed_.notify_all();
         return false;
     }
-    adapter->queue.push_back(
-        Captured{frame, fromWire ? NdisApi::PACKET_FLAG_ON_RECEIVE : NdisApi::PACKET_FLAG_ON_SEND});
-    if (adapter->packetEvent != 0) (void)Platform::SetEvent(adapter->packetEvent);
+    adapter.queue.push_back(Captured{frame, fromWire ? NdisApi::PACKET_FLAG_ON_RECEIVE : NdisApi::PACKET_FLAG_ON_SEND});
+    if (adapter.packetEvent != 0) (void)Platform::SetEvent(adapter.packetEvent);
     return true;
 }
 
@@ -270,99 +260,48 @@ bool InMemoryNetwork::InjectFromStack(const std::string& key, const Nat::Frame& 
     return Inject(key, frame, false);
 }
 
-std::vector<Nat::Frame> InMemoryNetwork::SentToWire(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).wire;
+bool InMemoryNetwork::Settle(const std::string& key) {
+    Nat::Frame marker;
+    {
+        std::lock_guard lock(mutex_);
+        const Nat::MacAddress& source = GetLocked(key).mac;
+        marker = {0x02, 0x4D, 0x4B, 0x00, 0x00, 0x01};  // nobody's address
+        marker.insert(marker.end(), source.begin(), source.end());
+        marker.insert(marker.end(), {kMarkerType >> 8, kMarkerType & 0xFF});
+        marker.resize(60, ++markerSerial_);
+    }
+    if (!InjectFromStack(key, marker)) return false;
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(5), [&] {
+        const auto& wire = GetLocked(key).wire;
+        return std::find(wire.begin(), wire.end(), marker) != wire.end();
+    });
 }
 
-std::vector<Nat::Frame> InMemoryNetwork::SentToStack(const std::string& key) const {
+std::vector<Nat::Frame> InMemoryNetwork::Sent(const std::string& key, bool wire) const {
     std::lock_guard lock(mutex_);
-    return GetLocked(key).stack;
+    std::vector<Nat::Frame> frames = wire ? GetLocked(key).wire : GetLocked(key).stack;
+    std::erase_if(frames, IsMarker);
+    return frames;
 }
+
+std::vector<Nat::Frame> InMemoryNetwork::SentToWire(const std::string& key) const { return Sent(key, true); }
+std::vector<Nat::Frame> InMemoryNetwork::SentToStack(const std::string& key) const { return Sent(key, false); }
 
 void InMemoryNetwork::ClearSent(const std::string& key) {
     std::lock_guard lock(mutex_);
-    Adapter* adapter = FindLocked(key);
-    if (adapter == nullptr) return;
-    adapter->wire.clear();
-    adapter->stack.clear();
+    GetLocked(key).wire.clear();
+    GetLocked(key).stack.clear();
 }
 
-bool InMemoryNetwork::WaitFor(const std::string& key, size_t count, bool wire,
-                              std::chrono::milliseconds timeout) const {
+bool InMemoryNetwork::WaitForStack(const std::string& key, size_t count) const {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] {
-        const Adapter& adapter = GetLocked(key);
-        return (wire ? adapter.wire : adapter.stack).size() >= count;
-    });
+    return changed_.wait_for(lock, std::chrono::seconds(5), [&] { return GetLocked(key).stack.size() >= count; });
 }
 
-bool InMemoryNetwork::WaitForFrame(const std::string& key, const Nat::Frame& frame, bool wire,
-                                   std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] {
-        const Adapter& adapter = GetLocked(key);
-        const auto& sent = wire ? adapter.wire : adapter.stack;
-        return std::find(sent.begin(), sent.end(), frame) != sent.end();
-    });
-}
-
-bool InMemoryNetwork::WaitForFrameOnWire(const std::string& key, const Nat::Frame& frame,
-                                         std::chrono::milliseconds timeout) const {
-    return WaitForFrame(key, frame, true, timeout);
-}
-
-bool InMemoryNetwork::WaitForFrameOnStack(const std::string& key, const Nat::Frame& frame,
-                                          std::chrono::milliseconds timeout) const {
-    return WaitForFrame(key, frame, false, timeout);
-}
-
-bool InMemoryNetwork::WaitForWire(const std::string& key, size_t count, std::chrono::milliseconds timeout) const {
-    return WaitFor(key, count, true, timeout);
-}
-
-bool InMemoryNetwork::WaitForStack(const std::string& key, size_t count, std::chrono::milliseconds timeout) const {
-    return WaitFor(key, count, false, timeout);
-}
-
-bool InMemoryNetwork::WaitUntilDrained(const std::string& key, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return GetLocked(key).queue.empty(); });
-}
-
-uint32_t InMemoryNetwork::AdapterMode(const std::string& key) const {
+InMemoryNetwork::Adapter InMemoryNetwork::State(const std::string& key) const {
     std::lock_guard lock(mutex_);
-    return GetLocked(key).mode;
-}
-
-uint32_t InMemoryNetwork::HwFilter(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).hwFilter;
-}
-
-int InMemoryNetwork::TunnelEntries(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).tunnelEntries;
-}
-
-int InMemoryNetwork::FilterTablesInstalled(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).filterTables;
-}
-
-NdisApi::STATIC_FILTER InMemoryNetwork::LastFilter(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).lastFilter;
-}
-
-NdisApi::Handle InMemoryNetwork::PacketEvent(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).packetEvent;
-}
-
-size_t InMemoryNetwork::QueuedFrames(const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    return GetLocked(key).queue.size();
+    return GetLocked(key);
 }
 
 int InMemoryNetwork::OpenAdapterEvents() const {

@@ -10,13 +10,7 @@
 //   auto guard = network->Install();           // CreateFilterDriverApi() now uses it
 //   ... publisher.Register(&session, {Guid(1)});
 //   network->InjectFromWire(Guid(1), frame);
-//   ASSERT_TRUE(network->WaitForStack(Guid(1), 1));
-//
-// To check that a frame went nowhere, inject a frame that is known to pass after it (for
-// example one sent by the stack that no subscriber takes) and wait for that one with
-// WaitForFrameOnWire: one adapter's frames are dispatched in capture order.
-// tests/FilterDriver/TestFrames.h has IPv4 fragment builders, such markers and a
-// recording subscriber.
+//   ASSERT_TRUE(network->Settle(Guid(1)));     // everything injected so far is dispatched
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -35,16 +29,34 @@ namespace NativeNetworkDriver::Testing {
 // "{0000000N-0000-0000-0000-000000000000}": a GUID text for test adapter n.
 std::string Guid(uint32_t n);
 
-// An Ethernet II frame: destination, source, EtherType, then `payloadBytes` bytes of `fill`.
-Nat::Frame EthernetFrame(const Nat::MacAddress& destination, const Nat::MacAddress& source, uint16_t etherType,
-                         size_t payloadBytes, uint8_t fill = 0);
-
 inline constexpr Nat::MacAddress kBroadcastMac{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+// The frames that Settle sends through; SentToWire and SentToStack leave them out.
+bool IsMarker(const Nat::Frame& frame);
 
 class InMemoryNetwork : public std::enable_shared_from_this<InMemoryNetwork> {
 public:
     // Calls that tests can make fail.
     enum class Call { GetTcpipBoundAdaptersInfo, GetHwPacketFilter, SetHwPacketFilter, SetAdapterMode, CreateAdapterEvent };
+
+    struct Captured {
+        Nat::Frame frame;
+        uint32_t flags;
+    };
+    struct Adapter {
+        std::string internalName;
+        NdisApi::Handle handle = 0;
+        Nat::MacAddress mac{};
+        uint32_t mode = 0;
+        uint32_t hwFilter = 0x0B;
+        NdisApi::Handle packetEvent = 0;
+        std::deque<Captured> queue;
+        std::vector<Nat::Frame> wire;
+        std::vector<Nat::Frame> stack;
+        int tunnelEntries = 0;  // how many times it went from normal to tunnel mode
+        int filterTables = 0;   // filter tables installed for it (matched by the handle's low half)
+        NdisApi::STATIC_FILTER lastFilter{};
+    };
 
     // Restores the empty factory when it goes.
     class FactoryGuard {
@@ -61,15 +73,13 @@ public:
 
     static std::shared_ptr<InMemoryNetwork> Create();
 
-    // An adapter named "\DEVICE\" + guid. Handle 0 picks the next free one. The hardware
-    // filter starts at `hwFilter`.
+    // An adapter named "\DEVICE\" + guid. Handle 0 picks the next free one.
     NdisApi::Handle AddAdapter(const std::string& guid, const Nat::MacAddress& mac, NdisApi::Handle handle = 0,
                                uint32_t hwFilter = 0x0B);
     // An adapter with a given internal name; `key` is how the test refers to it.
     NdisApi::Handle AddAdapterNamed(const std::string& key, const std::string& internalName,
                                     const Nat::MacAddress& mac, NdisApi::Handle handle = 0);
 
-    std::unique_ptr<IFilterDriverApi> CreateClient();
     [[nodiscard]] FactoryGuard Install();
 
     void SetDriverLoaded(bool loaded);
@@ -78,66 +88,31 @@ public:
     // True when the frame was diverted to the driver, false when it passed straight through.
     bool InjectFromWire(const std::string& key, const Nat::Frame& frame);
     bool InjectFromStack(const std::string& key, const Nat::Frame& frame);
+    // Waits (bounded) until everything captured on the adapter before this call has been
+    // dispatched: a marker sent by the stack goes out on the wire once its turn comes.
+    bool Settle(const std::string& key);
 
     std::vector<Nat::Frame> SentToWire(const std::string& key) const;
     std::vector<Nat::Frame> SentToStack(const std::string& key) const;
     void ClearSent(const std::string& key);
-    // Waits (bounded) until at least `count` frames were sent to that side.
-    bool WaitForWire(const std::string& key, size_t count,
-                     std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const;
-    bool WaitForStack(const std::string& key, size_t count,
-                      std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const;
-    // Waits (bounded) until this exact frame has been sent to that side.
-    bool WaitForFrameOnWire(const std::string& key, const Nat::Frame& frame,
-                            std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const;
-    bool WaitForFrameOnStack(const std::string& key, const Nat::Frame& frame,
-                             std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const;
-    // Waits (bounded) until the driver queue of the adapter has been read empty.
-    bool WaitUntilDrained(const std::string& key,
-                          std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const;
+    // Waits (bounded) until at least `count` frames were sent to the stack.
+    bool WaitForStack(const std::string& key, size_t count) const;
 
-    uint32_t AdapterMode(const std::string& key) const;
-    uint32_t HwFilter(const std::string& key) const;
-    // How many times the adapter went from normal to tunnel mode.
-    int TunnelEntries(const std::string& key) const;
-    // Filter tables installed for the adapter (matched by the handle's low half), and the last filter.
-    int FilterTablesInstalled(const std::string& key) const;
-    NdisApi::STATIC_FILTER LastFilter(const std::string& key) const;
-    NdisApi::Handle PacketEvent(const std::string& key) const;
-    size_t QueuedFrames(const std::string& key) const;
-    // Events created through CreateAdapterEvent and not closed yet.
+    Adapter State(const std::string& key) const;
+    uint32_t AdapterMode(const std::string& key) const { return State(key).mode; }
+    // Events created through CreateAdapterEvent and not closed yet, and driver clients alive.
     int OpenAdapterEvents() const;
     int LiveClients() const;
 
 private:
     friend class InMemoryClient;
-    struct Captured {
-        Nat::Frame frame;
-        uint32_t flags;
-    };
-    struct Adapter {
-        std::string internalName;
-        NdisApi::Handle handle = 0;
-        Nat::MacAddress mac{};
-        uint32_t mode = 0;
-        uint32_t hwFilter = 0;
-        NdisApi::Handle packetEvent = 0;
-        std::deque<Captured> queue;
-        std::vector<Nat::Frame> wire;
-        std::vector<Nat::Frame> stack;
-        int tunnelEntries = 0;
-        int filterTables = 0;
-        NdisApi::STATIC_FILTER lastFilter{};
-    };
 
     InMemoryNetwork() = default;
-    Adapter* FindLocked(const std::string& key);
+    Adapter& GetLocked(const std::string& key);
     const Adapter& GetLocked(const std::string& key) const;
     Adapter* ByHandleLocked(NdisApi::Handle handle);
     bool Inject(const std::string& key, const Nat::Frame& frame, bool fromWire);
-    bool WaitFor(const std::string& key, size_t count, bool wire, std::chrono::milliseconds timeout) const;
-    bool WaitForFrame(const std::string& key, const Nat::Frame& frame, bool wire,
-                      std::chrono::milliseconds timeout) const;
+    std::vector<Nat::Frame> Sent(const std::string& key, bool wire) const;
     bool Failing(Call call) const;
 
     mutable std::mutex mutex_;
@@ -149,6 +124,7 @@ private:
     std::map<Call, bool> failing_;
     int openEvents_ = 0;
     int liveClients_ = 0;
+    uint8_t markerSerial_ = 0;
 };
 
 }  // namespace NativeNetworkDriver::Testing

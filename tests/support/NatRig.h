@@ -1,36 +1,47 @@
 #pragma once
-// Frames as real hosts send them, an independent reading of their fields and
-// checksums, and a translator wired to a real ARP table on a controlled clock.
+// A translator wired to a real ARP table on a controlled clock, the small network around
+// it, frames as its hosts send them and an independent reading of their fields. Shared
+// by the Nat suite and the translator fuzzer.
 #include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "Nat/InternetConnectionSharing.h"
 #include "Nat/NetworkAddressTranslator.h"
 #include "Packet/ArpTable.h"
 #include "Packet/IArpCache.h"
+#include "support/FrameBuilder.h"
+#include "support/Thrown.h"
 
 namespace NatTest {
 
-using Nat::Bytes;
-using Nat::Frame;
-using Nat::FragmentList;
-using Nat::Ipv4Address;
-using Nat::MacAddress;
+using namespace ndtest;
 
-constexpr uint8_t kFin = 0x01;
-constexpr uint8_t kSyn = 0x02;
-constexpr uint8_t kRst = 0x04;
-constexpr uint8_t kPsh = 0x08;
-constexpr uint8_t kAck = 0x10;
+constexpr MacAddress Mac(uint8_t last) { return {0x02, 0x00, 0x00, 0x00, 0x00, last}; }
+constexpr Ipv4Address Ip(uint8_t a, uint8_t b, uint8_t c, uint8_t d) { return {a, b, c, d}; }
 
-MacAddress Mac(uint8_t last);
-Ipv4Address Ip(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
-Bytes B(const MacAddress& mac);
-Bytes B(const Ipv4Address& ip);
+// A small network: hosts behind "int0" (192.168.1.0/24, this machine .1), the outside
+// on "ext0" (10.0.0.0/24, this machine .2, gateway .1), a server network on "srv0"
+// (172.20.0.0/24, this machine .1).
+inline constexpr MacAddress kIntMac = Mac(0x01), kExtMac = Mac(0x02), kSrvMac = Mac(0x03);
+inline constexpr Ipv4Address kIntIp = Ip(192, 168, 1, 1), kExtIp = Ip(10, 0, 0, 2), kSrvSideIp = Ip(172, 20, 0, 1);
+inline constexpr MacAddress kHostMac = Mac(0x11);  // a host behind int0
+inline constexpr Ipv4Address kHostIp = Ip(192, 168, 1, 10);
+inline constexpr MacAddress kGatewayMac = Mac(0xFE);
+inline constexpr MacAddress kPeerMac = Mac(0x21);  // an on-link peer on ext0
+inline constexpr Ipv4Address kPeerIp = Ip(10, 0, 0, 50);
+inline constexpr Ipv4Address kFarIp = Ip(93, 184, 216, 34);  // behind the gateway
+inline constexpr MacAddress kServerMac = Mac(0x31);          // the published server on srv0
+inline constexpr Ipv4Address kServerIp = Ip(172, 20, 0, 20);
 
+struct Net {
+    static Nat::AdapterInfo Internal();
+    static Nat::AdapterInfo External();
+    static Nat::AdapterInfo Servers();
+};
+
+// Ethernet II + IPv4 + TCP or UDP with valid checksums, padded to the 60-byte minimum.
 struct TcpSpec {
     TcpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
             uint16_t srcPort, uint16_t dstPort, uint32_t seq, uint32_t ack, uint8_t flags, std::string payload = {})
@@ -42,11 +53,9 @@ struct TcpSpec {
     uint32_t seq = 0, ack = 0;
     uint8_t flags = kAck;
     std::string payload;
-    std::vector<uint8_t> tcpOptions;  // a multiple of 4 bytes
-    std::vector<uint8_t> ipOptions;   // a multiple of 4 bytes
-    uint16_t ipId = 1;
+    Bytes tcpOptions;
+    Bytes ipOptions;
 };
-// Ethernet II + IPv4 + TCP with valid checksums, padded to the 60-byte minimum.
 Frame Tcp(const TcpSpec& spec);
 
 struct UdpSpec {
@@ -59,32 +68,22 @@ struct UdpSpec {
     uint16_t srcPort = 0, dstPort = 0;
     std::string payload;
     bool noChecksum = false;
-    uint16_t ipId = 1;
 };
 Frame Udp(const UdpSpec& spec);
-// The same datagram cut into fragments carrying at most `chunk` bytes of IP payload
-// each (a multiple of 8).
+// The same datagram cut into fragments of at most `chunk` bytes of IP payload (a multiple of 8).
 FragmentList UdpFragments(const UdpSpec& spec, size_t chunk);
 
-// Independent field reading.
+// Independent field reading; ports and what follows only from a first fragment.
 struct Fields {
     MacAddress srcMac{}, dstMac{};
     Ipv4Address srcIp{}, dstIp{};
     uint8_t protocol = 0;
-    uint16_t totalLength = 0;
     uint16_t srcPort = 0, dstPort = 0;
     uint32_t seq = 0, ack = 0;
     uint8_t flags = 0;
     std::string payload;
 };
-Fields Parse(const Frame& frame);
-
-bool IpChecksumOk(const Frame& frame);
-// Over the IP total length, so that Ethernet padding is ignored. A UDP checksum of 0
-// (none sent) counts as valid.
-bool TransportChecksumOk(const Frame& frame);
-// Reassembles the fragments and checks the whole datagram's transport checksum.
-bool DatagramChecksumOk(const FragmentList& fragments);
+Fields Parse(const Frame& frame);  // the frame holds at least an Ethernet and an IPv4 header
 
 // The ARP cache face that sessions give the translator, over a real table.
 class FakeArpCache : public NativeNetworkDriver::IArpCache, public Nat::IResolvedPacketSubscriber {
@@ -102,23 +101,7 @@ public:
     std::vector<std::pair<std::set<Frame>, std::string>> releasedFragments;
 };
 
-// A small network: hosts behind "int0" (192.168.1.0/24, this machine .1), the outside
-// on "ext0" (10.0.0.0/24, this machine .2, gateway .1), a server network on "srv0"
-// (172.20.0.0/24, this machine .1).
-struct Net {
-    static Nat::AdapterInfo Internal();
-    static Nat::AdapterInfo External();
-    static Nat::AdapterInfo Servers();
-    static MacAddress HostMac() { return Mac(0x11); }
-    static Ipv4Address HostIp() { return Ip(192, 168, 1, 10); }
-    static MacAddress GatewayMac() { return Mac(0xFE); }
-    static MacAddress PeerMac() { return Mac(0x21); }       // an on-link peer on ext0
-    static Ipv4Address PeerIp() { return Ip(10, 0, 0, 50); }
-    static Ipv4Address FarIp() { return Ip(93, 184, 216, 34); }  // behind the gateway
-    static MacAddress ServerMac() { return Mac(0x31); }
-    static Ipv4Address ServerIp() { return Ip(172, 20, 0, 20); }
-};
-
+// A rule publishing `fromPort` of ext0 as `toPort` of the server on srv0.
 Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource);
 
 // A translator with its clock, ARP table and the network above.

@@ -1,0 +1,44 @@
+#include "support/LogCapture.h"
+
+#include <algorithm>
+
+#include "Logging/Logger.h"
+
+namespace ndtest {
+
+LogCapture::LogCapture(int threshold) {
+    auto& logger = TorvUtils::Logger::Instance();
+    logger.SetToConsole(false);
+    logger.SetToDebugger(false);
+    logger.SetDirectory(dir_.Path() + "/");
+    logger.SetPrefix("log_");
+    logger.SetExtension(".txt");
+    logger.SetFileCount(1);
+    logger.SetMaxFileSize(0);  // one file that never rotates
+    logger.SetToFile(true);
+    logger.SetThreshold(threshold);
+}
+
+LogCapture::~LogCapture() {
+    auto& logger = TorvUtils::Logger::Instance();
+    logger.SetThreshold(2);
+    logger.SetToFile(false);
+    logger.SetDirectory("");
+}
+
+std::string LogCapture::Text() const { return ReadFile(File()); }
+
+std::vector<std::string> LogCapture::Lines() const { return LogEntries(File()); }
+
+int LogCapture::Count(const std::string& levelAndText) const {
+    const auto lines = Lines();
+    return static_cast<int>(std::count(lines.begin(), lines.end(), levelAndText));
+}
+
+std::vector<std::string> LogCapture::From(const std::string& first) const {
+    auto lines = Lines();
+    const auto at = std::find(lines.begin(), lines.end(), first);
+    return std::vector<std::string>(at, lines.end());
+}
+
+}  // namespace ndtest

@@ -1,0 +1,122 @@
+#include "support/NatRig.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace NatTest {
+
+namespace {
+
+FrameBuilder UdpBuilder(const UdpSpec& s) {
+    FrameBuilder b = FrameBuilder::Udp().EthSrc(s.srcMac).EthDst(s.dstMac).IpSrc(s.srcIp).IpDst(s.dstIp)
+                         .SrcPort(s.srcPort).DstPort(s.dstPort).DontFragment(false).Payload(s.payload).PadTo(60);
+    if (s.noChecksum) b.NoUdpChecksum();
+    return b;
+}
+
+}  // namespace
+
+Frame Tcp(const TcpSpec& s) {
+    return FrameBuilder::Tcp().EthSrc(s.srcMac).EthDst(s.dstMac).IpSrc(s.srcIp).IpDst(s.dstIp).SrcPort(s.srcPort)
+        .DstPort(s.dstPort).Seq(s.seq).AckNumber(s.ack).Flags(s.flags).Payload(s.payload).TcpOptions(s.tcpOptions)
+        .IpOptions(s.ipOptions).PadTo(60).Build();
+}
+
+Frame Udp(const UdpSpec& s) { return UdpBuilder(s).Build(); }
+
+FragmentList UdpFragments(const UdpSpec& s, size_t chunk) { return UdpBuilder(s).BuildFragments(chunk); }
+
+Fields Parse(const Frame& f) {
+    if (f.size() < 34) throw std::invalid_argument("frame too short to parse");
+    Fields r;
+    std::copy(f.begin(), f.begin() + 6, r.dstMac.begin());
+    std::copy(f.begin() + 6, f.begin() + 12, r.srcMac.begin());
+    std::copy(f.begin() + 26, f.begin() + 30, r.srcIp.begin());
+    std::copy(f.begin() + 30, f.begin() + 34, r.dstIp.begin());
+    r.protocol = f[23];
+    const size_t t = 14 + (f[14] & 0x0F) * 4u;
+    const bool first = (Be16(f, 20) & 0x1FFF) == 0;
+    if (!first || f.size() < t + 8) return r;
+    r.srcPort = Be16(f, t);
+    r.dstPort = Be16(f, t + 2);
+    const size_t end = std::min<size_t>(f.size(), 14 + Be16(f, 16));
+    size_t begin = t + 8;
+    if (r.protocol == kProtoTcp && f.size() >= t + 20) {
+        r.seq = Be32(f, t + 4);
+        r.ack = Be32(f, t + 8);
+        r.flags = f[t + 13];
+        begin = t + (f[t + 12] >> 4) * 4u;
+    }
+    if ((r.protocol == kProtoTcp || r.protocol == kProtoUdp) && begin < end)
+        r.payload.assign(f.begin() + static_cast<long>(begin), f.begin() + static_cast<long>(end));
+    return r;
+}
+
+FakeArpCache::FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock) : table(std::move(clock)) {
+    table.Subscribe(this);
+}
+
+FakeArpCache::~FakeArpCache() { table.Unsubscribe(this); }
+
+void FakeArpCache::OnResolvedFragments(const std::set<Frame>& fragments, const std::string& guid) {
+    releasedFragments.emplace_back(fragments, guid);
+}
+
+void FakeArpCache::OnResolvedFrame(const Frame& frame, const std::string& guid) { released.emplace_back(frame, guid); }
+
+Nat::AdapterInfo Net::Internal() {
+    return {"int0", "Internal", ToBytes(kIntMac), {{ToBytes(kIntIp), {255, 255, 255, 0}}}, {}, {}};
+}
+
+Nat::AdapterInfo Net::External() {
+    return {"ext0", "External", ToBytes(kExtMac), {{ToBytes(kExtIp), {255, 255, 255, 0}}}, ToBytes(kGatewayMac),
+            {10, 0, 0, 1}};
+}
+
+Nat::AdapterInfo Net::Servers() {
+    return {"srv0", "Servers", ToBytes(kSrvMac), {{ToBytes(kSrvSideIp), {255, 255, 255, 0}}}, {}, {}};
+}
+
+Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource) {
+    Nat::RedirectRule rule;
+    rule.fromAdapter = Net::External();
+    rule.fromPort = fromPort;
+    rule.protocol = protocol;
+    rule.toAdapter = Net::Servers();
+    rule.toIp = ToBytes(kServerIp);
+    rule.toPort = toPort;
+    rule.translateSource = translateSource;
+    return rule;
+}
+
+Rig::Rig(std::vector<Nat::RedirectRule> rules, std::vector<Nat::AdapterMapping> mappings,
+         std::vector<uint32_t> tcpPorts, std::vector<uint32_t> udpPorts, uint32_t timeoutMs,
+         std::vector<Bytes> whiteList, Nat::ProxyInfo proxy)
+    : arp([this] { return now; }) {
+    nat = std::make_unique<Nat::NetworkAddressTranslator>(tcpPorts, udpPorts, timeoutMs, std::move(rules),
+                                                          std::move(mappings), std::move(proxy),
+                                                          std::move(whiteList), &arp, [this] { return now; });
+}
+
+std::vector<uint32_t> Rig::Ports(uint32_t first, uint32_t count) {
+    std::vector<uint32_t> ports;
+    for (uint32_t i = 0; i < count; ++i) ports.push_back(first + i);
+    return ports;
+}
+
+uint32_t Rig::Out(Frame& frame, const std::string& guid) {
+    const Fields f = Parse(frame);
+    const uint32_t kind =
+        nat->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort, f.dstPort);
+    if (kind != 0) lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid);
+    return kind;
+}
+
+uint32_t Rig::In(Frame& frame, const std::string& guid) {
+    const Fields f = Parse(frame);
+    const uint32_t kind = nat->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
+    if (kind != 0) lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid);
+    return kind;
+}
+
+}  // namespace NatTest
