@@ -64,15 +64,6 @@ TEST(NdisApiLayout, RequestAndModeArePacked) {
     EXPECT_EQ(offsetof(ADAPTER_MODE, dwFlags), 8u);
 }
 
-TEST(NdisApiLayout, FlagValuesAreTheDriversOwn) {
-    EXPECT_EQ(MSTCP_FLAG_SENT_TUNNEL | MSTCP_FLAG_RECV_TUNNEL | MSTCP_FLAG_LOOPBACK_BLOCK, 0x43u);
-    EXPECT_EQ(NDIS_PACKET_TYPE_PROMISCUOUS, 0x20u);
-    EXPECT_EQ(PACKET_FLAG_ON_SEND, 1u);
-    EXPECT_EQ(PACKET_FLAG_ON_RECEIVE, 2u);
-    EXPECT_EQ(PACKET_FLAG_ON_SEND_RECEIVE, 3u);
-    EXPECT_EQ(FILTER_PACKET_REDIRECT, 3u);
-}
-
 namespace {
 
 // A driver client whose only real call is the adapter list, filled byte by byte as the
