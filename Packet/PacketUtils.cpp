@@ -354,40 +354,45 @@ bool IsTcpAckFlagSet(const Frame& frame) { return TcpFlag(frame, 0x10); }
 
 // ---- Writers that keep the transport checksum right ----
 
-void SetSourcePort(Frame& frame, uint16_t port) {
+namespace {
+
+// The checksum-keeping field writers: read the transport checksum (which checks the
+// protocol), then the old value at IHL + `at`, write the new one and carry the change into
+// the checksum, 16 bits per step.
+void RewriteTransportField16(Frame& frame, uint32_t at, uint32_t threshold, const char* text, uint16_t value) {
     const uint16_t checksum = GetTransportHeaderChecksum(frame);
     const uint32_t h = GetIpHeaderSize(frame);
-    CheckSize(frame, h + 15, "Error setting source port, unexpected packet size: ");
-    const uint16_t oldPort = U16At(frame, h + 14);
-    PutU16(frame, h + 14, port);
-    UpdateTransportHeaderChecksum(frame, checksum, oldPort, U16At(frame, h + 14));
+    CheckSize(frame, h + threshold, text);
+    const uint16_t oldValue = U16At(frame, h + at);
+    PutU16(frame, h + at, value);
+    UpdateTransportHeaderChecksum(frame, checksum, oldValue, U16At(frame, h + at));
+}
+
+void RewriteTransportField32(Frame& frame, uint32_t at, uint32_t threshold, const char* text, uint32_t value) {
+    const uint16_t checksum = GetTransportHeaderChecksum(frame);
+    const uint32_t h = GetIpHeaderSize(frame);
+    CheckSize(frame, h + threshold, text);
+    const uint32_t oldValue = U32At(frame, h + at);
+    PutU32(frame, h + at, value);
+    UpdateChecksum32(frame, checksum, oldValue, U32At(frame, h + at));
+}
+
+}  // namespace
+
+void SetSourcePort(Frame& frame, uint16_t port) {
+    RewriteTransportField16(frame, 14, 15, "Error setting source port, unexpected packet size: ", port);
 }
 
 void SetDestinationPort(Frame& frame, uint16_t port) {
-    const uint16_t checksum = GetTransportHeaderChecksum(frame);
-    const uint32_t h = GetIpHeaderSize(frame);
-    CheckSize(frame, h + 17, "Error setting destination port, unexpected packet size: ");
-    const uint16_t oldPort = U16At(frame, h + 16);
-    PutU16(frame, h + 16, port);
-    UpdateTransportHeaderChecksum(frame, checksum, oldPort, U16At(frame, h + 16));
+    RewriteTransportField16(frame, 16, 17, "Error setting destination port, unexpected packet size: ", port);
 }
 
 void SetTcpSequenceNumber(Frame& frame, uint32_t number) {
-    const uint16_t checksum = GetTransportHeaderChecksum(frame);
-    const uint32_t h = GetIpHeaderSize(frame);
-    CheckSize(frame, h + 21, "Error setting TCP sequence number, unexpected packet size: ");
-    const uint32_t oldNumber = U32At(frame, h + 18);
-    PutU32(frame, h + 18, number);
-    UpdateChecksum32(frame, checksum, oldNumber, U32At(frame, h + 18));
+    RewriteTransportField32(frame, 18, 21, "Error setting TCP sequence number, unexpected packet size: ", number);
 }
 
 void SetAcknowledgmentNumber(Frame& frame, uint32_t number) {
-    const uint16_t checksum = GetTransportHeaderChecksum(frame);
-    const uint32_t h = GetIpHeaderSize(frame);
-    CheckSize(frame, h + 25, "Error setting acknowledgment number, unexpected packet size: ");
-    const uint32_t oldNumber = U32At(frame, h + 22);
-    PutU32(frame, h + 22, number);
-    UpdateChecksum32(frame, checksum, oldNumber, U32At(frame, h + 22));
+    RewriteTransportField32(frame, 22, 25, "Error setting acknowledgment number, unexpected packet size: ", number);
 }
 
 void UpdateSourceIpAddress(Frame& frame, const Bytes& ip) {
