@@ -244,5 +244,23 @@ TEST_F(VPNTest, TunnelFramesAreDroppedWithoutARegisteredAdapter) {
     publisher->Unregister(&other);
 }
 
+TEST_F(VPNTest, TunnelFramesOfAnyShapeAreWrittenOrDroppedNeverOverread) {
+    OpenWithSupervisor(false);
+    uint32_t seed = 12345;
+    auto next = [&] { return seed = seed * 1103515245u + 12345u; };
+    size_t written = 0;
+    for (size_t length : {0u, 1u, 5u, 6u, 13u, 59u, 60u, 1514u, 1515u, 4000u}) {
+        Nat::Frame frame(length);
+        for (auto& b : frame) b = static_cast<uint8_t>(next() >> 16);
+        if (length > 0) frame[0] &= 0xFE;  // unicast, so that it goes to exactly one place
+        vpn->SendFrame(frame);
+        if (length <= Nat::kMaxFrameSize) ++written;
+    }
+    // Everything up to the Ethernet maximum goes out; larger frames are refused by size.
+    EXPECT_EQ(network->SentToWire(guid).size() + network->SentToStack(guid).size(), written);
+    EXPECT_TRUE(log.Has("ERROR;The frame size exceeds the max ethernet frame size: 1515. The packet will be dropped."));
+    EXPECT_TRUE(log.Has("ERROR;The frame size exceeds the max ethernet frame size: 4000. The packet will be dropped."));
+}
+
 }  // namespace
 }  // namespace NativeNetworkDriver
