@@ -143,10 +143,21 @@ Encoder& Encoder::Raw(const NativeNetworkDriver::Bytes& raw) {
     return *this;
 }
 
+void EncodeHeaderInto(Bytes& out, uint32_t type, uint32_t length) {
+    out.resize(11);
+    out[0] = 0;
+    out[1] = kTagEnum32;
+    out[6] = kTagUInt32;
+    for (int i = 0; i < 4; ++i) {
+        out[2 + i] = static_cast<uint8_t>(type >> (8 * i));
+        out[7 + i] = static_cast<uint8_t>(length >> (8 * i));
+    }
+}
+
 Bytes EncodeHeader(uint32_t type, uint32_t length) {
-    Encoder e = Encoder::Payload();
-    e.Enum32(type).UInt32(length);
-    return e.Take();
+    Bytes header;
+    EncodeHeaderInto(header, type, length);
+    return header;
 }
 
 }  // namespace NativeNetworkDriver

@@ -90,5 +90,7 @@ private:
 
 // The 11-byte pipe header: 0, Enum32 type, UInt32 length.
 Bytes EncodeHeader(uint32_t type, uint32_t length);
+// The same header written over the start of `out`, which is resized to hold it.
+void EncodeHeaderInto(Bytes& out, uint32_t type, uint32_t length);
 
 }  // namespace NativeNetworkDriver

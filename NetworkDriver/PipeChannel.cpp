@@ -88,13 +88,9 @@ void PipeChannel::ReadLoop() {
     }
 }
 
-void PipeChannel::Write(const std::vector<uint8_t>& bytes) {
+void PipeChannel::WriteLocked(const std::vector<uint8_t>& bytes) {
     if (bytes.empty()) return;
-    Platform::PipeClient::Result result;
-    {
-        std::lock_guard lock(writeLock_);
-        result = writePipe_.Write(bytes.data(), static_cast<uint32_t>(bytes.size()));
-    }
+    const auto result = writePipe_.Write(bytes.data(), static_cast<uint32_t>(bytes.size()));
     if (result.ok) return;
     if (result.error == Platform::kErrorOperationAborted)
         Log("Received ERROR_OPERATION_ABORTED", 0);
@@ -102,12 +98,19 @@ void PipeChannel::Write(const std::vector<uint8_t>& bytes) {
         Log("Error in WriteFile, error code: " + std::to_string(result.error), 0);
 }
 
-void PipeChannel::Send(uint32_t type, const std::vector<uint8_t>& payload) {
-    std::vector<uint8_t> message = EncodeHeader(type, static_cast<uint32_t>(payload.size()));
-    message.insert(message.end(), payload.begin(), payload.end());
-    Write(message);
+void PipeChannel::Write(const std::vector<uint8_t>& bytes) {
+    std::lock_guard lock(writeLock_);
+    WriteLocked(bytes);
 }
 
-void PipeChannel::Send(uint32_t type) { Write(EncodeHeader(type, 0)); }
+// Header and payload go out in one write, so each message is one pipe message.
+void PipeChannel::Send(uint32_t type, const std::vector<uint8_t>& payload) {
+    std::lock_guard lock(writeLock_);
+    EncodeHeaderInto(sendBuffer_, type, static_cast<uint32_t>(payload.size()));
+    sendBuffer_.insert(sendBuffer_.end(), payload.begin(), payload.end());
+    WriteLocked(sendBuffer_);
+}
+
+void PipeChannel::Send(uint32_t type) { Send(type, {}); }
 
 }  // namespace NativeNetworkDriver

@@ -47,6 +47,8 @@ public:
 private:
     // Fills `buffer` with exactly `size` bytes; false when a read ends the stream.
     bool ReadExactly(uint8_t* buffer, uint32_t size);
+    // One write call; the caller holds writeLock_.
+    void WriteLocked(const std::vector<uint8_t>& bytes);
 
     bool readHandleOwned_ = false;
     Platform::PipeClient readPipe_;
@@ -55,6 +57,7 @@ private:
     bool connected_ = false;
     IPipeDataRead* listener_ = nullptr;
     std::mutex writeLock_;
+    std::vector<uint8_t> sendBuffer_;  // reused under writeLock_: no allocation per tunnel frame
 };
 
 }  // namespace NativeNetworkDriver
