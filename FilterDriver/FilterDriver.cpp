@@ -1,5 +1,6 @@
 #include "FilterDriver/FilterDriver.h"
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -95,7 +96,7 @@ void FilterDriver::Open() {
         InstallFilterTable();
 
         stopping_ = false;
-        captureThread_ = std::thread([this] { CaptureThread(this); });
+        captureThread_ = std::thread([this] { CaptureThread(); });
         Log("Virtual Ethernet adapter (GUID: " + guid_ + ") opened.", kInfo);
     } catch (...) {
         Log("Error opening Virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
@@ -131,12 +132,7 @@ void FilterDriver::InstallFilterTable() {
     std::free(table);
 }
 
-uint32_t FilterDriver::CaptureThread(void* self) {
-    static_cast<FilterDriver*>(self)->CaptureLoop();
-    return 0;
-}
-
-void FilterDriver::CaptureLoop() {
+void FilterDriver::CaptureThread() {
     try {
         Log("Starting CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
         if (!quitEvent_.IsValid()) {
@@ -153,17 +149,14 @@ void FilterDriver::CaptureLoop() {
         }
         WaitHandle* const waits[2] = {&quitEvent_, &*packetEvent_};
 
-        NdisApi::INTERMEDIATE_BUFFER buffer;
-        std::memset(&buffer, 0, sizeof(buffer));
-        NdisApi::ETH_REQUEST request{adapterHandle_, &buffer};
+        // The frames' vectors keep their capacity from batch to batch (or are swapped for
+        // the reader's), so reading allocates nothing once the first batches are in.
+        std::array<CapturedFrame, kCaptureBatch> batch;
         Log("CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ") started.", kInfo);
 
         while (WaitAny(waits) == 1) {
-            while (!stopping_ && api_->ReadPacket(&request)) {
-                const uint32_t length = buffer.m_Length;
-                if (reader_ == nullptr || length > NdisApi::kMaxEtherFrame) continue;
-                reader_->OnDataRead(buffer.m_IBuffer, length, this,
-                                    buffer.m_dwDeviceFlags == NdisApi::PACKET_FLAG_ON_SEND);
+            for (size_t read; !stopping_ && (read = api_->ReadPackets(adapterHandle_, batch.data(), batch.size())) > 0;) {
+                if (reader_ != nullptr) reader_->OnFramesRead(batch.data(), read, this);
             }
         }
         Log("Quit event received in CaptureThread", kInfo);
@@ -200,34 +193,32 @@ void FilterDriver::StopAndRestore() {
     Log("Virtual Ethernet adapter (GUID: " + guid_ + ") closed.", kInfo);
 }
 
-void FilterDriver::WriteFrame(const Nat::Frame& frame, uint32_t target) {
-    WriteFrame(frame.data(), static_cast<uint32_t>(frame.size() > UINT32_MAX ? UINT32_MAX : frame.size()), target);
+void FilterDriver::WriteFrame(const Nat::Frame& frame, uint32_t target, const Nat::FrameOffload& offload) {
+    WriteFrame(frame.data(), static_cast<uint32_t>(frame.size() > UINT32_MAX ? UINT32_MAX : frame.size()), target,
+               offload);
 }
 
-void FilterDriver::WriteFrame(const uint8_t* frame, uint32_t length, uint32_t target) {
+void FilterDriver::WriteFrame(const uint8_t* frame, uint32_t length, uint32_t target,
+                              const Nat::FrameOffload& offload) {
     if (!opened_ || (frame == nullptr && length != 0)) return;
     try {
-        if (length > NdisApi::kMaxEtherFrame) {
+        const size_t limit = offload.IsSuperFrame() ? Nat::kMaxSuperFrameSize : NdisApi::kMaxEtherFrame;
+        if (length > limit) {
             Log("The frame size exceeds the max ethernet frame size: " + std::to_string(length) + "." +
                     " The packet will be dropped.",
                 kError);
             return;
         }
-        NdisApi::INTERMEDIATE_BUFFER buffer;
-        std::memset(&buffer, 0, sizeof(buffer));
-        if (length != 0) std::memcpy(buffer.m_IBuffer, frame, length);
-        buffer.m_Length = length;
-        const NdisApi::ETH_REQUEST request{adapterHandle_, &buffer};
         switch (target) {
             case ToAdapter:
-                (void)api_->SendPacketToAdapter(&request);
+                (void)api_->SendFrame(adapterHandle_, frame, length, offload, false);
                 break;
             case ToStack:
-                (void)api_->SendPacketToMstcp(&request);
+                (void)api_->SendFrame(adapterHandle_, frame, length, offload, true);
                 break;
             case ToBoth:
-                (void)api_->SendPacketToAdapter(&request);
-                (void)api_->SendPacketToMstcp(&request);
+                (void)api_->SendFrame(adapterHandle_, frame, length, offload, false);
+                (void)api_->SendFrame(adapterHandle_, frame, length, offload, true);
                 break;
             default:
                 break;

@@ -36,9 +36,10 @@ public:
     void Open();
     // Throws std::runtime_error when the adapter is not open.
     void Close();
-    // Safe from any thread; takes no lock.
-    void WriteFrame(const uint8_t* frame, uint32_t length, uint32_t target);
-    void WriteFrame(const Nat::Frame& frame, uint32_t target);
+    // Safe from any thread; takes no lock. A frame with offload state (a super-frame or a
+    // partial checksum) goes out as such where the backend can take it.
+    void WriteFrame(const uint8_t* frame, uint32_t length, uint32_t target, const Nat::FrameOffload& offload = {});
+    void WriteFrame(const Nat::Frame& frame, uint32_t target, const Nat::FrameOffload& offload = {});
 
     bool IsOpened() const { return opened_.load(); }
     const std::string& Guid() const { return guid_; }
@@ -46,9 +47,11 @@ public:
     const std::vector<uint8_t>& Mac() const { return mac_; }
     NdisApi::Handle AdapterHandle() const { return adapterHandle_; }
 
+    // Frames the capture thread reads per driver call.
+    static constexpr size_t kCaptureBatch = 32;
+
 private:
-    static uint32_t CaptureThread(void* self);
-    void CaptureLoop();
+    void CaptureThread();
     // Stops the capture thread and gives the adapter back to normal pass-through.
     void StopAndRestore();
     void InstallFilterTable();

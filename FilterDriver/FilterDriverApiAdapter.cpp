@@ -77,6 +77,14 @@ bool FilterDriverApiAdapter::SetPacketEvent(NdisApi::Handle adapter, NdisApi::Ha
     return api_ && api_->SetPacketEvent(adapter, event);
 }
 bool FilterDriverApiAdapter::ReadPacket(NdisApi::ETH_REQUEST* request) { return api_ && api_->ReadPacket(request); }
+size_t FilterDriverApiAdapter::ReadPackets(NdisApi::Handle adapter, NativeNetworkDriver::CapturedFrame* frames,
+                                           size_t count) {
+    return api_ ? api_->ReadPackets(adapter, frames, count) : 0;
+}
+bool FilterDriverApiAdapter::SendFrame(NdisApi::Handle adapter, const uint8_t* frame, size_t length,
+                                       const Nat::FrameOffload& offload, bool toStack) {
+    return api_ && api_->SendFrame(adapter, frame, length, offload, toStack);
+}
 bool FilterDriverApiAdapter::SendPacketToAdapter(const NdisApi::ETH_REQUEST* request) {
     return api_ && api_->SendPacketToAdapter(request);
 }

@@ -38,6 +38,9 @@ public:
     bool SendPacketToAdapter(const NdisApi::ETH_REQUEST* request);
     bool SendPacketToMstcp(const NdisApi::ETH_REQUEST* request);
     bool FlushAdapterPacketQueue(NdisApi::Handle adapter);
+    size_t ReadPackets(NdisApi::Handle adapter, NativeNetworkDriver::CapturedFrame* frames, size_t count);
+    bool SendFrame(NdisApi::Handle adapter, const uint8_t* frame, size_t length, const Nat::FrameOffload& offload,
+                   bool toStack);
 
 private:
     std::unique_ptr<NativeNetworkDriver::IFilterDriverApi> api_;

@@ -8,12 +8,15 @@
 #include "Logging/Logger.h"
 #include "Packet/NatException.h"
 #include "Platform/Events.h"
+#include "Platform/Platform.h"
 
 namespace NativeNetworkDriver {
 
 namespace {
 
 constexpr int kDebug = 0;
+constexpr int kError = 2;
+constexpr uint32_t kDropLogIntervalMs = 1000;
 
 bool IsGroupFrame(const uint8_t* frame, size_t length) { return length >= 6 && (frame[0] & 0x01) != 0; }
 
@@ -27,7 +30,7 @@ bool StartsWithMac(const Nat::Frame& frame, const std::vector<uint8_t>& mac) {
 
 }  // namespace
 
-FilterDriversPublisher::FilterDriversPublisher() { (void)StartDispatchThread(); }
+FilterDriversPublisher::FilterDriversPublisher() : ring_(kQueueFrames) { (void)StartDispatchThread(); }
 
 bool FilterDriversPublisher::StartDispatchThread() {
     // Marked running before the thread starts: frames captured in between wait in the
@@ -54,7 +57,8 @@ FilterDriversPublisher::~FilterDriversPublisher() {
     {
         std::lock_guard lock(queueLock_);
         dispatchRunning_ = false;
-        queue_.clear();
+        count_ = 0;
+        queuedBytes_ = 0;
     }
     {
         std::lock_guard subscribers(subscribersLock_);
@@ -82,13 +86,29 @@ void FilterDriversPublisher::DispatchThread() {
     WaitHandle* const waits[2] = {&quitEvent_, &workEvent_};
     try {
         while (WaitAny(waits) == 1) {
-            std::unique_lock lock(queueLock_);
-            while (!queue_.empty() && !quitting_) {
-                QueuedFrame item = std::move(queue_.front());
-                queue_.pop_front();
-                lock.unlock();
-                DispatchCaught(item);
-                lock.lock();
+            while (!quitting_) {
+                size_t first = 0;
+                size_t taken = 0;
+                {
+                    std::lock_guard lock(queueLock_);
+                    first = head_;
+                    taken = std::min(count_, kDispatchBatch);
+                }
+                if (taken == 0) break;
+                // Capture threads only append behind count_, so these stay ours until freed.
+                size_t bytes = 0;
+                {
+                    std::lock_guard subscribers(subscribersLock_);
+                    for (size_t i = 0; i < taken; ++i) {
+                        QueuedFrame& item = ring_[(first + i) % ring_.size()];
+                        bytes += item.queuedBytes;
+                        if (item.source != nullptr) DispatchCaught(item);
+                    }
+                }
+                std::lock_guard lock(queueLock_);
+                head_ = (head_ + taken) % ring_.size();
+                count_ -= taken;
+                queuedBytes_ -= bytes;
             }
         }
         Log("Quit event received in DispatchThread", kDebug);
@@ -100,15 +120,19 @@ void FilterDriversPublisher::DispatchThread() {
 }
 
 // A subscriber's error costs its frame, not the dispatch thread.
-void FilterDriversPublisher::DispatchCaught(const QueuedFrame& item) {
+void FilterDriversPublisher::DispatchCaught(QueuedFrame& item) {
+    auto found = adapters_.begin();
+    while (found != adapters_.end() && found->second.driver.get() != item.source) ++found;
+    if (found == adapters_.end()) return;
+    const std::string& guid = found->first;
     try {
-        Dispatch(item);
+        DispatchFrame(guid, found->second, item.frame, item.offload, item.isSend);
     } catch (const Nat::Exception& e) {
-        Log("Error dispatching a frame of adapter " + item.guid + ": " + e.Message(), kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ": " + e.Message(), kDebug);
     } catch (const std::exception& e) {
-        Log("Error dispatching a frame of adapter " + item.guid + ": " + e.what(), kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ": " + e.what(), kDebug);
     } catch (...) {
-        Log("Error dispatching a frame of adapter " + item.guid + ".", kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ".", kDebug);
     }
 }
 
@@ -139,7 +163,16 @@ bool FilterDriversPublisher::Register(IFilterDriversSubscriber* subscriber, cons
 void FilterDriversPublisher::CloseAdapter(const std::string& guid) {
     auto found = adapters_.find(guid);
     if (found == adapters_.end()) return;
-    adapters_.erase(found);  // the FilterDriver closes its adapter
+    const FilterDriver* driver = found->second.driver.get();
+    adapters_.erase(found);  // the FilterDriver closes its adapter and joins its capture thread
+    {
+        // Its frames still queued must not reach an adapter opened later at the same address.
+        std::lock_guard lock(queueLock_);
+        for (size_t i = 0; i < count_; ++i) {
+            QueuedFrame& item = ring_[(head_ + i) % ring_.size()];
+            if (item.source == driver) item.source = nullptr;
+        }
+    }
     std::lock_guard lock(fragmentsLock_);
     fragments_.Forget(guid);
 }
@@ -172,13 +205,14 @@ void FilterDriversPublisher::Unregister(IFilterDriversSubscriber* subscriber, co
 }
 
 bool FilterDriversPublisher::WriteToAdapter(IFilterDriversSubscriber* subscriber, const std::string& guid,
-                                            const Nat::Frame& frame, WriteTarget target) {
+                                            const Nat::Frame& frame, WriteTarget target,
+                                            const Nat::FrameOffload& offload) {
     std::lock_guard adapters(adaptersLock_);
     auto found = adapters_.find(guid);
     if (found == adapters_.end() || !Holds(found->second.subscribers, subscriber)) return false;
     FilterDriver* driver = found->second.driver.get();
     if (driver == nullptr || !driver->IsOpened()) return false;
-    driver->WriteFrame(frame, target);
+    driver->WriteFrame(frame, target, offload);
     return true;
 }
 
@@ -192,8 +226,8 @@ void FilterDriversPublisher::WriteToAllAdapters(IFilterDriversSubscriber* subscr
 }
 
 void FilterDriversPublisher::SendToAdapter(IFilterDriversSubscriber* subscriber, const std::string& guid,
-                                           const Nat::Frame& frame) {
-    (void)WriteToAdapter(subscriber, guid, frame, ToAdapter);
+                                           const Nat::Frame& frame, const Nat::FrameOffload& offload) {
+    (void)WriteToAdapter(subscriber, guid, frame, ToAdapter, offload);
 }
 
 void FilterDriversPublisher::SendToAllAdapters(IFilterDriversSubscriber* subscriber, const Nat::Frame& frame) {
@@ -211,72 +245,133 @@ std::string FilterDriversPublisher::FindGuidByMac(IFilterDriversSubscriber* subs
 
 void FilterDriversPublisher::OnDataRead(const uint8_t* frame, uint32_t length, FilterDriver* source, bool isSend) {
     if (source == nullptr || (frame == nullptr && length != 0)) return;
-    // Group frames go on at once, whatever the subscribers are doing; they are still
-    // queued so that subscribers see them.
-    if (IsGroupFrame(frame, length)) source->WriteFrame(frame, length, isSend ? ToAdapter : ToStack);
-
-    std::lock_guard lock(queueLock_);
-    if (!dispatchRunning_) return;
-    queue_.push_back(QueuedFrame{Nat::Frame(frame, frame + length), isSend, source->Guid()});
-    (void)Platform::SetEvent(workEvent_.Handle());
+    CapturedFrame captured;
+    captured.bytes.assign(frame, frame + length);
+    captured.isSend = isSend;
+    OnFramesRead(&captured, 1, source);
 }
 
-bool FilterDriversPublisher::Offer(AdapterEntry& entry, const QueuedFrame& item) {
+void FilterDriversPublisher::OnFramesRead(CapturedFrame* frames, size_t count, FilterDriver* source) {
+    if (source == nullptr || count == 0) return;
+    // Group frames go on at once, whatever the subscribers are doing; they are still
+    // queued so that subscribers see them.
+    for (size_t i = 0; i < count; ++i) {
+        const CapturedFrame& f = frames[i];
+        if (IsGroupFrame(f.bytes.data(), f.bytes.size())) {
+            source->WriteFrame(f.bytes, f.isSend ? ToAdapter : ToStack, f.offload);
+        }
+    }
+
+    size_t queued = 0;
+    uint64_t dropped = 0;
+    {
+        std::lock_guard lock(queueLock_);
+        if (!dispatchRunning_) return;
+        for (size_t i = 0; i < count; ++i) {
+            CapturedFrame& f = frames[i];
+            const size_t size = f.bytes.size();
+            if (count_ == ring_.size() || queuedBytes_ + size > kQueueBytes) {
+                ++dropped;
+                continue;
+            }
+            QueuedFrame& slot = ring_[(head_ + count_) % ring_.size()];
+            slot.frame.swap(f.bytes);  // the capture thread reads into the vector it gets back
+            slot.offload = f.offload;
+            slot.isSend = f.isSend;
+            slot.source = source;
+            slot.queuedBytes = size;
+            ++count_;
+            queuedBytes_ += size;
+            ++queued;
+        }
+        droppedTotal_ += dropped;
+        droppedUnlogged_ += dropped;
+        dropped = droppedUnlogged_;
+        if (dropped != 0) {
+            const uint32_t now = Platform::TickCount();
+            if (now - lastDropLogTick_ >= kDropLogIntervalMs) {
+                lastDropLogTick_ = now;
+                droppedUnlogged_ = 0;
+            } else {
+                dropped = 0;
+            }
+        }
+    }
+    if (queued != 0) (void)Platform::SetEvent(workEvent_.Handle());
+    if (dropped != 0) LogDrops(dropped);
+}
+
+void FilterDriversPublisher::LogDrops(uint64_t dropped) {
+    Log("The frame queue is full: " + std::to_string(dropped) + " frames dropped.", kError);
+}
+
+uint64_t FilterDriversPublisher::DroppedFrames() {
+    std::lock_guard lock(queueLock_);
+    return droppedTotal_;
+}
+
+bool FilterDriversPublisher::Offer(AdapterEntry& entry, const std::string& guid, Nat::Frame& frame,
+                                   const Nat::FrameOffload& offload, bool isSend) {
     // By index: a subscriber that re-enters Dispatch must not invalidate this walk.
     for (size_t i = 0; i < entry.subscribers.size(); ++i) {
         IFilterDriversSubscriber* subscriber = entry.subscribers[i];
-        const bool consumed = item.isSend ? subscriber->OnSentFrame(item.frame, item.guid)
-                                          : subscriber->OnReceivedFrame(item.frame, item.guid);
+        const bool consumed = isSend ? subscriber->OnSentFrame(frame, offload, guid)
+                                     : subscriber->OnReceivedFrame(frame, offload, guid);
         if (consumed) return true;
     }
     return false;
 }
 
-bool FilterDriversPublisher::OfferFragments(AdapterEntry& entry, const Nat::FragmentList& fragments,
-                                            const QueuedFrame& item) {
+bool FilterDriversPublisher::OfferFragments(AdapterEntry& entry, const std::string& guid,
+                                            const Nat::FragmentList& fragments, bool isSend) {
     for (size_t i = 0; i < entry.subscribers.size(); ++i) {
         IFilterDriversSubscriber* subscriber = entry.subscribers[i];
-        const bool consumed = item.isSend ? subscriber->OnSentFragments(fragments, item.guid)
-                                          : subscriber->OnReceivedFragments(fragments, item.guid);
+        const bool consumed = isSend ? subscriber->OnSentFragments(fragments, guid)
+                                     : subscriber->OnReceivedFragments(fragments, guid);
         if (consumed) return true;
     }
     return false;
 }
 
-void FilterDriversPublisher::Dispatch(const QueuedFrame& item) {
+void FilterDriversPublisher::Dispatch(const std::string& guid, const Nat::Frame& frame, bool isSend) {
     std::lock_guard subscribers(subscribersLock_);
-    auto found = adapters_.find(item.guid);
+    auto found = adapters_.find(guid);
     if (found == adapters_.end()) return;
-    AdapterEntry& entry = found->second;
+    Nat::Frame copy = frame;
+    DispatchFrame(found->first, found->second, copy, {}, isSend);
+}
 
+void FilterDriversPublisher::DispatchFrame(const std::string& guid, AdapterEntry& entry, Nat::Frame& frame,
+                                           const Nat::FrameOffload& offload, bool isSend) {
     FragmentFields fields;
-    if (!ReadFragmentFields(item.frame, fields) || !fields.IsFragment()) {
-        if (!Offer(entry, item)) PassOn(entry.driver.get(), item.frame, item.isSend);
+    if (offload.Any() || !ReadFragmentFields(frame, fields) || !fields.IsFragment()) {
+        if (!Offer(entry, guid, frame, offload, isSend)) PassOn(entry.driver.get(), frame, offload, isSend);
         return;
     }
 
     FragmentCollector::Result collected;
     {
         std::lock_guard lock(fragmentsLock_);
-        collected = fragments_.Add(item.guid, item.isSend, item.frame, fields);
+        collected = fragments_.Add(guid, isSend, frame, fields);
     }
     for (const auto& givenUp : collected.givenUp) {
         auto owner = adapters_.find(givenUp.guid);
         if (owner == adapters_.end()) continue;
-        for (const auto& fragment : givenUp.fragments) PassOn(owner->second.driver.get(), fragment, givenUp.isSend);
+        for (const auto& fragment : givenUp.fragments) PassOn(owner->second.driver.get(), fragment, {}, givenUp.isSend);
     }
     if (!collected.complete) return;
-    if (OfferFragments(entry, collected.fragments, item)) return;
-    for (const auto& fragment : collected.fragments) PassOn(entry.driver.get(), fragment, item.isSend);
+    if (OfferFragments(entry, guid, collected.fragments, isSend)) return;
+    for (const auto& fragment : collected.fragments) PassOn(entry.driver.get(), fragment, {}, isSend);
 }
 
-void FilterDriversPublisher::PassOn(FilterDriver* driver, const Nat::Frame& frame, bool isSend) {
+void FilterDriversPublisher::PassOn(FilterDriver* driver, const Nat::Frame& frame, const Nat::FrameOffload& offload,
+                                    bool isSend) {
     if (driver == nullptr) return;
     if (IsGroupFrame(frame.data(), frame.size())) return;  // already passed on at capture
     // Unicast for other hosts reaches the local stack only when virtual machines behind
     // it are being served.
     if (!isSend && !handleVirtualMachine_ && !StartsWithMac(frame, driver->Mac())) return;
-    driver->WriteFrame(frame, isSend ? ToAdapter : ToStack);
+    driver->WriteFrame(frame, isSend ? ToAdapter : ToStack, offload);
 }
 
 }  // namespace NativeNetworkDriver

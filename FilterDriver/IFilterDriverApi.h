@@ -1,10 +1,21 @@
 #pragma once
+#include <cstddef>
 #include <functional>
 #include <memory>
 
 #include "FilterDriver/NdisApiTypes.h"
+#include "Packet/Frame.h"
+#include "Packet/SuperFrame.h"
 
 namespace NativeNetworkDriver {
+
+// One frame of a batch read: its bytes (the vector is resized to the frame; its capacity
+// is reused from read to read), its offload state and its direction.
+struct CapturedFrame {
+    Nat::Frame bytes;
+    Nat::FrameOffload offload;
+    bool isSend = false;  // true: on its way out of the local stack
+};
 
 // The packet-filter driver's operations, one call per driver function. Implemented by the
 // Windows DLL client, by Linux kernel interception and by an in-memory fake for tests.
@@ -30,6 +41,16 @@ public:
     // Linux. 0 on failure. Released with CloseAdapterEvent.
     virtual NdisApi::Handle CreateAdapterEvent(NdisApi::Handle adapter) = 0;
     virtual void CloseAdapterEvent(NdisApi::Handle adapter, NdisApi::Handle event) = 0;
+
+    // Batch and offload calls. A backend that has nothing better gets these, built on the
+    // single-frame calls above: wire frames only, one call per frame.
+
+    // Reads up to `count` waiting frames; how many were read.
+    virtual size_t ReadPackets(NdisApi::Handle adapter, CapturedFrame* frames, size_t count);
+    // Sends one frame with its offload state to the wire or to the stack. A backend that
+    // cannot take super-frames or partial checksums gets the wire frames they stand for.
+    virtual bool SendFrame(NdisApi::Handle adapter, const uint8_t* frame, size_t length,
+                           const Nat::FrameOffload& offload, bool toStack);
 };
 
 // Creates a driver client through the installed factory: the process entry installs its

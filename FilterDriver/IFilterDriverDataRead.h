@@ -1,5 +1,8 @@
 #pragma once
+#include <cstddef>
 #include <cstdint>
+
+#include "FilterDriver/IFilterDriverApi.h"
 
 namespace NativeNetworkDriver {
 
@@ -12,6 +15,15 @@ public:
     virtual ~IFilterDriverDataRead() = default;
     // isSend: the frame was on its way out of the local stack; false: received from the wire.
     virtual void OnDataRead(const uint8_t* frame, uint32_t length, FilterDriver* source, bool isSend) = 0;
+    // A batch read in one go: what the capture thread calls. The reader may swap a frame's
+    // bytes with a vector of its own (the capture thread reuses whatever it gets back).
+    // Readers that take frames one by one get them through OnDataRead.
+    virtual void OnFramesRead(CapturedFrame* frames, size_t count, FilterDriver* source) {
+        for (size_t i = 0; i < count; ++i) {
+            const Nat::Frame& bytes = frames[i].bytes;
+            OnDataRead(bytes.data(), static_cast<uint32_t>(bytes.size()), source, frames[i].isSend);
+        }
+    }
 };
 
 }  // namespace NativeNetworkDriver

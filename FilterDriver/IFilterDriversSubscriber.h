@@ -2,18 +2,22 @@
 #include <string>
 
 #include "Packet/Frame.h"
+#include "Packet/SuperFrame.h"
 
 namespace NativeNetworkDriver {
 
 // A session that wants the frames of some adapters. A true result consumes the frame:
-// later subscribers do not see it and it is not passed on.
+// later subscribers do not see it and it is not passed on. A subscriber may change a
+// frame it consumes (to send it on translated) and must leave alone one it does not.
+// A frame's offload state says whether it is a super-frame or carries a partial checksum
+// (see Packet/SuperFrame.h); fragments are always wire frames.
 class IFilterDriversSubscriber {
 public:
     virtual ~IFilterDriversSubscriber() = default;
     virtual bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) = 0;
-    virtual bool OnSentFrame(const Nat::Frame& frame, const std::string& guid) = 0;
+    virtual bool OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) = 0;
     virtual bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) = 0;
-    virtual bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) = 0;
+    virtual bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) = 0;
 };
 
 }  // namespace NativeNetworkDriver

@@ -187,12 +187,17 @@ struct HeaderValues {
     uint32_t dstPort;
 };
 
+// A partial checksum holds the folded pseudo-header sum, uncomplemented: it takes the
+// address changes as a complete checksum would, but complemented, and nothing for the
+// ports and sequence numbers, which are summed later with the rest of the segment.
 void RewriteHeaders(Frame& frame, const FrameFacts& f, const HeaderValues& v,
-                    const EntryView& entry, bool payloadChanged) {
+                    const EntryView& entry, bool payloadChanged, bool partialChecksum) {
+    if (partialChecksum) PU::SetTransportHeaderChecksum(frame, static_cast<uint16_t>(~PU::GetTransportHeaderChecksum(frame)));
     PU::SetSourceMac(frame, v.srcMac);
     PU::SetDestinationMac(frame, v.dstMac);
     PU::UpdateSourceIp(frame, v.srcIp);
     PU::UpdateDestinationIp(frame, v.dstIp);
+    const uint16_t afterAddresses = partialChecksum ? PU::GetTransportHeaderChecksum(frame) : 0;
     PU::SetSourcePort(frame, static_cast<uint16_t>(v.srcPort));
     PU::SetDestinationPort(frame, static_cast<uint16_t>(v.dstPort));
     if (f.segment.tcp) {
@@ -200,6 +205,10 @@ void RewriteHeaders(Frame& frame, const FrameFacts& f, const HeaderValues& v,
         if (entry.acknowledgment != f.segment.acknowledgment) PU::SetAcknowledgmentNumber(frame, entry.acknowledgment);
     }
     PU::FixIpHeaderChecksum(frame);
+    if (partialChecksum) {
+        PU::SetTransportHeaderChecksum(frame, static_cast<uint16_t>(~afterAddresses));
+        return;
+    }
     if (payloadChanged) {
         PU::FixTransportHeaderChecksum(frame);
     } else if (f.udpWithoutChecksum) {
@@ -432,32 +441,42 @@ NetworkAddressTranslator::NextHop NetworkAddressTranslator::ResolveExternalNextH
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(uint32_t kind, Frame& frame,
-                                                                         const std::string& receivedOnGuid) {
-    return TranslateOutbound(kind, frame, nullptr, 0, receivedOnGuid);
+                                                                         const std::string& receivedOnGuid,
+                                                                         bool partialChecksum) {
+    return TranslateOutbound(kind, frame, nullptr, 0, receivedOnGuid, partialChecksum);
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(uint32_t kind, Frame& frame,
-                                                                         const std::string& receivedOnGuid) {
-    return TranslateInbound(kind, frame, nullptr, 0, receivedOnGuid);
+                                                                         const std::string& receivedOnGuid,
+                                                                         bool partialChecksum) {
+    return TranslateInbound(kind, frame, nullptr, 0, receivedOnGuid, partialChecksum);
+}
+
+bool NetworkAddressTranslator::RewritesPayloads() const {
+    return ftpEnabled_ || std::any_of(rules_.begin(), rules_.end(), [](const RedirectRule& rule) {
+               return rule.httpHostTranslation || rule.ftpSupport;
+           });
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(uint32_t kind, FragmentList& fragments,
                                                                          const std::string& receivedOnGuid) {
     const size_t head = CheckFragments(fragments);
-    return TranslateOutbound(kind, fragments[head], &fragments, head, receivedOnGuid);
+    return TranslateOutbound(kind, fragments[head], &fragments, head, receivedOnGuid, false);
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(uint32_t kind, FragmentList& fragments,
                                                                          const std::string& receivedOnGuid) {
     const size_t head = CheckFragments(fragments);
-    return TranslateInbound(kind, fragments[head], &fragments, head, receivedOnGuid);
+    return TranslateInbound(kind, fragments[head], &fragments, head, receivedOnGuid, false);
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Frame& head, FragmentList* fragments,
-                                                               size_t headIndex, const std::string& receivedOnGuid) {
+                                                               size_t headIndex, const std::string& receivedOnGuid,
+                                                               bool partialChecksum) {
     if (kind != kSnat && kind != kDnat) throw Exception("Invalid translation rule");
     FrameFacts f;
     ReadFacts(head, fragments == nullptr, f);
+    if (partialChecksum) f.payloadIntact = false;
 
     InternalKey key;
     key.hostMac = f.srcMac;
@@ -504,7 +523,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
 
     const HeaderValues values{externalMac,          hop.mac, hop.sourceIp, entry.external.remoteIp,
                               entry.external.externalPort, entry.external.remotePort};
-    RewriteHeaders(head, f, values, entry, change.changed);
+    RewriteHeaders(head, f, values, entry, change.changed, partialChecksum);
     if (change.delta != 0) {
         tcpTable_.UpdateReceivedBytesInfo(entry.external, entry.internal, true, f.segment.sequence, change.delta);
     }
@@ -514,10 +533,12 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Frame& head, FragmentList* fragments,
-                                                              size_t headIndex, const std::string& receivedOnGuid) {
+                                                              size_t headIndex, const std::string& receivedOnGuid,
+                                                              bool partialChecksum) {
     if (kind != kSnat && kind != kDnat) throw Exception("Invalid translation rule");
     FrameFacts f;
     ReadFacts(head, fragments == nullptr, f);
+    if (partialChecksum) f.payloadIntact = false;
 
     ExternalKey key;
     key.externalPort = f.dstPort;
@@ -586,7 +607,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Fra
     const HeaderValues values{entry.internal.adapterMac,      entry.internal.hostMac, entry.internal.destinationIp,
                               entry.internal.hostIp,          entry.internal.destinationPort,
                               entry.internal.internalPort};
-    RewriteHeaders(head, f, values, entry, change.changed);
+    RewriteHeaders(head, f, values, entry, change.changed, partialChecksum);
     if (change.delta != 0) {
         tcpTable_.UpdateReceivedBytesInfo(entry.external, entry.internal, false, f.segment.sequence, change.delta);
     }

@@ -73,9 +73,13 @@ public:
                                             uint32_t srcPort, uint32_t dstPort);
 
     // Rewrite in place; the result is the adapter the frame must leave on (its id is the
-    // GUID to send on), valid until the next call.
-    const AdapterInfo& TranslateInternalToExternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid);
-    const AdapterInfo& TranslateExternalToInternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid);
+    // GUID to send on), valid until the next call. partialChecksum: the transport checksum
+    // field holds only the pseudo-header sum, to be completed later (an offloaded frame or
+    // super-frame); only address changes touch it then, and the payload is left alone.
+    const AdapterInfo& TranslateInternalToExternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid,
+                                                   bool partialChecksum = false);
+    const AdapterInfo& TranslateExternalToInternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid,
+                                                   bool partialChecksum = false);
     // The fragments of one datagram: the head fragment decides and is rewritten in full,
     // the others get the new addresses and their IP header checksum.
     const AdapterInfo& TranslateInternalToExternal(uint32_t kind, FragmentList& fragments,
@@ -90,6 +94,8 @@ public:
     const std::vector<AdapterMapping>& Mappings() const { return mappings_; }
     const std::set<AdapterInfo>& KnownAdapters() const { return knownAdapters_; }
     bool FtpEnabled() const { return ftpEnabled_; }
+    // True when a rule may rewrite TCP payloads (HTTP Host or FTP handling).
+    bool RewritesPayloads() const;
 
 protected:
     std::list<RedirectRule> rules_;  // a list: adapters handed out stay put while rules come and go
@@ -113,9 +119,9 @@ private:
     using PayloadChange = detail::PayloadChange;
 
     const AdapterInfo& TranslateOutbound(uint32_t kind, Frame& head, FragmentList* fragments, size_t headIndex,
-                                         const std::string& receivedOnGuid);
+                                         const std::string& receivedOnGuid, bool partialChecksum);
     const AdapterInfo& TranslateInbound(uint32_t kind, Frame& head, FragmentList* fragments, size_t headIndex,
-                                        const std::string& receivedOnGuid);
+                                        const std::string& receivedOnGuid, bool partialChecksum);
 
     const AdapterMapping* SelectMapping(const MacAddress& dstMac, const Ipv4Address& dstIp) const;
     RedirectRule* FindInternalRule(uint8_t protocol, uint32_t srcPort, const Ipv4Address& srcIp,

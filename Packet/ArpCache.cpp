@@ -41,10 +41,10 @@ ArpCache::~ArpCache() {
 }
 
 bool ArpCache::OnSentFragments(const Nat::FragmentList&, const std::string&) { return false; }
-bool ArpCache::OnSentFrame(const Nat::Frame&, const std::string&) { return false; }
+bool ArpCache::OnSentFrame(Nat::Frame&, const Nat::FrameOffload&, const std::string&) { return false; }
 bool ArpCache::OnReceivedFragments(const Nat::FragmentList&, const std::string&) { return false; }
 
-bool ArpCache::OnReceivedFrame(const Nat::Frame& frame, const std::string&) {
+bool ArpCache::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload&, const std::string&) {
     if (!table_ || !Nat::PacketUtils::IsArpReply(frame)) return false;
     const Nat::PacketUtils::Bytes mac = Nat::PacketUtils::GetArpSenderMacAddress(frame);
     const Nat::PacketUtils::Bytes ip = Nat::PacketUtils::GetArpSenderIpAddress(frame);
@@ -97,11 +97,11 @@ ArpTable* ArpCache::GetArpTable() { return table_.get(); }
 
 void ArpCache::OnResolvedFragments(const std::set<Nat::Frame>& fragments, const std::string& adapterGuid) {
     if (publisher_ == nullptr) return;
-    for (const Nat::Frame& fragment : fragments) publisher_->Dispatch(QueuedFrame{fragment, false, adapterGuid});
+    for (const Nat::Frame& fragment : fragments) publisher_->Dispatch(adapterGuid, fragment, false);
 }
 
 void ArpCache::OnResolvedFrame(const Nat::Frame& frame, const std::string& adapterGuid) {
-    if (publisher_ != nullptr) publisher_->Dispatch(QueuedFrame{frame, false, adapterGuid});
+    if (publisher_ != nullptr) publisher_->Dispatch(adapterGuid, frame, false);
 }
 
 }  // namespace NativeNetworkDriver

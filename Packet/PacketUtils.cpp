@@ -450,6 +450,13 @@ void UpdateTransportHeaderChecksum(Frame& frame, uint16_t oldChecksum, uint16_t 
     PutU16(frame, offset, result);
 }
 
+void SetTransportHeaderChecksum(Frame& frame, uint16_t checksum) {
+    const uint32_t h = GetIpHeaderSize(frame);
+    const size_t offset = TransportChecksumOffset(h, GetIpProtocol(frame));
+    CheckSize(frame, offset, "Error getting transport header checksum, unexpected packet size: ");
+    PutU16(frame, offset, checksum);
+}
+
 void FixTransportHeaderChecksum(Frame& frame) {
     static constexpr const char* kSizeText = "Error fixing transport header checksum, unexpected packet size: ";
     const uint32_t h = GetIpHeaderSize(frame);

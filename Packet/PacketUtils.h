@@ -61,6 +61,7 @@ void UpdateDestinationIpAddress(Frame& frame, const Bytes& ip);
 void FixIpHeaderChecksum(Frame& frame);
 void UpdateTransportHeaderChecksum(Frame& frame, uint16_t oldChecksum, uint16_t oldWord, uint16_t newWord);
 void FixTransportHeaderChecksum(Frame& frame);
+void SetTransportHeaderChecksum(Frame& frame, uint16_t checksum);
 
 // Text conversions
 std::string FromVectorToIpString(const Bytes& ip);

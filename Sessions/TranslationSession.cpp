@@ -1,5 +1,6 @@
 #include "Sessions/TranslationSession.h"
 
+#include <array>
 #include <limits>
 
 #include "FilterDriver/FilterDriversPublisher.h"
@@ -202,20 +203,12 @@ void TranslationSession::RequestMac(const Nat::UnknownMacException& unknown) {
     publisher_->SendToAdapter(this, adapter->id, request);
 }
 
-template <typename RewriteAndSend>
-bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend) {
-    if (!engine_) return false;
-    const bool inbound = externalGuids_.count(guid) != 0;
-    if (!inbound && internalGuids_.count(guid) == 0) return false;
-    FrameFields f;
-    if (!ReadFields(head, f)) return false;
+template <typename Step>
+bool TranslationSession::Guarded(bool inbound, Step&& step) {
     const char* way = inbound ? "external to internal" : "internal to external";
-    uint32_t kind = 0;
     try {
-        kind = inbound ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
-                       : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
-                                                         f.dstPort);
-        if (kind != 0) rewriteAndSend(kind, inbound);
+        step();
+        return true;
     } catch (const Nat::UnknownMacException& unknown) {
         // The ARP cache holds the frame; it comes back through the publisher once resolved.
         RequestMac(unknown);
@@ -224,15 +217,55 @@ bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head,
     } catch (...) {
         Log(std::string("Error translating a NAT packet from ") + way, 2);
     }
+    return false;
+}
+
+template <typename RewriteAndSend>
+bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend) {
+    if (!engine_) return false;
+    const bool inbound = externalGuids_.count(guid) != 0;
+    if (!inbound && internalGuids_.count(guid) == 0) return false;
+    FrameFields f;
+    if (!ReadFields(head, f)) return false;
+    uint32_t kind = 0;
+    (void)Guarded(inbound, [&] {
+        kind = inbound ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
+                       : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
+                                                         f.dstPort);
+        if (kind != 0) rewriteAndSend(kind, inbound);
+    });
     return kind != 0;
 }
 
-bool TranslationSession::OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) {
+void TranslationSession::TranslateAndSend(uint32_t kind, bool inbound, Nat::Frame& frame,
+                                          const Nat::FrameOffload& offload, const std::string& guid) {
+    const bool partial = offload.PartialChecksum();
+    const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, frame, guid, partial)
+                                          : engine_->TranslateInternalToExternal(kind, frame, guid, partial);
+    publisher_->SendToAdapter(this, out.id, frame, offload);
+}
+
+// Each wire frame is translated as if it had come alone, so a payload rewrite sees whole
+// segments and the wire carries what it would without offloads.
+void TranslationSession::TranslateSegments(uint32_t kind, bool inbound, const Nat::Frame& frame,
+                                           const Nat::FrameOffload& offload, const std::string& guid) {
+    Nat::SuperFrameSplitter splitter;
+    if (!splitter.Start(offload, frame.data(), frame.size(), Nat::kMaxFrameSize)) return;
+    std::array<uint8_t, Nat::kMaxFrameSize> buffer;
+    for (size_t n; (n = splitter.Next(buffer.data(), buffer.size())) > 0;) {
+        segment_.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(n));
+        (void)Guarded(inbound, [&] { TranslateAndSend(kind, inbound, segment_, {}, guid); });
+    }
+}
+
+bool TranslationSession::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload,
+                                         const std::string& guid) {
     return Handle(guid, frame, [&](uint32_t kind, bool inbound) {
-        scratch_.assign(frame.begin(), frame.end());
-        const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, scratch_, guid)
-                                              : engine_->TranslateInternalToExternal(kind, scratch_, guid);
-        publisher_->SendToAdapter(this, out.id, scratch_);
+        if (offload.Any() && kind == Nat::NetworkAddressTranslator::kDnat && engine_->RewritesPayloads()) {
+            TranslateSegments(kind, inbound, frame, offload, guid);
+        } else {
+            TranslateAndSend(kind, inbound, frame, offload, guid);
+        }
     });
 }
 

@@ -32,9 +32,11 @@ public:
 
     // Frames the local stack sends are never translated.
     bool OnSentFragments(const Nat::FragmentList&, const std::string&) override { return false; }
-    bool OnSentFrame(const Nat::Frame&, const std::string&) override { return false; }
+    bool OnSentFrame(Nat::Frame&, const Nat::FrameOffload&, const std::string&) override { return false; }
     bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
-    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override;
+    // Translates in place and sends the frame on. A super-frame is translated whole
+    // (headers only) unless its payload may be rewritten: then it goes as wire frames.
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
 
 protected:
     using EngineFactory = std::function<std::unique_ptr<Nat::NetworkAddressTranslator>(
@@ -60,6 +62,14 @@ private:
     // cost the frame. True when the engine claimed it.
     template <typename RewriteAndSend>
     bool Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend);
+    // Runs one translation step; its failures are logged (or answered with an ARP
+    // request) and cost the frame. False when it failed.
+    template <typename Step>
+    bool Guarded(bool inbound, Step&& step);
+    void TranslateAndSend(uint32_t kind, bool inbound, Nat::Frame& frame, const Nat::FrameOffload& offload,
+                          const std::string& guid);
+    void TranslateSegments(uint32_t kind, bool inbound, const Nat::Frame& frame, const Nat::FrameOffload& offload,
+                           const std::string& guid);
     void RequestMac(const Nat::UnknownMacException& unknown);
     const Nat::AdapterInfo* AdapterByMac(const std::vector<uint8_t>& mac) const;
 
@@ -74,7 +84,7 @@ private:
     IArpCache* arpCache_;
     bool arpRegistered_ = false;
     bool publisherRegistered_ = false;
-    Nat::Frame scratch_;  // reused for every translated frame: no allocation per frame
+    Nat::Frame segment_;  // reused for every wire frame cut from a super-frame
 };
 
 // Engine-side copies of the control message's records.

@@ -1,6 +1,7 @@
 #include "VPN/VPN.h"
 
 #include <algorithm>
+#include <array>
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Logging/Logger.h"
@@ -34,21 +35,25 @@ VPN::~VPN() {
     supervisors_.clear();
 }
 
-bool VPN::OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) {
+bool VPN::OnSentFragments(const Nat::FragmentList& fragments, const std::string&) {
     bool consumed = false;
-    for (const auto& fragment : fragments) consumed = OnSentFrame(fragment, guid) || consumed;
+    for (const auto& fragment : fragments) consumed = Classify(fragment) || consumed;
     return consumed;
 }
 
-bool VPN::OnSentFrame(const Nat::Frame& frame, const std::string&) { return Classify(frame); }
+bool VPN::OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string&) {
+    return Classify(frame, offload);
+}
 
-bool VPN::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) {
+bool VPN::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string&) {
     bool consumed = false;
-    for (const auto& fragment : fragments) consumed = OnReceivedFrame(fragment, guid) || consumed;
+    for (const auto& fragment : fragments) consumed = Classify(fragment) || consumed;
     return consumed;
 }
 
-bool VPN::OnReceivedFrame(const Nat::Frame& frame, const std::string&) { return Classify(frame); }
+bool VPN::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string&) {
+    return Classify(frame, offload);
+}
 
 void VPN::Open(const std::set<std::string>& guids) {
     if (state_ == VpnState::Failed) {
@@ -107,23 +112,39 @@ std::vector<SupervisorEntry> VPN::Supervisors() const {
     return supervisors_;
 }
 
-bool VPN::Classify(const Nat::Frame& frame) {
+// The tunnel carries wire frames only: a super-frame goes as the frames it stands for.
+void VPN::ToTunnel(IVPNDataRead* reader, const Nat::Frame& frame, const Nat::FrameOffload& offload) {
+    if (reader == nullptr) return;
+    if (!offload.Any()) {
+        reader->OnVPNDataRead(frame);
+        return;
+    }
+    Nat::SuperFrameSplitter splitter;
+    if (!splitter.Start(offload, frame.data(), frame.size(), Nat::kMaxFrameSize)) return;
+    std::array<uint8_t, Nat::kMaxFrameSize> buffer;
+    for (size_t n; (n = splitter.Next(buffer.data(), buffer.size())) > 0;) {
+        segment_.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(n));
+        reader->OnVPNDataRead(segment_);
+    }
+}
+
+bool VPN::Classify(const Nat::Frame& frame, const Nat::FrameOffload& offload) {
     std::lock_guard lock(lock_);
     IVPNDataRead* reader = reader_.load();
     if (IsGroupFrame(frame)) {
-        if (reader != nullptr) reader->OnVPNDataRead(frame);
+        ToTunnel(reader, frame, offload);
         return true;
     }
     for (const auto& supervisor : supervisors_) {
         if (!IsAddressedTo(frame, supervisor.mac)) continue;
-        if (reader != nullptr) reader->OnVPNDataRead(frame);
+        ToTunnel(reader, frame, offload);
         return true;
     }
     if (!promiscuous_) return false;
     // Promiscuous: the frame goes to the tunnel as well as on its local way, unless it is
     // for one of our own adapters.
     if (publisher_ != nullptr && !publisher_->FindGuidByMac(this, frame).empty()) return false;
-    if (reader != nullptr) reader->OnVPNDataRead(frame);
+    ToTunnel(reader, frame, offload);
     return false;
 }
 

@@ -8,6 +8,7 @@
 
 #include "FilterDriver/IFilterDriversSubscriber.h"
 #include "Packet/Frame.h"
+#include "Packet/SuperFrame.h"
 #include "VPN/IVPNDataRead.h"
 
 namespace NativeNetworkDriver {
@@ -40,9 +41,9 @@ public:
     VPN& operator=(const VPN&) = delete;
 
     bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
-    bool OnSentFrame(const Nat::Frame& frame, const std::string& guid) override;
+    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
     bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
-    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override;
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
 
     void Open(const std::set<std::string>& guids);
     VpnState State() const { return state_; }
@@ -57,10 +58,11 @@ public:
     void SetReader(IVPNDataRead* reader) { reader_ = reader; }
 
     // True when the frame is consumed (sent to the tunnel only).
-    bool Classify(const Nat::Frame& frame);
+    bool Classify(const Nat::Frame& frame, const Nat::FrameOffload& offload = {});
 
 private:
     void RecomputePromiscuous();
+    void ToTunnel(IVPNDataRead* reader, const Nat::Frame& frame, const Nat::FrameOffload& offload);
     std::vector<SupervisorEntry>::iterator FindSupervisor(const std::vector<uint8_t>& mac);
 
     FilterDriversPublisher* publisher_;
@@ -69,6 +71,7 @@ private:
     std::vector<SupervisorEntry> supervisors_;
     bool promiscuous_ = false;
     mutable std::recursive_mutex lock_;
+    Nat::Frame segment_;  // one wire frame of a super-frame on its way to the tunnel; under lock_
 };
 
 }  // namespace NativeNetworkDriver

@@ -20,7 +20,7 @@
 #include "Platform/FilterDriverBackend.h"
 #include "Platform/InterfaceGuid.h"
 #include "Platform/posix/LinuxInterfaces.h"
-#include "Platform/posix/LinuxVnetFrames.h"
+#include "Packet/SuperFrame.h"
 
 namespace Platform {
 namespace {
@@ -36,9 +36,12 @@ constexpr uint32_t kNdisBroadcast = 0x08;
 constexpr uint32_t kTunnelFlags = NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL;
 constexpr size_t kMinEtherFrame = 60;
 
+// Every frame read or sent carries a virtio net header first (PACKET_VNET_HDR).
+constexpr size_t kVnetHeaderSize = 10;
+
 // recvmmsg batch: frames per call and room per frame (a GSO super-frame is up to 64 KiB).
-constexpr unsigned kBatch = 8;
-constexpr size_t kSlotSize = kVnetHeaderSize + 65536 + 256;
+constexpr unsigned kBatch = 16;
+constexpr size_t kSlotSize = kVnetHeaderSize + Nat::kMaxSuperFrameSize;
 // Frames handed out before a socket found empty is asked again.
 constexpr unsigned kRecheckInterval = 2 * kBatch;
 
@@ -50,6 +53,32 @@ constexpr long kSendTimeoutMicroseconds = 200000;  // a wedged device must not s
 constexpr uint32_t kMaxFilterTableSize = 1024;
 
 std::string ErrnoText(int code) { return std::to_string(code); }
+
+// Packet sockets write and read the header in host byte order.
+Nat::FrameOffload ParseVnetHeader(const uint8_t* bytes) {
+    Nat::FrameOffload h;
+    h.flags = bytes[0];
+    h.gsoType = bytes[1];
+    std::memcpy(&h.hdrLen, bytes + 2, 2);
+    std::memcpy(&h.gsoSize, bytes + 4, 2);
+    std::memcpy(&h.csumStart, bytes + 6, 2);
+    std::memcpy(&h.csumOffset, bytes + 8, 2);
+    return h;
+}
+
+void WriteVnetHeader(const Nat::FrameOffload& h, uint8_t* bytes) {
+    bytes[0] = h.flags;
+    bytes[1] = h.gsoType;
+    std::memcpy(bytes + 2, &h.hdrLen, 2);
+    std::memcpy(bytes + 4, &h.gsoSize, 2);
+    std::memcpy(bytes + 6, &h.csumStart, 2);
+    std::memcpy(bytes + 8, &h.csumOffset, 2);
+}
+
+bool EnableVnetHeader(int fd) {
+    const int on = 1;
+    return setsockopt(fd, SOL_PACKET, PACKET_VNET_HDR, &on, sizeof(on)) == 0;
+}
 
 void SetBuffer(int fd, int forceOption, int option, int bytes) {
     if (setsockopt(fd, SOL_SOCKET, forceOption, &bytes, sizeof(bytes)) != 0) {
@@ -70,7 +99,8 @@ Bpf::Fd MakeSendSocket(int ifindex, uint32_t mark) {
     // Protocol 0: the socket never queues received frames.
     Bpf::Fd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     if (!fd.Valid()) return fd;
-    if (setsockopt(fd.Get(), SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0 || !BindToInterface(fd.Get(), ifindex, 0)) {
+    if (setsockopt(fd.Get(), SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0 || !EnableVnetHeader(fd.Get()) ||
+        !BindToInterface(fd.Get(), ifindex, 0)) {
         Log("Linux filter driver: send socket on ifindex " + std::to_string(ifindex) + " failed: " + ErrnoText(errno), 0);
         return Bpf::Fd();
     }
@@ -90,7 +120,7 @@ struct CaptureSource {
     std::vector<mmsghdr> messages;
     unsigned count = 0;  // messages in the current batch
     unsigned next = 0;   // next message to start
-    VnetFrameSplitter splitter;
+    Nat::SuperFrameSplitter splitter;
     bool splitting = false;  // splitter holds frames still to hand out
 
     void Discard() {
@@ -108,8 +138,11 @@ std::unique_ptr<CaptureSource> MakeCaptureSource(int ifindex, bool fromWire) {
     const int fd = source->socket.Get();
     if (fd < 0) return nullptr;
     const bool filtered = fromWire ? Bpf::AttachWireCaptureFilter(fd) : Bpf::AttachStackCaptureFilter(fd);
+    if (!filtered || !EnableVnetHeader(fd)) return nullptr;
+    // Every frame reaches these sockets on the receive path (the egress program turns the
+    // stack's frames round); our own sends must not be cloned to them on the way out.
     const int on = 1;
-    if (!filtered || setsockopt(fd, SOL_PACKET, PACKET_VNET_HDR, &on, sizeof(on)) != 0) return nullptr;
+    (void)setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof(on));
     SetBuffer(fd, SO_RCVBUFFORCE, SO_RCVBUF, kCaptureBufferBytes);
     if (!BindToInterface(fd, ifindex, ETH_P_ALL)) return nullptr;
 
@@ -142,8 +175,6 @@ struct LinuxFilterDriverApi::Adapter {
     bool tunnel = false;
     Bpf::Fd ingressLink;
     Bpf::Fd egressLink;
-    std::string offloadName;  // interface whose offloads were changed
-    OffloadState savedOffloads;
     std::atomic<bool> tunnelActive{false};
 
     // Capture state, used by ReadPacket.
@@ -155,12 +186,14 @@ struct LinuxFilterDriverApi::Adapter {
     Counters counters;
 
     bool TakeFrame(CaptureSource& source, NdisApi::ETH_REQUEST& request);
+    size_t TakeFrames(CaptureSource& source, NativeNetworkDriver::CapturedFrame* frames, size_t count);
+    // Reads the next batch of the socket into its slots; false when nothing came.
+    bool Refill(CaptureSource& source);
     void Drain(CaptureSource& source);
 };
 
 bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQUEST& request) {
     NdisApi::INTERMEDIATE_BUFFER& out = *request.EthPacket;
-    bool errorSeen = false;
     for (;;) {
         if (s.splitting) {
             size_t length = s.splitter.Next(out.m_IBuffer, sizeof(out.m_IBuffer));
@@ -191,7 +224,7 @@ bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQ
                 ++counters.dropped;
                 continue;
             }
-            const VnetHeader header = ParseVnetHeader(slot);
+            const Nat::FrameOffload header = ParseVnetHeader(slot);
             if (!s.splitter.Start(header, slot + kVnetHeaderSize, length - kVnetHeaderSize, NdisApi::kMaxEtherFrame)) {
                 ++counters.dropped;
                 continue;
@@ -200,6 +233,13 @@ bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQ
             s.splitting = true;
             continue;
         }
+        if (!Refill(s)) return false;
+    }
+}
+
+bool LinuxFilterDriverApi::Adapter::Refill(CaptureSource& s) {
+    bool errorSeen = false;
+    for (;;) {
         for (auto& message : s.messages) message.msg_hdr.msg_flags = 0;
         const int received = recvmmsg(s.socket.Get(), s.messages.data(), kBatch, MSG_DONTWAIT, nullptr);
         if (received < 0 && errno == EINTR) continue;
@@ -212,7 +252,41 @@ bool LinuxFilterDriverApi::Adapter::TakeFrame(CaptureSource& s, NdisApi::ETH_REQ
         if (received <= 0) return false;
         s.count = static_cast<unsigned>(received);
         s.next = 0;
+        return true;
     }
+}
+
+// Frames go out whole, super-frames included, with their offload state beside them.
+size_t LinuxFilterDriverApi::Adapter::TakeFrames(CaptureSource& s, NativeNetworkDriver::CapturedFrame* frames,
+                                                 size_t count) {
+    size_t taken = 0;
+    bool refilled = false;
+    while (taken < count) {
+        if (s.next == s.count) {
+            // One socket read per call: the other socket gets its turn in between.
+            if (refilled || !Refill(s)) break;
+            refilled = true;
+        }
+        const mmsghdr& message = s.messages[s.next];
+        const uint8_t* slot = s.storage.data() + static_cast<size_t>(s.next) * kSlotSize;
+        ++s.next;
+        const size_t length = message.msg_len;
+        if (length < kVnetHeaderSize + 14 || length > kSlotSize || (message.msg_hdr.msg_flags & MSG_TRUNC) != 0) {
+            ++counters.dropped;
+            continue;
+        }
+        NativeNetworkDriver::CapturedFrame& out = frames[taken++];
+        out.offload = ParseVnetHeader(slot);
+        out.isSend = s.deviceFlags == NdisApi::PACKET_FLAG_ON_SEND;
+        size_t frameLength = length - kVnetHeaderSize;
+        const bool pad = s.padRunts && frameLength < kMinEtherFrame && !out.offload.Any();
+        out.bytes.resize(pad ? kMinEtherFrame : frameLength);
+        std::memcpy(out.bytes.data(), slot + kVnetHeaderSize, frameLength);
+        if (pad) std::memset(out.bytes.data() + frameLength, 0, kMinEtherFrame - frameLength);
+        if (out.offload.IsSuperFrame()) ++counters.gsoFrames;
+        ++counters.framesRead;
+    }
+    return taken;
 }
 
 void LinuxFilterDriverApi::Adapter::Drain(CaptureSource& s) {
@@ -314,12 +388,7 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
     const std::string name = InterfaceName(adapter.ifindex);
     if (name.empty()) return false;
 
-    // Segmentation offloads make 64 KiB frames; with them off the stack sends frames that fit.
-    if (!DisableOffloads(name, adapter.savedOffloads)) {
-        Log("Linux filter driver: could not turn off offloads on " + name + ": " + ErrnoText(errno), 0);
-    }
-    adapter.offloadName = name;
-
+    // The interface's offloads stay as they are: super-frames travel whole.
     std::unique_ptr<CaptureSource> fromWire = MakeCaptureSource(adapter.ifindex, true);
     std::unique_ptr<CaptureSource> fromStack = MakeCaptureSource(adapter.ifindex, false);
     int code = 0;
@@ -335,8 +404,6 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
     if (!egress.Valid()) {
         Log("Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code), 0);
         ingress.Reset();
-        RestoreOffloads(name, adapter.savedOffloads);
-        adapter.offloadName.clear();
         return false;
     }
     for (const Bpf::Fd& event : adapter.events) {
@@ -377,11 +444,6 @@ void LinuxFilterDriverApi::CloseTunnel(Adapter& adapter) {
             if (source) (void)epoll_ctl(event.Get(), EPOLL_CTL_DEL, source->socket.Get(), nullptr);
         }
     }
-    // Restore only on the interface we changed: the index may now belong to nothing.
-    if (!adapter.offloadName.empty() && InterfaceName(adapter.ifindex) == adapter.offloadName) {
-        RestoreOffloads(adapter.offloadName, adapter.savedOffloads);
-    }
-    adapter.offloadName.clear();
     adapter.tunnel = false;
 }
 
@@ -465,20 +527,47 @@ bool LinuxFilterDriverApi::ReadPacket(NdisApi::ETH_REQUEST* request) {
     return false;
 }
 
-bool LinuxFilterDriverApi::Send(const NdisApi::ETH_REQUEST* request, bool toStack) {
-    if (request == nullptr || request->EthPacket == nullptr) return false;
-    const uint32_t length = request->EthPacket->m_Length;
-    if (length == 0 || length > NdisApi::kMaxEtherFrame) return false;
-    const std::shared_ptr<Adapter> adapter = FindOrCreate(request->hAdapterHandle);
+size_t LinuxFilterDriverApi::ReadPackets(Handle handle, NativeNetworkDriver::CapturedFrame* frames, size_t count) {
+    if (frames == nullptr || count == 0) return 0;
+    const std::shared_ptr<Adapter> adapter = Find(handle);
+    if (!adapter) return 0;
+    std::lock_guard<std::mutex> read(adapter->readMutex);
+    if (!adapter->sources[0] || !adapter->sources[1]) return 0;
+    // Both sockets in turn, starting with the one that went second last time.
+    size_t taken = 0;
+    for (unsigned i = 0; i < 2 && taken < count; ++i) {
+        taken += adapter->TakeFrames(*adapter->sources[(adapter->nextSource + i) % 2], frames + taken, count - taken);
+    }
+    adapter->nextSource = (adapter->nextSource + 1) % 2;
+    return taken;
+}
+
+bool LinuxFilterDriverApi::SendFrame(Handle handle, const uint8_t* frame, size_t length,
+                                     const Nat::FrameOffload& offload, bool toStack) {
+    const size_t limit = offload.IsSuperFrame() ? Nat::kMaxSuperFrameSize : NdisApi::kMaxEtherFrame;
+    if (frame == nullptr || length == 0 || length > limit) return false;
+    const std::shared_ptr<Adapter> adapter = FindOrCreate(handle);
     if (!adapter) return false;
     // Without the egress program a frame marked for the stack would leave on the wire.
     if (toStack && !adapter->tunnelActive) return false;
     const int fd = toStack ? adapter->stackSocket.Get() : adapter->wireSocket.Get();
+    uint8_t header[kVnetHeaderSize];
+    WriteVnetHeader(offload, header);
+    iovec parts[2] = {{header, sizeof(header)}, {const_cast<uint8_t*>(frame), length}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
     for (;;) {
-        const ssize_t sent = send(fd, request->EthPacket->m_IBuffer, length, MSG_NOSIGNAL);
+        const ssize_t sent = sendmsg(fd, &message, MSG_NOSIGNAL);
         if (sent < 0 && errno == EINTR) continue;
-        return sent == static_cast<ssize_t>(length);
+        return sent == static_cast<ssize_t>(sizeof(header) + length);
     }
+}
+
+bool LinuxFilterDriverApi::Send(const NdisApi::ETH_REQUEST* request, bool toStack) {
+    if (request == nullptr || request->EthPacket == nullptr) return false;
+    return SendFrame(request->hAdapterHandle, request->EthPacket->m_IBuffer, request->EthPacket->m_Length, {},
+                     toStack);
 }
 
 bool LinuxFilterDriverApi::SendPacketToAdapter(const NdisApi::ETH_REQUEST* request) { return Send(request, false); }

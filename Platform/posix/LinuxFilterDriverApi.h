@@ -18,9 +18,9 @@ namespace Platform {
 class LinuxFilterDriverApi final : public NativeNetworkDriver::IFilterDriverApi {
 public:
     struct Counters {
-        uint64_t framesRead = 0;          // frames handed out by ReadPacket
+        uint64_t framesRead = 0;          // frames handed out by ReadPacket or ReadPackets
         uint64_t gsoFrames = 0;           // super-frames received
-        uint64_t segments = 0;            // frames cut from them
+        uint64_t segments = 0;            // frames ReadPacket cut from them
         uint64_t checksumsCompleted = 0;  // frames whose checksum was left to the hardware
         uint64_t dropped = 0;             // frames that could not be delivered
     };
@@ -43,6 +43,10 @@ public:
     bool FlushAdapterPacketQueue(NdisApi::Handle adapter) override;
     NdisApi::Handle CreateAdapterEvent(NdisApi::Handle adapter) override;
     void CloseAdapterEvent(NdisApi::Handle adapter, NdisApi::Handle event) override;
+    // Super-frames whole, with their offload state; ReadPacket cuts them into wire frames.
+    size_t ReadPackets(NdisApi::Handle adapter, NativeNetworkDriver::CapturedFrame* frames, size_t count) override;
+    bool SendFrame(NdisApi::Handle adapter, const uint8_t* frame, size_t length, const Nat::FrameOffload& offload,
+                   bool toStack) override;
 
     // Per-adapter figures for measurements and tests; zero for an unknown adapter.
     Counters GetCounters(NdisApi::Handle adapter) const;

@@ -251,7 +251,7 @@ TEST_F(PublisherTest, ASubscriberMayDispatchAgainFromItsCallback) {
         if (frame[14] != 0x0A) return false;
         Nat::Frame released = frame;
         released[14] = 0x0B;
-        publisher->Dispatch(QueuedFrame{released, false, guidA});
+        publisher->Dispatch(guidA, released, false);
         return true;
     };
     ASSERT_TRUE(publisher->Register(&subscriber, {guidA}));
@@ -263,7 +263,7 @@ TEST_F(PublisherTest, ASubscriberMayDispatchAgainFromItsCallback) {
     EXPECT_EQ(subscriber.Offers().size(), 2u);
 
     // A frame for an adapter that is not (or no longer) registered goes nowhere.
-    publisher->Dispatch(QueuedFrame{EthernetFrame(kMacB, kPeer, 0x0800, 46), false, guidB});
+    publisher->Dispatch(guidB, EthernetFrame(kMacB, kPeer, 0x0800, 46), false);
     EXPECT_TRUE(network->SentToStack(guidB).empty());
 }
 

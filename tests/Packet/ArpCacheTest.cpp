@@ -11,7 +11,6 @@
 using namespace ndtest;
 using NativeNetworkDriver::ArpCache;
 using NativeNetworkDriver::FilterDriversPublisher;
-using NativeNetworkDriver::QueuedFrame;
 using NativeNetworkDriver::Testing::InMemoryNetwork;
 
 namespace {
@@ -41,7 +40,7 @@ protected:
         network->AddAdapter(kGuidB, kMacB);
     }
 
-    void Offer(const std::string& guid, const Frame& frame) { publisher.Dispatch(QueuedFrame{frame, false, guid}); }
+    void Offer(const std::string& guid, const Frame& frame) { publisher.Dispatch(guid, frame, false); }
 
     LogCapture log{2};  // first in, last out: the publisher logs until it is gone
     std::shared_ptr<InMemoryNetwork> network = InMemoryNetwork::Create();
@@ -55,9 +54,11 @@ protected:
 TEST_F(ArpCacheTest, WithoutPublisherTheCacheIsInert) {
     ArpCache cache(nullptr);
     EXPECT_EQ(cache.GetArpTable(), nullptr);
-    EXPECT_FALSE(cache.OnReceivedFrame(ReplyFrom(kGateway, kGatewayMac, kMacA), kGuidA));
-    EXPECT_FALSE(cache.OnReceivedFrame(Frame(3), kGuidA));  // not even looked at
-    EXPECT_FALSE(cache.OnSentFrame(Frame(3), kGuidA));
+    Frame reply = ReplyFrom(kGateway, kGatewayMac, kMacA);
+    Frame runt(3);
+    EXPECT_FALSE(cache.OnReceivedFrame(reply, {}, kGuidA));
+    EXPECT_FALSE(cache.OnReceivedFrame(runt, {}, kGuidA));  // not even looked at
+    EXPECT_FALSE(cache.OnSentFrame(runt, {}, kGuidA));
     EXPECT_EQ(log.Text().find("Arp process"), std::string::npos);
 }
 

@@ -31,13 +31,13 @@ public:
     bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) override {
         return Record("sentFragments", fragments, guid);
     }
-    bool OnSentFrame(const Nat::Frame& frame, const std::string& guid) override {
+    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload&, const std::string& guid) override {
         return Record("sent", {frame}, guid);
     }
     bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override {
         return Record("receivedFragments", fragments, guid);
     }
-    bool OnReceivedFrame(const Nat::Frame& frame, const std::string& guid) override {
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload&, const std::string& guid) override {
         return Record("received", {frame}, guid);
     }
 

@@ -1,4 +1,4 @@
-#include "Platform/posix/LinuxVnetFrames.h"
+#include "Packet/SuperFrame.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 
 #include "support/FrameBuilder.h"
 
-using namespace Platform;
+using namespace Nat;
 using namespace ndtest;
 
 namespace {
@@ -24,8 +24,8 @@ Frame Udp(bool ipv6, const Bytes& payload) {
     return (ipv6 ? b.Ipv6() : b).Build();
 }
 
-std::vector<Bytes> SplitAll(const VnetHeader& h, const Bytes& frame, bool& started) {
-    VnetFrameSplitter splitter;
+std::vector<Bytes> SplitAll(const FrameOffload& h, const Bytes& frame, bool& started) {
+    SuperFrameSplitter splitter;
     std::vector<Bytes> out;
     started = splitter.Start(h, frame.data(), frame.size(), kMax);
     if (!started) return out;
@@ -38,12 +38,12 @@ std::vector<Bytes> SplitAll(const VnetHeader& h, const Bytes& frame, bool& start
 }
 
 // The frame as the stack hands it over when the hardware completes the checksum.
-Bytes LeaveChecksumToHardware(Bytes f, VnetHeader& h) {
+Bytes LeaveChecksumToHardware(Bytes f, FrameOffload& h) {
     const size_t field = TransportChecksumOffset(f);
     const uint16_t pseudo = PseudoHeaderChecksum(f);
     f[field] = static_cast<uint8_t>(pseudo >> 8);
     f[field + 1] = static_cast<uint8_t>(pseudo);
-    h.flags = kVnetFlagNeedsCsum;
+    h.flags = kOffloadNeedsChecksum;
     h.csumStart = static_cast<uint16_t>(TransportOffset(f));
     h.csumOffset = static_cast<uint16_t>(field - h.csumStart);
     return f;
@@ -51,11 +51,11 @@ Bytes LeaveChecksumToHardware(Bytes f, VnetHeader& h) {
 
 }  // namespace
 
-TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
+TEST(SuperFrame, ChecksumLeftToHardwareIsCompleted) {
     for (bool ipv6 : {false, true}) {
         for (size_t payload : {0u, 1u, 17u, 1000u}) {
             const Bytes good = Udp(ipv6, Pattern(payload));
-            VnetHeader h;
+            FrameOffload h;
             const Bytes partial = LeaveChecksumToHardware(good, h);
             ASSERT_NE(good, partial);
             bool started = false;
@@ -65,7 +65,7 @@ TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
             EXPECT_EQ(out[0], good) << "ipv6 " << ipv6 << " payload " << payload;
         }
         const Bytes good = Tcp(ipv6, Pattern(333));
-        VnetHeader h;
+        FrameOffload h;
         bool started = false;
         const auto out = SplitAll(h, LeaveChecksumToHardware(good, h), started);
         ASSERT_EQ(out.size(), 1u);
@@ -73,20 +73,20 @@ TEST(VnetFrames, ChecksumLeftToHardwareIsCompleted) {
     }
 }
 
-TEST(VnetFrames, PlainFramePassesUnchangedAndOversizeOrBadOffsetsAreRefused) {
+TEST(SuperFrame, PlainFramePassesUnchangedAndOversizeOrBadOffsetsAreRefused) {
     const Bytes frame = Udp(false, Pattern(100));
     bool started = false;
-    auto out = SplitAll(VnetHeader{}, frame, started);
+    auto out = SplitAll(FrameOffload{}, frame, started);
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0], frame);
 
-    VnetFrameSplitter splitter;
+    SuperFrameSplitter splitter;
     const Bytes big(kMax + 1, 0);
-    EXPECT_FALSE(splitter.Start(VnetHeader{}, big.data(), big.size(), kMax));
-    EXPECT_FALSE(splitter.Start(VnetHeader{}, frame.data(), 13, kMax));
+    EXPECT_FALSE(splitter.Start(FrameOffload{}, big.data(), big.size(), kMax));
+    EXPECT_FALSE(splitter.Start(FrameOffload{}, frame.data(), 13, kMax));
 
-    VnetHeader h;
-    h.flags = kVnetFlagNeedsCsum;
+    FrameOffload h;
+    h.flags = kOffloadNeedsChecksum;
     h.csumStart = static_cast<uint16_t>(frame.size());
     EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));
     h.csumStart = static_cast<uint16_t>(frame.size() - 1);
@@ -131,14 +131,14 @@ void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, si
     EXPECT_EQ(joined, payload);
 }
 
-TEST(VnetFrames, TcpSuperFrameIsCutIntoWireSizedSegments) {
+TEST(SuperFrame, TcpSuperFrameIsCutIntoWireSizedSegments) {
     for (bool ipv6 : {false, true}) {
         SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
         const Bytes payload = Pattern(10000);
         Bytes super = Tcp(ipv6, payload, 0xFFFFF000, kAck | kPsh | kFin | kCwr);  // the sequence wraps
-        VnetHeader h;
+        FrameOffload h;
         super = LeaveChecksumToHardware(super, h);
-        h.gsoType = static_cast<uint8_t>((ipv6 ? kVnetGsoTcpV6 : kVnetGsoTcpV4) | kVnetGsoEcn);
+        h.gsoType = static_cast<uint8_t>((ipv6 ? kGsoTcpV6 : kGsoTcpV4) | kGsoEcn);
         h.hdrLen = 200;  // the kernel's linear length, not a header length
         const size_t header = (ipv6 ? 54 : 34) + 32;
         h.gsoSize = static_cast<uint16_t>(kMax - (ipv6 ? 86 : 66));
@@ -151,11 +151,11 @@ TEST(VnetFrames, TcpSuperFrameIsCutIntoWireSizedSegments) {
     }
 }
 
-TEST(VnetFrames, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
+TEST(SuperFrame, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
     const Bytes payload = Pattern(20000);
     const Bytes super = Tcp(false, payload, 1000, kAck, 0);
-    VnetHeader h;
-    h.gsoType = kVnetGsoTcpV4;
+    FrameOffload h;
+    h.gsoType = kGsoTcpV4;
     h.gsoSize = 8948;
     bool started = false;
     const auto segments = SplitAll(h, super, started);
@@ -164,13 +164,13 @@ TEST(VnetFrames, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
     CheckTcpSegments(super, segments, (payload.size() + perSegment - 1) / perSegment, payload);
 }
 
-TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
+TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
     for (bool ipv6 : {false, true}) {
         SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
         const Bytes payload = Pattern(2500);
         const Bytes super = Udp(ipv6, payload);
-        VnetHeader h;
-        h.gsoType = kVnetGsoUdpL4;
+        FrameOffload h;
+        h.gsoType = kGsoUdpL4;
         h.gsoSize = 1000;
         bool started = false;
         const auto segments = SplitAll(h, super, started);
@@ -191,24 +191,24 @@ TEST(VnetFrames, UdpSuperFrameBecomesSeparateDatagrams) {
 
         // Datagram boundaries cannot move: a segment size that does not fit is refused.
         h.gsoSize = static_cast<uint16_t>(kMax - l4 - 8 + 1);
-        VnetFrameSplitter splitter;
+        SuperFrameSplitter splitter;
         EXPECT_FALSE(splitter.Start(h, super.data(), super.size(), kMax));
     }
 }
 
-TEST(VnetFrames, MalformedSuperFramesAreRefused) {
+TEST(SuperFrame, MalformedSuperFramesAreRefused) {
     const Bytes tcp = Tcp(false, Pattern(3000));
-    VnetFrameSplitter splitter;
-    VnetHeader h;
+    SuperFrameSplitter splitter;
+    FrameOffload h;
     h.gsoSize = 1448;
 
-    h.gsoType = kVnetGsoUdp;  // IP fragmentation offload
+    h.gsoType = kGsoUdp;  // IP fragmentation offload
     EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
-    h.gsoType = kVnetGsoTcpV6;  // type does not match the IPv4 header
+    h.gsoType = kGsoTcpV6;  // type does not match the IPv4 header
     EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
-    h.gsoType = kVnetGsoUdpL4;  // protocol is TCP
+    h.gsoType = kGsoUdpL4;  // protocol is TCP
     EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
-    h.gsoType = kVnetGsoTcpV4;
+    h.gsoType = kGsoTcpV4;
     EXPECT_FALSE(splitter.Start(h, tcp.data(), 40, kMax));  // TCP header cut off
 
     Bytes bad = tcp;
@@ -223,7 +223,7 @@ TEST(VnetFrames, MalformedSuperFramesAreRefused) {
     EXPECT_FALSE(splitter.Start(h, bad.data(), bad.size(), kMax));
 }
 
-TEST(VnetFrames, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
+TEST(SuperFrame, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
     std::mt19937 random(12345);
     const Bytes base = Tcp(false, Pattern(4000));
     uint8_t out[kMax];
@@ -233,13 +233,13 @@ TEST(VnetFrames, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
         frame.resize(random() % (base.size() + 1));
         const int flips = static_cast<int>(random() % 6);
         for (int i = 0; i < flips && !frame.empty(); ++i) frame[random() % std::min<size_t>(frame.size(), 80)] = static_cast<uint8_t>(random());
-        VnetHeader h;
+        FrameOffload h;
         h.flags = static_cast<uint8_t>(random() % 2);
         h.gsoType = static_cast<uint8_t>(random() % 6);
         h.gsoSize = static_cast<uint16_t>(random() % 3000);
         h.csumStart = static_cast<uint16_t>(random() % 200);
         h.csumOffset = static_cast<uint16_t>(random() % 40);
-        VnetFrameSplitter splitter;
+        SuperFrameSplitter splitter;
         if (!splitter.Start(h, frame.data(), frame.size(), kMax)) continue;
         size_t count = 0;
         for (size_t n; (n = splitter.Next(out, sizeof(out))) > 0;) {

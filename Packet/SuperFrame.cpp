@@ -1,9 +1,9 @@
-#include "Platform/posix/LinuxVnetFrames.h"
+#include "Packet/SuperFrame.h"
 
 #include <bit>
 #include <cstring>
 
-namespace Platform {
+namespace Nat {
 namespace {
 
 constexpr size_t kEthHeader = 14;
@@ -40,17 +40,6 @@ uint16_t FinishChecksum(uint16_t folded) {
 }
 
 }  // namespace
-
-VnetHeader ParseVnetHeader(const uint8_t* bytes) {
-    VnetHeader h;
-    h.flags = bytes[0];
-    h.gsoType = bytes[1];
-    std::memcpy(&h.hdrLen, bytes + 2, 2);
-    std::memcpy(&h.gsoSize, bytes + 4, 2);
-    std::memcpy(&h.csumStart, bytes + 6, 2);
-    std::memcpy(&h.csumOffset, bytes + 8, 2);
-    return h;
-}
 
 uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length) {
     // Sum native-order words (RFC 1071: the sum is byte-order independent up to a swap).
@@ -92,11 +81,11 @@ uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length)
     return static_cast<uint16_t>(total);
 }
 
-bool VnetFrameSplitter::Start(const VnetHeader& header, const uint8_t* frame, size_t length, size_t maxFrame) {
+bool SuperFrameSplitter::Start(const FrameOffload& offload, const uint8_t* frame, size_t length, size_t maxFrame) {
     frame_ = frame;
     length_ = length;
     maxFrame_ = maxFrame;
-    header_ = header;
+    offload_ = offload;
     single_ = false;
     emptySegmentPending_ = false;
     gso_ = false;
@@ -107,17 +96,17 @@ bool VnetFrameSplitter::Start(const VnetHeader& header, const uint8_t* frame, si
 
     if (frame == nullptr || length < kEthHeader) return false;
 
-    const uint8_t gsoType = static_cast<uint8_t>(header.gsoType & ~kVnetGsoEcn);
-    if (gsoType == kVnetGsoNone) {
+    const uint8_t gsoType = static_cast<uint8_t>(offload.gsoType & ~kGsoEcn);
+    if (gsoType == kGsoNone) {
         if (length > maxFrame) return false;
-        if (header.flags & kVnetFlagNeedsCsum) {
-            const size_t field = static_cast<size_t>(header.csumStart) + header.csumOffset;
-            if (header.csumStart >= length || field + 2 > length) return false;
+        if (offload.flags & kOffloadNeedsChecksum) {
+            const size_t field = static_cast<size_t>(offload.csumStart) + offload.csumOffset;
+            if (offload.csumStart >= length || field + 2 > length) return false;
         }
         single_ = true;
         return true;
     }
-    if (gsoType != kVnetGsoTcpV4 && gsoType != kVnetGsoTcpV6 && gsoType != kVnetGsoUdpL4) return false;
+    if (gsoType != kGsoTcpV4 && gsoType != kGsoTcpV6 && gsoType != kGsoUdpL4) return false;
     gso_ = true;
 
     // Locate the headers ourselves: hdrLen is only the kernel's linear part, not a header length.
@@ -147,12 +136,12 @@ bool VnetFrameSplitter::Start(const VnetHeader& header, const uint8_t* frame, si
     }
 
     size_t transportHeader = 0;
-    if (gsoType == kVnetGsoUdpL4) {
+    if (gsoType == kGsoUdpL4) {
         if (protocol != kProtoUdp || length < l4 + 8) return false;
         transportHeader = 8;
         tcp_ = false;
     } else {
-        if (protocol != kProtoTcp || (gsoType == kVnetGsoTcpV4) == ipv6_) return false;
+        if (protocol != kProtoTcp || (gsoType == kGsoTcpV4) == ipv6_) return false;
         if (length < l4 + 20) return false;
         transportHeader = static_cast<size_t>(frame[l4 + 12] >> 4) * 4;
         if (transportHeader < 20 || length < l4 + transportHeader) return false;
@@ -166,11 +155,11 @@ bool VnetFrameSplitter::Start(const VnetHeader& header, const uint8_t* frame, si
 
     if (tcp_) {
         const size_t room = maxFrame - headerLength_;
-        segmentSize_ = (header.gsoSize == 0 || header.gsoSize > room) ? room : header.gsoSize;
+        segmentSize_ = (offload.gsoSize == 0 || offload.gsoSize > room) ? room : offload.gsoSize;
     } else {
         // Each UDP segment is a datagram of its own: its size cannot be changed.
-        if (header.gsoSize == 0 || headerLength_ + header.gsoSize > maxFrame) return false;
-        segmentSize_ = header.gsoSize;
+        if (offload.gsoSize == 0 || headerLength_ + offload.gsoSize > maxFrame) return false;
+        segmentSize_ = offload.gsoSize;
     }
     firstIpId_ = ipv6_ ? 0 : Get16(frame + l3 + 4);
     remaining_ = length - headerLength_;
@@ -179,14 +168,14 @@ bool VnetFrameSplitter::Start(const VnetHeader& header, const uint8_t* frame, si
     return true;
 }
 
-size_t VnetFrameSplitter::Next(uint8_t* out, size_t capacity) {
+size_t SuperFrameSplitter::Next(uint8_t* out, size_t capacity) {
     if (out == nullptr || capacity < maxFrame_) return 0;
     if (single_) {
         single_ = false;
         std::memcpy(out, frame_, length_);
-        if (header_.flags & kVnetFlagNeedsCsum) {
-            const size_t start = header_.csumStart;
-            const size_t field = start + header_.csumOffset;
+        if (offload_.flags & kOffloadNeedsChecksum) {
+            const size_t start = offload_.csumStart;
+            const size_t field = start + offload_.csumOffset;
             // The field holds the pseudo-header sum; fold the rest in and store.
             const uint16_t folded = InternetChecksumFold(0, out + start, length_ - start);
             Put16(out + field, FinishChecksum(folded));
@@ -199,7 +188,7 @@ size_t VnetFrameSplitter::Next(uint8_t* out, size_t capacity) {
     return NextSegment(out);
 }
 
-size_t VnetFrameSplitter::NextSegment(uint8_t* out) {
+size_t SuperFrameSplitter::NextSegment(uint8_t* out) {
     const size_t chunk = remaining_ < segmentSize_ ? remaining_ : segmentSize_;
     const bool first = segmentIndex_ == 0;
     const bool last = chunk == remaining_;
@@ -245,4 +234,4 @@ size_t VnetFrameSplitter::NextSegment(uint8_t* out) {
     return frameLength;
 }
 
-}  // namespace Platform
+}  // namespace Nat
