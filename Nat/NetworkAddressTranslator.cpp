@@ -408,24 +408,25 @@ uint32_t NetworkAddressTranslator::ClassifyExternalPacket(uint8_t protocol, cons
 
 std::optional<MacAddress> NetworkAddressTranslator::ResolveOrHold(const Ipv4Address& ip, const Frame& head,
                                                                   const FragmentList* fragments,
-                                                                  const std::string& receivedOnGuid) {
+                                                                  const std::string& receivedOnGuid,
+                                                                  bool partialChecksum) {
     NativeNetworkDriver::ArpTable* table = arpCache_ != nullptr ? arpCache_->GetArpTable() : nullptr;
     if (table == nullptr) return std::nullopt;
-    if (fragments == nullptr) return table->ResolveOrHold(ip, head, receivedOnGuid);
+    if (fragments == nullptr) return table->ResolveOrHold(ip, head, receivedOnGuid, {}, partialChecksum);
     return table->ResolveOrHold(ip, head, receivedOnGuid, FragmentSet(*fragments));
 }
 
 NetworkAddressTranslator::NextHop NetworkAddressTranslator::ResolveExternalNextHop(
     const AdapterInfo& adapter, const Ipv4Address& destination, uint32_t dstPort,
     const Ipv4Address& frameDestination, const Frame& head, const FragmentList* fragments,
-    const std::string& receivedOnGuid) {
+    const std::string& receivedOnGuid, bool partialChecksum) {
     NextHop hop;
     if (const IpEntry* local = SubnetEntry(adapter, destination)) {
         ToIp(local->address, hop.sourceIp);
         const bool toProxy = resolutionProxy_.hasProxy && resolutionProxy_.port == dstPort &&
                              FirstFourEqual(resolutionProxy_.ip, destination);
         if (toProxy && ToMac(resolutionProxy_.mac, hop.mac)) return hop;
-        std::optional<MacAddress> mac = ResolveOrHold(destination, head, fragments, receivedOnGuid);
+        std::optional<MacAddress> mac = ResolveOrHold(destination, head, fragments, receivedOnGuid, partialChecksum);
         if (!mac) {
             throw UnknownMacException("Unknown MAC address for ip " + IpText(destination), adapter.mac,
                                       ToBytes(destination), ToBytes(frameDestination), adapter.name);
@@ -516,7 +517,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
     }
 
     const NextHop hop = ResolveExternalNextHop(*external, entry.external.remoteIp, entry.external.remotePort, f.dstIp,
-                                               head, fragments, receivedOnGuid);
+                                               head, fragments, receivedOnGuid, partialChecksum);
 
     PayloadChange change;
     if (ftp && f.payloadIntact) change = RewritePassiveReply(head, f, *external, entry);
@@ -571,7 +572,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Fra
             if (rule == nullptr) throw Exception("DNat matching rule not found");
             Ipv4Address toIp{};
             if (!ToIp(rule->toIp, toIp)) PU::FromVectorToIpString(rule->toIp);  // throws its size message
-            std::optional<MacAddress> mac = ResolveOrHold(toIp, head, fragments, receivedOnGuid);
+            std::optional<MacAddress> mac = ResolveOrHold(toIp, head, fragments, receivedOnGuid, partialChecksum);
             if (!mac) {
                 throw UnknownMacException("Unknown MAC address for ip " + IpText(toIp), rule->toAdapter.mac,
                                           rule->toIp, ToBytes(f.dstIp), rule->toAdapter.name);

@@ -135,9 +135,10 @@ private:
 
     NextHop ResolveExternalNextHop(const AdapterInfo& adapter, const Ipv4Address& destination, uint32_t dstPort,
                                    const Ipv4Address& frameDestination, const Frame& head,
-                                   const FragmentList* fragments, const std::string& receivedOnGuid);
+                                   const FragmentList* fragments, const std::string& receivedOnGuid,
+                                   bool partialChecksum);
     std::optional<MacAddress> ResolveOrHold(const Ipv4Address& ip, const Frame& head, const FragmentList* fragments,
-                                            const std::string& receivedOnGuid);
+                                            const std::string& receivedOnGuid, bool partialChecksum);
 
     PayloadChange RewritePassiveReply(Frame& frame, const FrameFacts& facts, const AdapterInfo& external,
                                       const EntryView& entry);

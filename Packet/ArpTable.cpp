@@ -29,7 +29,18 @@ ArpTable::ArpTable(Clock clock) : clock_(clock ? std::move(clock) : Clock(&Platf
 
 std::optional<Nat::MacAddress> ArpTable::ResolveOrHold(const Nat::Ipv4Address& ip, const Nat::Frame& frame,
                                                        const std::string& adapterGuid,
-                                                       const std::set<Nat::Frame>& fragments) {
+                                                       const std::set<Nat::Frame>& fragments,
+                                                       bool partialChecksum) {
+    const auto held = [&](uint32_t now) {
+        UnresolvedPacket packet{frame, fragments, adapterGuid, now};
+        if (partialChecksum) {
+            try {
+                Nat::PacketUtils::FixTransportHeaderChecksum(packet.frame);
+            } catch (const Nat::Exception&) {
+            }
+        }
+        return packet;
+    };
     std::lock_guard lock(lock_);
     const uint32_t now = clock_();
     auto it = entries_.find(ip);
@@ -42,7 +53,7 @@ std::optional<Nat::MacAddress> ArpTable::ResolveOrHold(const Nat::Ipv4Address& i
                               [now](const UnresolvedPacket& p) { return now - p.added >= kHeldLifetimeMs; });
                 if (entry.packets.size() >= kMaxHeldPerAddress) entry.packets.erase(entry.packets.begin());
             }
-            entry.packets.push_back(UnresolvedPacket{frame, fragments, adapterGuid, now});
+            entry.packets.push_back(held(now));
             LogChange("Added unresolved packet to Arp cache", &ip);
             return std::nullopt;
         }
@@ -50,7 +61,7 @@ std::optional<Nat::MacAddress> ArpTable::ResolveOrHold(const Nat::Ipv4Address& i
         LogChange("Removed entry from Arp cache", &ip);
     }
     ArpEntry entry;
-    entry.packets.push_back(UnresolvedPacket{frame, fragments, adapterGuid, now});
+    entry.packets.push_back(held(now));
     entry.updated = now;
     entries_.emplace(ip, std::move(entry));
     LogChange("Added entry to Arp cache", &ip);

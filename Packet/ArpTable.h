@@ -21,10 +21,13 @@ public:
     explicit ArpTable(Clock clock = {});
 
     // The MAC of `ip`, or nothing, in which case a copy of the frame (with its fragments,
-    // if any) is held for `adapterGuid` until a reply for `ip` arrives.
+    // if any) is held for `adapterGuid` until a reply for `ip` arrives. A frame whose
+    // transport checksum is partial (offloaded) is held with the checksum completed, since
+    // it comes back as a wire frame.
     std::optional<Nat::MacAddress> ResolveOrHold(const Nat::Ipv4Address& ip, const Nat::Frame& frame,
                                                  const std::string& adapterGuid,
-                                                 const std::set<Nat::Frame>& fragments = {});
+                                                 const std::set<Nat::Frame>& fragments = {},
+                                                 bool partialChecksum = false);
     void LearnFromArpReply(const Nat::Ipv4Address& ip, const Nat::MacAddress& mac);
     std::string ToString() const;
 
