@@ -2,6 +2,7 @@
 # A remote host behind the native side reaches a LAN host through the VPN bridge.
 #   lan: lan0 10.9.0.2  ==veth==  gw: gw0 10.9.0.1 (opened by the daemon's VPN)
 #   remote: ndtap 10.9.0.50, the tap that ndpeer bridges to the pipe (supervisor MAC)
+# ndpeer captures the tunnel (--pcap); tcpdump reads the capture afterwards.
 source "$(dirname "$0")/lib.sh"
 require_namespaces
 
@@ -19,7 +20,8 @@ cat > "$WORK/vpn.json" <<JSON
 ]}
 JSON
 bg in_ns gw "$PEER" --daemon "$DAEMON" --scenario "$WORK/vpn.json" --tap ndtap --tap-netns "remote$TAG" \
-   --tap-mac "$SUPERVISOR" --hold -1 > "$WORK/peer.log" 2>&1
+   --tap-mac "$SUPERVISOR" --hold -1 --pcap "$WORK/tunnel.pcap" > "$WORK/peer.log" 2>&1
+peer=$!
 wait_for 10 in_ns remote ip link show ndtap || { cat "$WORK/peer.log"; exit 1; }
 in_ns remote ip addr add 10.9.0.50/24 dev ndtap
 wait_for 10 log_has "Virtual Ethernet adapter (GUID: {00307767-0000-0000-0000-000000000000}) opened."
@@ -51,4 +53,14 @@ check "its frames did not reach the LAN wire" test ! -s "$WORK/leak.txt"
 kill_daemon gw
 sleep 0.5
 check "after SIGKILL the daemon host reaches the LAN directly again" in_ns gw ping -q -c 2 -W 2 10.9.0.2
+
+# The capture holds both directions of the pings between the remote and the LAN host: three
+# requests and three replies each way.
+check "the peer ended when the daemon went" wait_for 10 _ended "$peer"
+echoes() { tcpdump -n -r "$WORK/tunnel.pcap" "icmp[icmptype] == $1 and src $2 and dst $3" 2>/dev/null | wc -l; }
+check "the capture reads whole" tcpdump -n -r "$WORK/tunnel.pcap" -w /dev/null
+check "3 echo requests and 3 replies from the remote's pings in the capture" \
+  test "$(echoes icmp-echo 10.9.0.50 10.9.0.2) $(echoes icmp-echoreply 10.9.0.2 10.9.0.50)" = "3 3"
+check "3 echo requests and 3 replies from the LAN host's pings in the capture" \
+  test "$(echoes icmp-echo 10.9.0.2 10.9.0.50) $(echoes icmp-echoreply 10.9.0.50 10.9.0.2)" = "3 3"
 echo "PASS"

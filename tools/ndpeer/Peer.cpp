@@ -69,6 +69,7 @@ void Peer::ReceiveLoop() {
             continue;
         }
         if (message.type == NativeNetworkDriver::kVpnFrame) {
+            pcap_.Write(message.payload.data(), message.payload.size());
             if (options_.showFrames) std::cout << "<- " << DescribeMessage(message) << std::endl;
             if (tap_.IsOpen()) {
                 tap_.Write(message.payload);
@@ -97,6 +98,7 @@ void Peer::TapLoop() {
         int n;
         while ((n = tap_.Read(buffer.data(), buffer.size())) > 0) {
             std::vector<uint8_t> frame(buffer.begin(), buffer.begin() + n);
+            pcap_.Write(frame.data(), frame.size());
             std::lock_guard lock(sendLock_);
             channel_.Send(NativeNetworkDriver::kVpnFrame, frame);
         }
@@ -213,6 +215,7 @@ bool Peer::RunStep(const Step& step, size_t index) {
             sent = channel_.SendRaw(*step.rawBytes);
         } else {
             std::cout << "-> " << DescribeMessage({step.type, step.payload, {}}) << std::endl;
+            if (step.type == NativeNetworkDriver::kVpnFrame) pcap_.Write(step.payload.data(), step.payload.size());
             sent = channel_.Send(step.type, step.payload);
         }
         if (!sent) {
@@ -245,6 +248,7 @@ void Peer::Shutdown() {
 int Peer::Run(const Scenario& scenario) {
     std::signal(SIGINT, OnSignal);
     std::signal(SIGTERM, OnSignal);
+    if (!options_.pcapPath.empty()) pcap_.Open(options_.pcapPath);
     channel_.Listen();
     if (!options_.daemonPath.empty() && !StartDaemon()) {
         std::cerr << "cannot start " << options_.daemonPath << std::endl;

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
+#include "PcapWriter.h"
 #include "PeerChannel.h"
 #include "Scenario.h"
 #include "TapDevice.h"
@@ -20,6 +21,7 @@ struct PeerOptions {
     std::string tapName;      // bridge type-2 frames to this tap, if set
     std::string tapNetns;     // network namespace the tap is made in
     std::string daemonNetns;  // network namespace the daemon runs in
+    std::string pcapPath;     // write every tunnel frame to this capture file, if set
     std::vector<uint8_t> tapMac;
     double connectTimeout = 10;
     double answerTimeout = 10;
@@ -50,6 +52,7 @@ private:
     PeerOptions options_;
     PeerChannel channel_;
     TapDevice tap_;
+    PcapWriter pcap_;
     std::mutex sendLock_;
     std::mutex answersLock_;
     std::condition_variable answersChanged_;
