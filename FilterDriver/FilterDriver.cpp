@@ -152,6 +152,7 @@ void FilterDriver::CaptureThread() {
         // The frames' vectors keep their capacity from batch to batch (or are swapped for
         // the reader's), so reading allocates nothing once the first batches are in.
         std::array<CapturedFrame, kCaptureBatch> batch;
+        for (CapturedFrame& frame : batch) frame.bytes.reserve(Nat::kMaxFrameSize);
         Log("CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ") started.", kInfo);
 
         while (WaitAny(waits) == 1) {

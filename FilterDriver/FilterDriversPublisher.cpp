@@ -30,7 +30,11 @@ bool StartsWithMac(const Nat::Frame& frame, const std::vector<uint8_t>& mac) {
 
 }  // namespace
 
-FilterDriversPublisher::FilterDriversPublisher() : ring_(kQueueFrames) { (void)StartDispatchThread(); }
+FilterDriversPublisher::FilterDriversPublisher() : ring_(kQueueFrames) {
+    // Room for a wire frame in every slot from the start: wire frames never allocate.
+    for (QueuedFrame& slot : ring_) slot.frame.reserve(Nat::kMaxFrameSize);
+    (void)StartDispatchThread();
+}
 
 bool FilterDriversPublisher::StartDispatchThread() {
     // Marked running before the thread starts: frames captured in between wait in the

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "support/AllocationScope.h"
+
 namespace ndtest {
 
 inline std::atomic<bool> countingAllocations{false};
@@ -21,7 +23,9 @@ size_t AllocationsOf(Action&& action) {
 }
 
 inline void* CountedAllocation(std::size_t size, std::size_t align = 0) {
-    if (countingAllocations.load(std::memory_order_relaxed)) allocationCount.fetch_add(1, std::memory_order_relaxed);
+    if (countingAllocations.load(std::memory_order_relaxed) && harnessDepth == 0) {
+        allocationCount.fetch_add(1, std::memory_order_relaxed);
+    }
     void* p = align == 0 ? std::malloc(size == 0 ? 1 : size)
                          : std::aligned_alloc(align, (size + align - 1) / align * align);
     if (p == nullptr) throw std::bad_alloc();

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "Platform/Events.h"
+#include "support/AllocationScope.h"
 
 namespace NativeNetworkDriver::Testing {
 
@@ -127,6 +128,43 @@ public:
     bool SendPacketToAdapter(const NdisApi::ETH_REQUEST* request) override { return Send(request, true); }
     bool SendPacketToMstcp(const NdisApi::ETH_REQUEST* request) override { return Send(request, false); }
 
+    size_t ReadPackets(NdisApi::Handle handle, CapturedFrame* frames, size_t count) override {
+        std::lock_guard lock(network_->mutex_);
+        auto* adapter = network_->ByHandleLocked(handle);
+        if (adapter == nullptr) return 0;
+        size_t read = 0;
+        for (; read < count && !adapter->queue.empty(); ++read) {
+            InMemoryNetwork::Captured& captured = adapter->queue.front();
+            CapturedFrame& out = frames[read];
+            // As a real backend: the vector keeps its capacity, nothing is cleared first.
+            out.bytes.resize(captured.frame.size());
+            std::copy(captured.frame.begin(), captured.frame.end(), out.bytes.begin());
+            out.offload = captured.offload;
+            out.isSend = captured.flags == NdisApi::PACKET_FLAG_ON_SEND;
+            ndtest::HarnessScope harness;
+            adapter->queue.pop_front();
+        }
+        if (adapter->queue.empty()) network_->changed_.notify_all();
+        return read;
+    }
+
+    bool SendFrame(NdisApi::Handle handle, const uint8_t* frame, size_t length, const Nat::FrameOffload& offload,
+                   bool toStack) override {
+        {
+            std::lock_guard lock(network_->mutex_);
+            if (!network_->superFrames_) {
+                // A backend of wire frames: the base cuts super-frames up.
+            } else {
+                ndtest::HarnessScope harness;
+                auto* adapter = network_->ByHandleLocked(handle);
+                if (adapter == nullptr) return false;
+                Record(*adapter, Nat::Frame(frame, frame + length), offload, !toStack);
+                return true;
+            }
+        }
+        return IFilterDriverApi::SendFrame(handle, frame, length, offload, toStack);
+    }
+
     bool FlushAdapterPacketQueue(NdisApi::Handle handle) override {
         std::lock_guard lock(network_->mutex_);
         auto* adapter = network_->ByHandleLocked(handle);
@@ -156,10 +194,15 @@ private:
         if (adapter == nullptr || request->EthPacket == nullptr) return false;
         const NdisApi::INTERMEDIATE_BUFFER* buffer = request->EthPacket;
         const size_t n = std::min<size_t>(buffer->m_Length, NdisApi::kMaxEtherFrame);
-        Nat::Frame frame(buffer->m_IBuffer, buffer->m_IBuffer + n);
-        (toWire ? adapter->wire : adapter->stack).push_back(std::move(frame));
-        network_->changed_.notify_all();
+        ndtest::HarnessScope harness;
+        Record(*adapter, Nat::Frame(buffer->m_IBuffer, buffer->m_IBuffer + n), {}, toWire);
         return true;
+    }
+
+    void Record(InMemoryNetwork::Adapter& adapter, Nat::Frame frame, const Nat::FrameOffload& offload, bool toWire) {
+        if (toWire) adapter.wireOffloads.push_back(offload);
+        (toWire ? adapter.wire : adapter.stack).push_back(std::move(frame));
+        network_->changed_.notify_all();
     }
 
     std::shared_ptr<InMemoryNetwork> network_;
@@ -238,26 +281,41 @@ InMemoryNetwork::Adapter* InMemoryNetwork::ByHandleLocked(NdisApi::Handle handle
     return nullptr;
 }
 
-bool InMemoryNetwork::Inject(const std::string& key, const Nat::Frame& frame, bool fromWire) {
+bool InMemoryNetwork::Inject(const std::string& key, const Nat::Frame& frame, bool fromWire,
+                             const Nat::FrameOffload& offload) {
+    ndtest::HarnessScope harness;
     std::lock_guard lock(mutex_);
     Adapter& adapter = GetLocked(key);
     const uint32_t divertFlag = fromWire ? NdisApi::MSTCP_FLAG_RECV_TUNNEL : NdisApi::MSTCP_FLAG_SENT_TUNNEL;
     if ((adapter.mode & divertFlag) == 0) {
         (fromWire ? adapter.stack : adapter.wire).push_back(frame);
+        if (!fromWire) adapter.wireOffloads.push_back(offload);
         changed_.notify_all();
         return false;
     }
-    adapter.queue.push_back(Captured{frame, fromWire ? NdisApi::PACKET_FLAG_ON_RECEIVE : NdisApi::PACKET_FLAG_ON_SEND});
+    adapter.queue.push_back(
+        Captured{frame, fromWire ? NdisApi::PACKET_FLAG_ON_RECEIVE : NdisApi::PACKET_FLAG_ON_SEND, offload});
     if (adapter.packetEvent != 0) (void)Platform::SetEvent(adapter.packetEvent);
     return true;
 }
 
-bool InMemoryNetwork::InjectFromWire(const std::string& key, const Nat::Frame& frame) {
-    return Inject(key, frame, true);
+bool InMemoryNetwork::InjectFromWire(const std::string& key, const Nat::Frame& frame,
+                                     const Nat::FrameOffload& offload) {
+    return Inject(key, frame, true, offload);
 }
 
 bool InMemoryNetwork::InjectFromStack(const std::string& key, const Nat::Frame& frame) {
-    return Inject(key, frame, false);
+    return Inject(key, frame, false, {});
+}
+
+void InMemoryNetwork::SetSuperFrames(bool on) {
+    std::lock_guard lock(mutex_);
+    superFrames_ = on;
+}
+
+std::vector<Nat::FrameOffload> InMemoryNetwork::WireOffloads(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    return GetLocked(key).wireOffloads;
 }
 
 bool InMemoryNetwork::Settle(const std::string& key) {
@@ -291,6 +349,7 @@ std::vector<Nat::Frame> InMemoryNetwork::SentToStack(const std::string& key) con
 void InMemoryNetwork::ClearSent(const std::string& key) {
     std::lock_guard lock(mutex_);
     GetLocked(key).wire.clear();
+    GetLocked(key).wireOffloads.clear();
     GetLocked(key).stack.clear();
 }
 

@@ -42,6 +42,7 @@ public:
     struct Captured {
         Nat::Frame frame;
         uint32_t flags;
+        Nat::FrameOffload offload;
     };
     struct Adapter {
         std::string internalName;
@@ -53,6 +54,7 @@ public:
         std::deque<Captured> queue;
         std::vector<Nat::Frame> wire;
         std::vector<Nat::Frame> stack;
+        std::vector<Nat::FrameOffload> wireOffloads;  // beside wire: how each frame was sent
         int tunnelEntries = 0;  // how many times it went from normal to tunnel mode
         int filterTables = 0;   // filter tables installed for it (matched by the handle's low half)
         NdisApi::STATIC_FILTER lastFilter{};
@@ -83,16 +85,21 @@ public:
     [[nodiscard]] FactoryGuard Install();
 
     void SetDriverLoaded(bool loaded);
+    // Frames are read with the offload state they were injected with. With super-frames
+    // they are also sent whole with it, as the Linux backend does; without (the default),
+    // the driver's default send cuts them into wire frames, as for a backend without.
+    void SetSuperFrames(bool on);
     void SetFailing(Call call, bool failing);
 
     // True when the frame was diverted to the driver, false when it passed straight through.
-    bool InjectFromWire(const std::string& key, const Nat::Frame& frame);
+    bool InjectFromWire(const std::string& key, const Nat::Frame& frame, const Nat::FrameOffload& offload = {});
     bool InjectFromStack(const std::string& key, const Nat::Frame& frame);
     // Waits (bounded) until everything captured on the adapter before this call has been
     // dispatched: a marker sent by the stack goes out on the wire once its turn comes.
     bool Settle(const std::string& key);
 
     std::vector<Nat::Frame> SentToWire(const std::string& key) const;
+    std::vector<Nat::FrameOffload> WireOffloads(const std::string& key) const;
     std::vector<Nat::Frame> SentToStack(const std::string& key) const;
     void ClearSent(const std::string& key);
     // Waits (bounded) until at least `count` frames were sent to the stack.
@@ -111,7 +118,7 @@ private:
     Adapter& GetLocked(const std::string& key);
     const Adapter& GetLocked(const std::string& key) const;
     Adapter* ByHandleLocked(NdisApi::Handle handle);
-    bool Inject(const std::string& key, const Nat::Frame& frame, bool fromWire);
+    bool Inject(const std::string& key, const Nat::Frame& frame, bool fromWire, const Nat::FrameOffload& offload);
     std::vector<Nat::Frame> Sent(const std::string& key, bool wire) const;
     bool Failing(Call call) const;
 
@@ -121,6 +128,7 @@ private:
     std::vector<std::string> order_;            // the driver's adapter list order
     NdisApi::Handle nextHandle_ = 0x1000;
     bool driverLoaded_ = true;
+    bool superFrames_ = false;
     std::map<Call, bool> failing_;
     int openEvents_ = 0;
     int liveClients_ = 0;

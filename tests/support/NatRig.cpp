@@ -104,18 +104,18 @@ std::vector<uint32_t> Rig::Ports(uint32_t first, uint32_t count) {
     return ports;
 }
 
-uint32_t Rig::Out(Frame& frame, const std::string& guid) {
+uint32_t Rig::Out(Frame& frame, const std::string& guid, bool partialChecksum) {
     const Fields f = Parse(frame);
     const uint32_t kind =
         nat->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort, f.dstPort);
-    if (kind != 0) lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid);
+    if (kind != 0) lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid, partialChecksum);
     return kind;
 }
 
-uint32_t Rig::In(Frame& frame, const std::string& guid) {
+uint32_t Rig::In(Frame& frame, const std::string& guid, bool partialChecksum) {
     const Fields f = Parse(frame);
     const uint32_t kind = nat->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-    if (kind != 0) lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid);
+    if (kind != 0) lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid, partialChecksum);
     return kind;
 }
 

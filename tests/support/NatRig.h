@@ -113,8 +113,8 @@ struct Rig {
     static Nat::AdapterMapping DefaultMapping() { return {Net::External(), Net::Internal()}; }
 
     // Classify as the session does, then translate; 0 when not claimed.
-    uint32_t Out(Frame& frame, const std::string& guid = "int0");
-    uint32_t In(Frame& frame, const std::string& guid = "ext0");
+    uint32_t Out(Frame& frame, const std::string& guid = "int0", bool partialChecksum = false);
+    uint32_t In(Frame& frame, const std::string& guid = "ext0", bool partialChecksum = false);
     const Nat::AdapterInfo* lastAdapter = nullptr;
 
     void Learn(const Ipv4Address& ip, const MacAddress& mac) { arp.table.LearnFromArpReply(ip, mac); }

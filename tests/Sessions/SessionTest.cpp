@@ -1,0 +1,141 @@
+// The NAT session on the in-memory driver: the whole chain from capture through the
+// publisher, the session and the engine to the send, as the daemon runs it.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "FilterDriver/FilterDriversPublisher.h"
+#include "Packet/ArpCache.h"
+#include "Sessions/NAT.h"
+#include "support/AllocationCounter.h"
+#include "support/InMemoryFilterDriverApi.h"
+#include "support/NatRig.h"
+
+using namespace NativeNetworkDriver;
+using namespace NativeNetworkDriver::Testing;
+using namespace NatTest;
+
+namespace {
+
+const std::string kInt = Guid(1);
+const std::string kExt = Guid(2);
+
+NativeNetworkDriver::AdapterInfo Record(const std::string& guid, const Nat::AdapterInfo& engine) {
+    NativeNetworkDriver::AdapterInfo a;
+    a.ID = guid;
+    a.name = engine.name;
+    a.MAC = engine.mac;
+    for (const auto& ip : engine.ips) a.IPs.push_back({ip.address, ip.mask});
+    a.GWMAC = engine.gatewayMac;
+    a.GWIP = engine.gatewayIp;
+    return a;
+}
+
+// A host behind kInt reaches the world behind kExt's gateway through source NAT.
+class SessionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        network->AddAdapter(kInt, kIntMac);
+        network->AddAdapter(kExt, kExtMac);
+        publisher = std::make_unique<FilterDriversPublisher>();
+        arp = std::make_unique<ArpCache>(publisher.get());
+        StartNATRequest request;
+        request.mappings.push_back({Record(kExt, Net::External()), Record(kInt, Net::Internal())});
+        request.TcpPortPoolSize = 4;
+        request.UdpPortPoolSize = 4;
+        request.DNatTableEntryTimeout = 60;
+        nat = std::make_unique<NAT>(publisher.get(), arp.get(), request);
+        ASSERT_EQ(nat->Status(), 1u);
+    }
+    void TearDown() override {
+        nat.reset();
+        arp.reset();
+        publisher.reset();
+    }
+    // Injects and waits until everything injected on both adapters is dispatched; the
+    // harness's own allocations are not counted.
+    void Pass(const std::vector<std::pair<std::string, Frame>>& frames, const Nat::FrameOffload& offload = {}) {
+        ndtest::HarnessScope harness;
+        for (const auto& [guid, frame] : frames) network->InjectFromWire(guid, frame, offload);
+        ASSERT_TRUE(network->Settle(kInt));
+        ASSERT_TRUE(network->Settle(kExt));
+    }
+    std::vector<Frame> Wire(const std::string& guid) {
+        ndtest::HarnessScope harness;
+        auto frames = network->SentToWire(guid);
+        std::erase_if(frames, IsMarker);
+        return frames;
+    }
+
+    std::shared_ptr<InMemoryNetwork> network = InMemoryNetwork::Create();
+    InMemoryNetwork::FactoryGuard guard = network->Install();
+    std::unique_ptr<FilterDriversPublisher> publisher;
+    std::unique_ptr<ArpCache> arp;
+    std::unique_ptr<NAT> nat;
+};
+
+}  // namespace
+
+TEST_F(SessionTest, EstablishedFlowsGoFromCaptureToSendWithoutHeapAllocation) {
+    const Frame syn = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 1, 0, kSyn});
+    Pass({{kInt, syn}});
+    ASSERT_EQ(Wire(kExt).size(), 1u);
+    const uint16_t port = Parse(Wire(kExt)[0]).srcPort;
+    const Frame out = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 2, 1, kAck, std::string(1400, 'o')});
+    const Frame in = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 443, port, 1, 2, kAck});
+    std::vector<std::pair<std::string, Frame>> both;
+    for (int i = 0; i < 100; ++i) both.insert(both.end(), {{kInt, out}, {kExt, in}});
+
+    // Until every queue slot and capture buffer has held a frame of this size, vectors grow.
+    for (int round = 0; round < 8; ++round) Pass(both);
+    network->ClearSent(kInt);
+    network->ClearSent(kExt);
+    EXPECT_EQ(ndtest::AllocationsOf([&] { Pass(both); }), 0u);
+
+    const auto toWorld = Wire(kExt);
+    const auto toHost = Wire(kInt);
+    ASSERT_EQ(toWorld.size(), 100u);
+    ASSERT_EQ(toHost.size(), 100u);
+    EXPECT_EQ(Parse(toWorld.back()).srcIp, kExtIp);
+    EXPECT_EQ(Parse(toHost.back()).dstIp, kHostIp);
+    EXPECT_TRUE(TransportChecksumValid(toWorld.back()) && TransportChecksumValid(toHost.back()));
+}
+
+TEST_F(SessionTest, SuperFramesLeaveWholeWithTheirOffloadOrAsWireFramesWhereTheBackendHasNone) {
+    const Frame syn = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 1, 0, kSyn});
+    Pass({{kInt, syn}});
+    network->ClearSent(kExt);
+
+    Frame big = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 2, 1, kAck, std::string(4 * 1448, 'b')});
+    Nat::FrameOffload offload;
+    offload.flags = Nat::kOffloadNeedsChecksum;
+    offload.gsoType = Nat::kGsoTcpV4;
+    offload.gsoSize = 1448;
+    offload.csumStart = static_cast<uint16_t>(TransportOffset(big));
+    offload.csumOffset = 16;
+    const uint16_t pseudo = PseudoHeaderChecksum(big);
+    big[TransportChecksumOffset(big)] = static_cast<uint8_t>(pseudo >> 8);
+    big[TransportChecksumOffset(big) + 1] = static_cast<uint8_t>(pseudo);
+
+    for (const bool superFrames : {true, false}) {
+        SCOPED_TRACE(superFrames ? "backend with super-frames" : "backend of wire frames");
+        network->SetSuperFrames(superFrames);
+        Pass({{kInt, big}}, offload);
+        const auto sent = Wire(kExt);
+        const auto offloads = network->WireOffloads(kExt);  // the markers' come last
+        network->ClearSent(kExt);
+        if (superFrames) {
+            ASSERT_EQ(sent.size(), 1u);
+            EXPECT_EQ(sent[0].size(), big.size());
+            EXPECT_EQ(offloads.front().gsoType, Nat::kGsoTcpV4);
+            EXPECT_EQ(Parse(sent[0]).srcIp, kExtIp);
+        } else {
+            ASSERT_EQ(sent.size(), 4u);
+            for (const Frame& f : sent) {
+                EXPECT_EQ(f.size(), 14u + 20 + 20 + 1448);
+                EXPECT_TRUE(IpChecksumValid(f) && TransportChecksumValid(f));
+                EXPECT_EQ(Parse(f).srcIp, kExtIp);
+            }
+        }
+    }
+}
