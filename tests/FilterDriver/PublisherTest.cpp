@@ -3,6 +3,7 @@
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/NatException.h"
@@ -295,4 +296,70 @@ TEST_F(PublisherTest, DestroyingThePublisherClosesItsAdapters) {
 }
 
 }  // namespace
+}  // namespace NativeNetworkDriver
+
+namespace NativeNetworkDriver {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The count in each "queue is full" line, in order.
+std::vector<uint64_t> DropCounts(const ndtest::LogCapture& log) {
+    const std::string prefix = "ERROR;The frame queue is full: ";
+    std::vector<uint64_t> counts;
+    for (const std::string& line : log.Lines()) {
+        if (line.rfind(prefix, 0) == 0) counts.push_back(std::stoull(line.substr(prefix.size())));
+    }
+    return counts;
+}
+
+}  // namespace
+
+TEST_F(PublisherTest, AFullQueueDropsAndCountsFramesByNumberAndByBytes) {
+    struct Case {
+        size_t frameSize;
+        size_t fits;  // frames the queue holds, the one being dispatched included
+    };
+    const Case cases[] = {
+        {60, FilterDriversPublisher::kQueueFrames},
+        {40000, FilterDriversPublisher::kQueueBytes / 40000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.frameSize);
+        const size_t linesBefore = DropCounts(log).size();
+        auto publisher = std::make_unique<FilterDriversPublisher>();
+        std::promise<void> release;
+        std::shared_future<void> released = release.get_future().share();
+        std::atomic<bool> blocked{false};
+        RecordingSubscriber slow;
+        slow.consume = [&](const Nat::Frame&) {
+            if (!blocked.exchange(true)) released.wait();
+            return true;
+        };
+        ASSERT_TRUE(publisher->Register(&slow, {guidA}));
+        Nat::Frame frame = EthernetFrame(kMacA, kPeer, 0x0800, 46);
+        frame.resize(c.frameSize);
+        network->InjectFromWire(guidA, frame);
+        ASSERT_TRUE(slow.WaitForOffers(1));
+        const size_t extra = 100;
+        for (size_t i = 0; i < c.fits + extra; ++i) network->InjectFromWire(guidA, frame);
+        // Everything is read from the driver even while the queue is full.
+        for (int i = 0; i < 500 && !network->State(guidA).queue.empty(); ++i) std::this_thread::sleep_for(10ms);
+        EXPECT_EQ(publisher->DroppedFrames(), extra + 1);
+        ASSERT_EQ(DropCounts(log).size(), linesBefore + 1) << "one line per second at most";
+
+        release.set_value();
+        ASSERT_TRUE(slow.WaitForOffers(c.fits));
+        std::this_thread::sleep_for(1100ms);
+        network->InjectFromWire(guidA, frame);  // the next batch reports what is left
+        ASSERT_TRUE(slow.WaitForOffers(c.fits + 1));
+        const auto counts = DropCounts(log);
+        uint64_t total = 0;
+        for (size_t i = linesBefore; i < counts.size(); ++i) total += counts[i];
+        EXPECT_EQ(total, extra + 1);
+        EXPECT_LE(counts.size(), linesBefore + 2);
+        publisher->Unregister(&slow);
+    }
+}
+
 }  // namespace NativeNetworkDriver

@@ -262,5 +262,38 @@ TEST_F(VPNTest, TunnelFramesOfAnyShapeAreWrittenOrDroppedNeverOverread) {
     EXPECT_TRUE(log.Has("ERROR;The frame size exceeds the max ethernet frame size: 4000. The packet will be dropped."));
 }
 
+TEST_F(VPNTest, ASuperFrameGoesToTheTunnelAsTheWireFramesItStandsFor) {
+    OpenWithSupervisor(false);
+    Nat::Frame big = ndtest::FrameBuilder::Tcp()
+                         .EthDst(kSupervisor)
+                         .EthSrc(kThirdHost)
+                         .Seq(1000)
+                         .Payload(ndtest::Pattern(3 * 1448 + 10))
+                         .Build();
+    Nat::FrameOffload offload;
+    offload.flags = Nat::kOffloadNeedsChecksum;
+    offload.gsoType = Nat::kGsoTcpV4;
+    offload.gsoSize = 1448;
+    offload.csumStart = static_cast<uint16_t>(ndtest::TransportOffset(big));
+    offload.csumOffset = 16;
+    const size_t field = ndtest::TransportChecksumOffset(big);
+    const uint16_t pseudo = ndtest::PseudoHeaderChecksum(big);
+    big[field] = static_cast<uint8_t>(pseudo >> 8);
+    big[field + 1] = static_cast<uint8_t>(pseudo);
+    network->InjectFromWire(guid, big, offload);
+    Settle();
+    const auto frames = tunnel.Frames();
+    ASSERT_EQ(frames.size(), 4u);
+    uint32_t seq = 1000;
+    for (const Nat::Frame& f : frames) {
+        EXPECT_LE(f.size(), Nat::kMaxFrameSize);
+        EXPECT_TRUE(ndtest::IpChecksumValid(f) && ndtest::TransportChecksumValid(f));
+        EXPECT_EQ(ndtest::Be32(f, 38), seq);
+        seq += static_cast<uint32_t>(f.size() - 54);
+    }
+    EXPECT_EQ(seq, 1000u + 3 * 1448 + 10);
+    EXPECT_TRUE(Stack().empty());
+}
+
 }  // namespace
 }  // namespace NativeNetworkDriver
