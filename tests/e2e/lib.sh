@@ -54,9 +54,15 @@ ns() {
 }
 in_ns() { local name=$1$TAG; shift; ip netns exec "$name" "$@"; }
 
-# veth A NS_A B NS_B: a cable between two namespaces.
+# veth A NS_A B NS_B: a cable between two namespaces. Segmentation offloads stay as the
+# kernel sets them (super-frames on the wire) unless ND_OFFLOADS=off turns them off at both
+# ends, so that the suite runs in either mode.
 veth() {
   ip link add "$1" netns "$2$TAG" type veth peer name "$3" netns "$4$TAG"
+  if [ "${ND_OFFLOADS:-on}" = off ]; then
+    ip netns exec "$2$TAG" ethtool -K "$1" tso off gso off gro off > /dev/null
+    ip netns exec "$4$TAG" ethtool -K "$3" tso off gso off gro off > /dev/null
+  fi
   ip -n "$2$TAG" link set "$1" up
   ip -n "$4$TAG" link set "$3" up
 }

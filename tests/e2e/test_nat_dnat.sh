@@ -8,6 +8,7 @@ nat_topology
 
 mkdir -p "$WORK/www"
 echo "internal page" > "$WORK/www/index.html"
+head -c 4000000 /dev/urandom > "$WORK/www/big.bin"
 serve_http in 10.1.0.2 80 "$WORK/www"
 udp_echo in 10.1.0.2 5353
 
@@ -34,6 +35,11 @@ check "with source translation" \
   test "$(in_ns ext curl -sS --max-time 10 http://198.51.100.1:8081/index.html)" = "internal page"
 check "the server sees the daemon's internal address and the Host as sent" \
   grep -q "client=10.1.0.1 host=198.51.100.1:8081 path=/index.html" "$WORK/http_in.log"
+intact() { test "$(sha256sum < "$WORK/www/big.bin")" = "$(sha256sum < "$WORK/$1")"; }
+in_ns ext curl -sS --max-time 60 -o "$WORK/dnat.bin" http://198.51.100.1:8081/big.bin
+check "a 4 MB download through the published port with source translation arrives intact" intact dnat.bin
+in_ns ext curl -sS --max-time 60 -o "$WORK/http.bin" http://198.51.100.1:8080/big.bin
+check "... and through the one with Host rewriting" intact http.bin
 check "published UDP port" test "$(udp_ask ext 198.51.100.1 5353 ping)" = "echo:ping"
 check "the UDP service saw the real client" grep -q "client=198.51.100.2:" "$WORK/udp_in.log"
 check "a source outside the rule's range is refused" \

@@ -40,6 +40,12 @@ in_ns remote curl -sS --max-time 30 -o "$WORK/fetched" http://10.9.0.2:8080/blob
 check "a 3 MB download across the tunnel arrives intact" \
   test "$(sha256sum < "$WORK/www/blob")" = "$(sha256sum < "$WORK/fetched")"
 
+# The daemon host's own traffic on the opened adapter is passed on, super-frames included.
+serve_http gw 10.9.0.1 8081 "$WORK/www"
+in_ns lan curl -sS --max-time 30 -o "$WORK/own.bin" http://10.9.0.1:8081/blob
+check "a 3 MB download from the daemon host itself, passed on, arrives intact" \
+  test "$(sha256sum < "$WORK/www/blob")" = "$(sha256sum < "$WORK/own.bin")"
+
 # A frame for the daemon host's own MAC goes up its stack only, never out to the LAN.
 in_ns lan tcpdump -i lan0 -n -c 1 icmp and dst host 10.9.0.1 > "$WORK/leak.txt" 2>/dev/null &
 dump=$!
