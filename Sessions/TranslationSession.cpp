@@ -14,6 +14,7 @@ namespace {
 
 constexpr uint32_t kTcp = 0;
 constexpr uint32_t kUdp = 1;
+constexpr uint8_t kIcmp = 1;  // IP protocol; its frames are classified by the engine from the frame itself
 
 // The fields classification needs, read from an IPv4 TCP or UDP frame.
 struct FrameFields {
@@ -31,7 +32,8 @@ bool ReadFields(const Nat::Frame& frame, FrameFields& f) {
     try {
         const uint32_t headerSize = GetIpHeaderSize(frame);
         f.protocol = GetIpProtocol(frame);
-        if (headerSize < 20 || (f.protocol != 6 && f.protocol != 17) || frame.size() < 14 + headerSize + 4)
+        const bool known = f.protocol == 6 || f.protocol == 17 || f.protocol == kIcmp;
+        if (headerSize < 20 || !known || frame.size() < 14 + headerSize + 4)
             return false;
         f.srcMac = GetSourceMac(frame);
         f.dstMac = GetDestinationMac(frame);
@@ -96,6 +98,7 @@ TranslationSession::~TranslationSession() {
     engine_.reset();
     tcpPool_.reset();
     udpPool_.reset();
+    icmpPool_.reset();
 }
 
 bool TranslationSession::ReservePorts(const OpenSettings& settings) {
@@ -131,6 +134,23 @@ bool TranslationSession::ReservePorts(const OpenSettings& settings) {
     return ok;
 }
 
+// As many echo identifiers as UDP ports. Not a failure of the session when the system
+// refuses them: the engine then keeps the UDP port numbers (see Nat/IcmpTranslation.cpp).
+std::vector<uint32_t> TranslationSession::ReserveEchoIdentifiers(uint32_t count) {
+    std::vector<uint32_t> identifiers;
+    try {
+        icmpPool_ = std::make_unique<PortPool::SocketPortPool>(PortPool::kIcmp, count, std::set<uint32_t>{});
+        icmpPool_->GetPorts(identifiers);
+    } catch (const std::exception&) {
+    }
+    if (identifiers.size() < count) {
+        Log(word_ + ": error reserving ICMP identifiers, required: " + std::to_string(count) +
+                " reserved: " + std::to_string(identifiers.size()),
+            1);
+    }
+    return identifiers;
+}
+
 void TranslationSession::Open(const OpenSettings& settings, const EngineFactory& buildEngine) {
     if (publisher_ == nullptr) return;
     for (const auto& a : settings.internalAdapters) internalGuids_.insert(a.id);
@@ -151,6 +171,7 @@ void TranslationSession::Open(const OpenSettings& settings, const EngineFactory&
         tcpPool_->GetPorts(tcp);
         udpPool_->GetPorts(udp);
         engine_ = buildEngine(tcp, udp);
+        if (engine_) engine_->UseEchoIdentifiers(ReserveEchoIdentifiers(settings.udpPoolSize));
     } catch (...) {
         engine_.reset();
     }
@@ -212,7 +233,8 @@ bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head,
     const char* way = inbound ? "external to internal" : "internal to external";
     uint32_t kind = 0;
     try {
-        kind = inbound ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
+        kind = f.protocol == kIcmp ? engine_->ClassifyIcmpPacket(head, inbound)
+               : inbound           ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
                        : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
                                                          f.dstPort);
         if (kind != 0) rewriteAndSend(kind, inbound);
