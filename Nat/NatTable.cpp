@@ -87,7 +87,10 @@ bool NatTable::QuietTowards(uint32_t port, const ExternalKey& towards, uint32_t 
 // would answer a new SYN from that port with the old connection's ACK. Such a port
 // stays free for every other destination. When each free port is quiet towards this
 // endpoint, the front one, the least recently closed, is used all the same, so the pool
-// never runs dry because of the rule.
+// never runs dry because of the rule. Among quiet ports, one whose connection the
+// internal host closed first (or a reset ended) is preferred even so: only the side that
+// closes first keeps TIME_WAIT, so the remote holds nothing of it, while a burst of short
+// connections makes every port quiet within a few seconds.
 uint32_t NatTable::TakePortLocked(const ExternalKey* towards) {
     if (freePorts_.empty()) SweepLocked();
     if (freePorts_.empty()) throw Exception("There are no port available");
@@ -97,6 +100,12 @@ uint32_t NatTable::TakePortLocked(const ExternalKey* towards) {
         while (chosen != freePorts_.end() && QuietTowards(*chosen, *towards, now)) ++chosen;
         if (chosen == freePorts_.end()) {
             chosen = freePorts_.begin();
+            while (chosen != freePorts_.end()) {
+                auto closed = closedPorts_.find(*chosen);
+                if (closed == closedPorts_.end() || !closed->second.remoteTimeWait) break;
+                ++chosen;
+            }
+            if (chosen == freePorts_.end()) chosen = freePorts_.begin();
             if (DebugEnabled()) {
                 Log("Reusing port " + std::to_string(*chosen) + " towards " + IpText(towards->remoteIp) + ":" +
                         std::to_string(towards->remotePort) + " within its quiet time: no other port is free",
@@ -139,11 +148,15 @@ void NatTable::CheckExpiryLocked(const ExternalKey& key, const ActivityRecord& r
 // `translatedAck` is its acknowledgment in the receiver's own numbering.
 static bool TrackClose(ActivityRecord& record, const Segment& segment, bool outbound, uint32_t translatedAck) {
     if (!segment.tcp) return false;
-    if (segment.rst) return true;
+    if (segment.rst) {
+        record.remoteClosedFirst = false;  // a reset ends TIME_WAIT on the remote too
+        return true;
+    }
     const uint8_t ownFin = outbound ? kInternalFin : kExternalFin;
     const uint8_t otherFin = outbound ? kExternalFin : kInternalFin;
     const uint8_t otherFinAcked = outbound ? kExternalFinAcked : kInternalFinAcked;
     if (segment.fin) {
+        if (!outbound && !(record.closeState & kInternalFin)) record.remoteClosedFirst = true;
         uint32_t end = segment.sequence + segment.payloadLength + 1;
         (outbound ? record.internalFinEnd : record.externalFinEnd) = end;
         record.closeState |= ownFin;
@@ -341,7 +354,9 @@ void NatTable::RemoveLocked(const ExternalKey& key) {
     const InternalKey internal = in->second.host;
     if (!act->second.dnat) {
         auto closed = closedPorts_.find(key.externalPort);
-        if (closed != closedPorts_.end()) closed->second = {true, clock_(), key.remoteIp, key.remotePort};
+        if (closed != closedPorts_.end()) {
+            closed->second = {true, act->second.remoteClosedFirst, clock_(), key.remoteIp, key.remotePort};
+        }
         ReturnPortLocked(key.externalPort);
     }
     if (act->second.ownsSourcePort) ReturnPortLocked(internal.destinationPort);

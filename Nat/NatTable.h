@@ -53,6 +53,9 @@ struct ActivityRecord {
     uint8_t closeState = 0;
     uint32_t internalFinEnd = 0;
     uint32_t externalFinEnd = 0;
+    // The remote sent the first FIN and no reset followed: it holds the connection in
+    // TIME_WAIT once the entry is gone.
+    bool remoteClosedFirst = false;
 };
 
 // Copies of an entry handed from a locked lookup to the frame rewrite, with the TCP
@@ -154,6 +157,7 @@ private:
     // slot per pool port, made at construction, so recording a close never allocates.
     struct ClosedPort {
         bool closed = false;
+        bool remoteTimeWait = false;  // the remote closed first (see ActivityRecord)
         uint32_t tick = 0;
         Ipv4Address remoteIp{};
         uint32_t remotePort = 0;

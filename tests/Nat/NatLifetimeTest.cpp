@@ -295,3 +295,24 @@ TEST(NatPorts, AClosedPortIsNotReusedTowardsTheSameEndpointWhileAnotherIsFree) {
     EXPECT_EQ(connect(40007, 80, true), 5001) << "the quiet time is over";
     ExpectEveryPortOnce(rig.nat->TcpTable(), {5000});
 }
+
+TEST(NatPorts, AmongQuietPortsOneTheRemoteHoldsNoTimeWaitForIsPreferred) {
+    Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 2));
+    Frame a = HostSyn(40000);
+    Frame b = HostSyn(40001);
+    ASSERT_EQ(rig.Out(a), 1u);
+    ASSERT_EQ(rig.Out(b), 1u);
+    // 5000: the server closes first (it keeps TIME_WAIT); 5001: reset.
+    Frame serverFin = ReplyTo(5000, kFin | kAck);
+    Frame hostFin = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 2, 2, kFin | kAck});
+    ASSERT_EQ(rig.In(serverFin), 1u);
+    ASSERT_EQ(rig.Out(hostFin), 1u);
+    Frame lastAckSeq = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, 5000, 2, 3, kAck});
+    ASSERT_EQ(rig.In(lastAckSeq), 1u);
+    ASSERT_EQ(rig.nat->TcpTable().EntryCount(), 1u);
+    Frame rst = ReplyTo(5001, kRst | kAck);
+    ASSERT_EQ(rig.In(rst), 1u);
+    Frame c = HostSyn(40002);
+    ASSERT_EQ(rig.Out(c), 1u);
+    EXPECT_EQ(Parse(c).srcPort, 5001) << "both quiet towards far:80; only 5000's remote holds TIME_WAIT";
+}
