@@ -50,8 +50,16 @@ void SequenceAdjustment::Record(uint32_t sequence, int32_t delta) {
 }
 
 NatTable::NatTable(const std::vector<uint32_t>& ports, uint32_t entryTimeoutMs, Clock clock)
-    : freePorts_(ports.begin(), ports.end()), entryTimeout_(entryTimeoutMs), clock_(std::move(clock)) {
+    : entryTimeout_(entryTimeoutMs), clock_(std::move(clock)) {
+    ResetPorts(ports);
     lastSweep_ = clock_();
+}
+
+void NatTable::ResetPorts(const std::vector<uint32_t>& ports) {
+    std::lock_guard<std::mutex> guard(lock_);
+    freePorts_.assign(ports.begin(), ports.end());
+    closedPorts_.clear();
+    for (uint32_t port : ports) closedPorts_[port];
 }
 
 uint32_t NatTable::TakePort() {
@@ -64,11 +72,49 @@ void NatTable::ReturnPort(uint32_t port) {
     ReturnPortLocked(port);
 }
 
-uint32_t NatTable::TakePortLocked() {
+bool NatTable::QuietTowards(uint32_t port, const ExternalKey& towards, uint32_t now) const {
+    auto it = closedPorts_.find(port);
+    if (it == closedPorts_.end() || !it->second.closed) return false;
+    const ClosedPort& closed = it->second;
+    return now - closed.tick < kReuseQuietMs && closed.remotePort == towards.remotePort &&
+           closed.remoteIp == towards.remoteIp;
+}
+
+// Port reuse rule. Ports are taken from the front of the queue and given back at its
+// back, so the front is the port freed longest ago. A new flow towards a remote endpoint
+// skips every port whose last entry towards that same address and port was removed less
+// than kReuseQuietMs ago: the remote may still hold the old connection in TIME_WAIT and
+// would answer a new SYN from that port with the old connection's ACK. Such a port
+// stays free for every other destination. When each free port is quiet towards this
+// endpoint, the front one, the least recently closed, is used all the same, so the pool
+// never runs dry because of the rule. Among quiet ports, one whose connection the
+// internal host closed first (or a reset ended) is preferred even so: only the side that
+// closes first keeps TIME_WAIT, so the remote holds nothing of it, while a burst of short
+// connections makes every port quiet within a few seconds.
+uint32_t NatTable::TakePortLocked(const ExternalKey* towards) {
     if (freePorts_.empty()) SweepLocked();
     if (freePorts_.empty()) throw Exception("There are no port available");
-    uint32_t port = freePorts_.front();
-    freePorts_.pop_front();
+    auto chosen = freePorts_.begin();
+    if (towards != nullptr) {
+        const uint32_t now = clock_();
+        while (chosen != freePorts_.end() && QuietTowards(*chosen, *towards, now)) ++chosen;
+        if (chosen == freePorts_.end()) {
+            chosen = freePorts_.begin();
+            while (chosen != freePorts_.end()) {
+                auto closed = closedPorts_.find(*chosen);
+                if (closed == closedPorts_.end() || !closed->second.remoteTimeWait) break;
+                ++chosen;
+            }
+            if (chosen == freePorts_.end()) chosen = freePorts_.begin();
+            if (DebugEnabled()) {
+                Log("Reusing port " + std::to_string(*chosen) + " towards " + IpText(towards->remoteIp) + ":" +
+                        std::to_string(towards->remotePort) + " within its quiet time: no other port is free",
+                    0);
+            }
+        }
+    }
+    const uint32_t port = *chosen;
+    freePorts_.erase(chosen);
     if (DebugEnabled()) {
         Log("Reserved port " + std::to_string(port) + " available count: " + std::to_string(freePorts_.size()), 0);
     }
@@ -102,11 +148,15 @@ void NatTable::CheckExpiryLocked(const ExternalKey& key, const ActivityRecord& r
 // `translatedAck` is its acknowledgment in the receiver's own numbering.
 static bool TrackClose(ActivityRecord& record, const Segment& segment, bool outbound, uint32_t translatedAck) {
     if (!segment.tcp) return false;
-    if (segment.rst) return true;
+    if (segment.rst) {
+        record.remoteClosedFirst = false;  // a reset ends TIME_WAIT on the remote too
+        return true;
+    }
     const uint8_t ownFin = outbound ? kInternalFin : kExternalFin;
     const uint8_t otherFin = outbound ? kExternalFin : kInternalFin;
     const uint8_t otherFinAcked = outbound ? kExternalFinAcked : kInternalFinAcked;
     if (segment.fin) {
+        if (!outbound && !(record.closeState & kInternalFin)) record.remoteClosedFirst = true;
         uint32_t end = segment.sequence + segment.payloadLength + 1;
         (outbound ? record.internalFinEnd : record.externalFinEnd) = end;
         record.closeState |= ownFin;
@@ -136,7 +186,7 @@ bool NatTable::LookupOutbound(const InternalKey& key, const MacAddress* snatAdap
         external.remotePort = key.destinationPort;
         // A port whose key is still held by a rule's entry is put back and the next tried.
         for (size_t attempts = freePorts_.size() + 1;; --attempts) {
-            external.externalPort = TakePortLocked();
+            external.externalPort = TakePortLocked(&external);
             if (inbound_.find(external) == inbound_.end()) break;
             ReturnPortLocked(external.externalPort);
             if (attempts <= 1) throw Exception("There are no port available");
@@ -302,7 +352,13 @@ void NatTable::RemoveLocked(const ExternalKey& key) {
     if (in == inbound_.end()) return;
     auto act = in->second.activity;
     const InternalKey internal = in->second.host;
-    if (!act->second.dnat) ReturnPortLocked(key.externalPort);
+    if (!act->second.dnat) {
+        auto closed = closedPorts_.find(key.externalPort);
+        if (closed != closedPorts_.end()) {
+            closed->second = {true, act->second.remoteClosedFirst, clock_(), key.remoteIp, key.remotePort};
+        }
+        ReturnPortLocked(key.externalPort);
+    }
     if (act->second.ownsSourcePort) ReturnPortLocked(internal.destinationPort);
     outbound_.erase(internal);
     if (DebugEnabled()) Log("Removed entry from Nat Table " + EntryText(internal, in->first), 0);

@@ -53,6 +53,9 @@ struct ActivityRecord {
     uint8_t closeState = 0;
     uint32_t internalFinEnd = 0;
     uint32_t externalFinEnd = 0;
+    // The remote sent the first FIN and no reset followed: it holds the connection in
+    // TIME_WAIT once the entry is gone.
+    bool remoteClosedFirst = false;
 };
 
 // Copies of an entry handed from a locked lookup to the frame rewrite, with the TCP
@@ -71,6 +74,9 @@ public:
     using Clock = std::function<uint32_t()>;
 
     static constexpr uint32_t kSweepIntervalMs = 120000;
+    // How long a closed entry's port stays unused towards the same remote endpoint (the
+    // TIME_WAIT of TCP, 2 minutes as the kernel's NAT keeps it).
+    static constexpr uint32_t kReuseQuietMs = 120000;
 
     NatTable(const std::vector<uint32_t>& ports, uint32_t entryTimeoutMs, Clock clock);
     NatTable(const NatTable&) = delete;
@@ -79,6 +85,8 @@ public:
     // Front of the free-port queue, sweeping first when it is empty.
     uint32_t TakePort();
     void ReturnPort(uint32_t port);
+    // Replaces the free-port queue; only for a table that holds no entry yet.
+    void ResetPorts(const std::vector<uint32_t>& ports);
 
     // Outbound: find the entry of `key`; when absent, create an SNAT entry leaving on
     // `snatAdapterMac` if one is given, else answer false.
@@ -135,7 +143,7 @@ private:
     using OutboundIndex = std::map<InternalKey, OutboundValue>;
     using InboundIndex = std::map<ExternalKey, InboundValue>;
 
-    uint32_t TakePortLocked();
+    uint32_t TakePortLocked(const ExternalKey* towards = nullptr);
     void ReturnPortLocked(uint32_t port);
     void RemoveLocked(const ExternalKey& key);
     void SweepLocked();
@@ -145,7 +153,19 @@ private:
                                          const char* kind);
     bool Expired(uint32_t lastActivity, uint32_t now) const { return now - lastActivity >= entryTimeout_; }
 
+    // When a pool port's last entry was removed, and towards which remote endpoint. One
+    // slot per pool port, made at construction, so recording a close never allocates.
+    struct ClosedPort {
+        bool closed = false;
+        bool remoteTimeWait = false;  // the remote closed first (see ActivityRecord)
+        uint32_t tick = 0;
+        Ipv4Address remoteIp{};
+        uint32_t remotePort = 0;
+    };
+    bool QuietTowards(uint32_t port, const ExternalKey& towards, uint32_t now) const;
+
     std::deque<uint32_t> freePorts_;
+    std::map<uint32_t, ClosedPort> closedPorts_;
     ActivityIndex activity_;
     OutboundIndex outbound_;
     InboundIndex inbound_;

@@ -5,6 +5,7 @@
 #include "Logging/Logger.h"
 #include "Nat/ApplicationLayer.h"
 #include "Packet/ArpTable.h"
+#include "Packet/IcmpPacket.h"
 #include "Packet/NatException.h"
 #include "Packet/PacketUtils.h"
 #include "Platform/Platform.h"
@@ -94,11 +95,6 @@ struct FrameFacts {
     bool payloadIntact = false;
     size_t payloadBegin = 0;
     size_t payloadEnd = 0;
-};
-
-struct NextHop {
-    MacAddress mac{};
-    Ipv4Address sourceIp{};
 };
 
 }  // namespace detail
@@ -262,6 +258,7 @@ NetworkAddressTranslator::NetworkAddressTranslator(const std::vector<uint32_t>& 
       clock_(clock ? std::move(clock) : Clock(&Platform::TickCount)),
       tcpTable_(tcpPorts, entryTimeoutMs, clock_),
       udpTable_(udpPorts, entryTimeoutMs, clock_),
+      echoTable_(udpPorts, entryTimeoutMs, clock_),
       resolutionProxy_(proxy_),
       arpCache_(arpCache),
       ftpEnabled_(false) {
@@ -477,6 +474,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
     if (kind != kSnat && kind != kDnat) throw Exception("Invalid translation rule");
     FrameFacts f;
     ReadFacts(head, fragments == nullptr, f);
+    if (f.protocol == Icmp::kProtocol) return TranslateIcmp(true, head, fragments, headIndex, receivedOnGuid);
     if (partialChecksum) f.payloadIntact = false;
 
     InternalKey key;
@@ -539,6 +537,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Fra
     if (kind != kSnat && kind != kDnat) throw Exception("Invalid translation rule");
     FrameFacts f;
     ReadFacts(head, fragments == nullptr, f);
+    if (f.protocol == Icmp::kProtocol) return TranslateIcmp(false, head, fragments, headIndex, receivedOnGuid);
     if (partialChecksum) f.payloadIntact = false;
 
     ExternalKey key;
@@ -555,14 +554,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Fra
         table = TableFor(f.protocol);
         if (table == nullptr) throw Exception("Unexpected IP protocol");
         table->LookupInbound(key, "SNAT", f.segment, entry);
-        for (const AdapterMapping& mapping : mappings_) {
-            if (SameMac(mapping.external.mac, f.dstMac) && SameMac(mapping.internal.mac, entry.internal.adapterMac)) {
-                internal = &mapping.internal;
-                break;
-            }
-        }
-        if (internal == nullptr) internal = AdapterByMac(entry.internal.adapterMac);
-        if (internal == nullptr) throw Exception("SNat internal to external adapters not found");
+        internal = &InternalAdapterFor(f.dstMac, entry);
     } else {
         rule = MatchExternalRule(f.protocol, f.dstMac, f.srcIp, f.dstPort);
         if (rule == nullptr && (!ftpEnabled_ || f.protocol != 6)) throw Exception("DNat matching rule not found");
@@ -614,6 +606,18 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Fra
     }
     if (entry.closeAfter) table->Remove(entry.external);
     RewriteFragments(fragments, headIndex, values);
+    return *internal;
+}
+
+const AdapterInfo& NetworkAddressTranslator::InternalAdapterFor(const MacAddress& externalMac,
+                                                                const EntryView& entry) const {
+    for (const AdapterMapping& mapping : mappings_) {
+        if (SameMac(mapping.external.mac, externalMac) && SameMac(mapping.internal.mac, entry.internal.adapterMac)) {
+            return mapping.internal;
+        }
+    }
+    const AdapterInfo* internal = AdapterByMac(entry.internal.adapterMac);
+    if (internal == nullptr) throw Exception("SNat internal to external adapters not found");
     return *internal;
 }
 

@@ -24,6 +24,9 @@
 // - A UDP datagram sent without a checksum leaves without one.
 // - The next hop of a reply through a rule is chosen for the remote peer the entry
 //   records, which differs from the frame's destination with translate source.
+// - ICMP (IcmpTranslation.cpp): echo requests of internal hosts are source-translated
+//   like UDP, the echo identifier standing for both ports; errors that quote a translated
+//   flow follow that flow. Everything else of ICMP is left alone.
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -41,7 +44,11 @@ namespace Nat {
 
 namespace detail {
 struct FrameFacts;
-struct NextHop;
+// Where a frame leaving on an external adapter goes next, and the address it leaves from.
+struct NextHop {
+    MacAddress mac{};
+    Ipv4Address sourceIp{};
+};
 struct PayloadChange {
     bool changed = false;
     int32_t delta = 0;
@@ -71,6 +78,14 @@ public:
                                             uint32_t dstPort);
     virtual uint32_t ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp,
                                             uint32_t srcPort, uint32_t dstPort);
+    // An ICMP frame read on an internal-side (fromExternal false) or external adapter:
+    // kSnat for an echo request to translate, an echo reply or error of a translated
+    // flow; kNone for everything else, which goes on unchanged. Translated by the
+    // Translate* calls below like any other kind.
+    uint32_t ClassifyIcmpPacket(const Frame& frame, bool fromExternal);
+    // The echo identifiers to hand out, in place of the UDP pool's port numbers that the
+    // engine starts with; called before the first frame. See IcmpTranslation.cpp.
+    void UseEchoIdentifiers(const std::vector<uint32_t>& identifiers);
 
     // Rewrite in place; the result is the adapter the frame must leave on (its id is the
     // GUID to send on), valid until the next call. partialChecksum: the transport checksum
@@ -90,6 +105,7 @@ public:
     // Diagnostics.
     NatTable& TcpTable() { return tcpTable_; }
     NatTable& UdpTable() { return udpTable_; }
+    NatTable& EchoTable() { return echoTable_; }
     const std::list<RedirectRule>& Rules() const { return rules_; }
     const std::vector<AdapterMapping>& Mappings() const { return mappings_; }
     const std::set<AdapterInfo>& KnownAdapters() const { return knownAdapters_; }
@@ -106,6 +122,7 @@ protected:
     Clock clock_;
     NatTable tcpTable_;
     NatTable udpTable_;
+    NatTable echoTable_;  // ICMP echo: the identifier is the port
     ProxyInfo resolutionProxy_;
     NativeNetworkDriver::IArpCache* arpCache_;
     bool ftpEnabled_;
@@ -139,6 +156,11 @@ private:
                                    bool partialChecksum);
     std::optional<MacAddress> ResolveOrHold(const Ipv4Address& ip, const Frame& head, const FragmentList* fragments,
                                             const std::string& receivedOnGuid, bool partialChecksum);
+
+    // IcmpTranslation.cpp
+    const AdapterInfo& TranslateIcmp(bool outbound, Frame& head, FragmentList* fragments, size_t headIndex,
+                                     const std::string& receivedOnGuid);
+    const AdapterInfo& InternalAdapterFor(const MacAddress& externalMac, const EntryView& entry) const;
 
     PayloadChange RewritePassiveReply(Frame& frame, const FrameFacts& facts, const AdapterInfo& external,
                                       const EntryView& entry);

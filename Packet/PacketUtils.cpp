@@ -427,6 +427,17 @@ void UpdateDestinationIp(Frame& frame, const Ipv4Address& ip) {
 
 // ---- Checksums ----
 
+uint16_t AdjustChecksum(uint16_t checksum, uint16_t oldWord, uint16_t newWord) {
+    // RFC 1624: HC' = ~(~HC + ~m + m')
+    const uint32_t sum = (~static_cast<uint32_t>(checksum) & 0xFFFF) + (~static_cast<uint32_t>(oldWord) & 0xFFFF) +
+                         newWord;
+    return static_cast<uint16_t>(~Fold(sum));
+}
+
+uint16_t InternetChecksum(const uint8_t* data, size_t length) {
+    return static_cast<uint16_t>(~FoldedWordSum(data, length));
+}
+
 void FixIpHeaderChecksum(Frame& frame) {
     const uint32_t h = GetIpHeaderSize(frame);
     CheckSize(frame, h + 14, "Error fixing IP header checksum, unexpected packet size: ");

@@ -58,6 +58,11 @@ void UpdateSourceIpAddress(Frame& frame, const Bytes& ip);
 void UpdateDestinationIpAddress(Frame& frame, const Bytes& ip);
 
 // Checksums
+// RFC 1624 incremental update: the checksum after one 16-bit word of the covered data
+// changed from oldWord to newWord. Pure arithmetic: no frame, no bounds.
+uint16_t AdjustChecksum(uint16_t checksum, uint16_t oldWord, uint16_t newWord);
+// The Internet checksum (one's complement of the folded one's-complement sum) of a byte range.
+uint16_t InternetChecksum(const uint8_t* data, size_t length);
 void FixIpHeaderChecksum(Frame& frame);
 void UpdateTransportHeaderChecksum(Frame& frame, uint16_t oldChecksum, uint16_t oldWord, uint16_t newWord);
 void FixTransportHeaderChecksum(Frame& frame);

@@ -1,6 +1,6 @@
 #pragma once
-// Sockets that exist only to hold a TCP or UDP port: opened, bound, closed, never used
-// for traffic. Winsock must already be started on Windows (the session does it).
+// Sockets that exist only to hold a TCP or UDP port, or an ICMP echo identifier (a ping
+// socket, where the system has them): opened, bound, closed, never used for traffic. Winsock must already be started on Windows (the session does it).
 #include <cstdint>
 #include <string>
 
@@ -10,7 +10,7 @@ namespace Platform {
 using SocketHandle = std::uintptr_t;
 inline constexpr SocketHandle kInvalidSocket = ~static_cast<SocketHandle>(0);
 
-enum class SocketProtocol { Tcp, Udp };
+enum class SocketProtocol { Tcp, Udp, IcmpEcho };
 
 struct BoundSocket {
     enum class Failure { None, AddressLookup, Create, Bind };
@@ -23,7 +23,8 @@ struct BoundSocket {
 };
 
 // An IPv4 wildcard socket bound to `port` (decimal text; "0" lets the system choose), with
-// TCP_NODELAY for TCP. No address-reuse option is set, so a port held elsewhere fails.
+// TCP_NODELAY for TCP. IcmpEcho fails with Failure::Create where the system refuses ping
+// sockets (always on Windows). No address-reuse option is set, so a port held elsewhere fails.
 // On failure nothing is left open.
 BoundSocket OpenBoundSocket(SocketProtocol protocol, const std::string& port);
 

@@ -15,7 +15,7 @@ public:
 
 protected:
     uint32_t count_;                  // pool ports to reserve
-    uint32_t protocol_;               // kTcp or kUdp
+    uint32_t protocol_;               // kTcp, kUdp or kIcmp
     std::set<uint32_t> customPorts_;  // held as well, but never handed out
     std::vector<uint32_t> ports_;     // the reserved pool ports, in reservation order
 };

@@ -7,6 +7,7 @@ namespace PortPool {
 // Protocol numbers of a pool.
 inline constexpr uint32_t kTcp = 0;
 inline constexpr uint32_t kUdp = 1;
+inline constexpr uint32_t kIcmp = 2;  // ICMP echo identifiers, held by ping sockets
 
 // A set of ports held for the translator so that the system does not hand them out.
 class IPortPool {

@@ -27,11 +27,16 @@ SocketPortPool::SocketPortPool(uint32_t protocol, uint32_t count, const std::set
 
 SocketPortPool::~SocketPortPool() { FreePorts(); }
 
-std::string SocketPortPool::ProtocolName() const { return protocol_ == kTcp ? "TCP" : "UDP"; }
+std::string SocketPortPool::ProtocolName() const {
+    return protocol_ == kTcp ? "TCP" : protocol_ == kUdp ? "UDP" : "ICMP";
+}
 
 Platform::SocketHandle SocketPortPool::CreateSocket(uint32_t port) const {
     const Platform::BoundSocket bound = Platform::OpenBoundSocket(
-        protocol_ == kTcp ? Platform::SocketProtocol::Tcp : Platform::SocketProtocol::Udp, std::to_string(port));
+        protocol_ == kTcp   ? Platform::SocketProtocol::Tcp
+        : protocol_ == kUdp ? Platform::SocketProtocol::Udp
+                            : Platform::SocketProtocol::IcmpEcho,
+        std::to_string(port));
     switch (bound.failure) {
         case Platform::BoundSocket::Failure::None:
             return bound.socket;
@@ -69,6 +74,8 @@ void SocketPortPool::ReservePorts() {
             LogRank3("Opened " + name + " port " + std::to_string(port));
         } catch (const std::exception& e) {
             Log(e.what(), 1);
+            // A system that refuses one ping socket refuses them all: one line is enough.
+            if (protocol_ == kIcmp) break;
         }
     }
 }

@@ -9,7 +9,7 @@
 
 namespace PortPool {
 
-// Holds ports by keeping a socket bound to each for the pool's lifetime. Pool ports are
+// Holds ports (or ICMP echo identifiers) by keeping a socket bound to each for the pool's lifetime. Pool ports are
 // whatever the system picks; custom ports are held too but not handed out.
 class SocketPortPool : public BasePortPool {
 public:

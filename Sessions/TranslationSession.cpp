@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint32_t kTcp = 0;
 constexpr uint32_t kUdp = 1;
+constexpr uint8_t kIcmp = 1;  // IP protocol; its frames are classified by the engine from the frame itself
 
 // The fields classification needs, read from an IPv4 TCP or UDP frame.
 struct FrameFields {
@@ -32,7 +33,8 @@ bool ReadFields(const Nat::Frame& frame, FrameFields& f) {
     try {
         const uint32_t headerSize = GetIpHeaderSize(frame);
         f.protocol = GetIpProtocol(frame);
-        if (headerSize < 20 || (f.protocol != 6 && f.protocol != 17) || frame.size() < 14 + headerSize + 4)
+        const bool known = f.protocol == 6 || f.protocol == 17 || f.protocol == kIcmp;
+        if (headerSize < 20 || !known || frame.size() < 14 + headerSize + 4)
             return false;
         f.srcMac = GetSourceMac(frame);
         f.dstMac = GetDestinationMac(frame);
@@ -97,6 +99,7 @@ TranslationSession::~TranslationSession() {
     engine_.reset();
     tcpPool_.reset();
     udpPool_.reset();
+    icmpPool_.reset();
 }
 
 bool TranslationSession::ReservePorts(const OpenSettings& settings) {
@@ -132,6 +135,23 @@ bool TranslationSession::ReservePorts(const OpenSettings& settings) {
     return ok;
 }
 
+// As many echo identifiers as UDP ports. Not a failure of the session when the system
+// refuses them: the engine then keeps the UDP port numbers (see Nat/IcmpTranslation.cpp).
+std::vector<uint32_t> TranslationSession::ReserveEchoIdentifiers(uint32_t count) {
+    std::vector<uint32_t> identifiers;
+    try {
+        icmpPool_ = std::make_unique<PortPool::SocketPortPool>(PortPool::kIcmp, count, std::set<uint32_t>{});
+        icmpPool_->GetPorts(identifiers);
+    } catch (const std::exception&) {
+    }
+    if (identifiers.size() < count) {
+        Log(word_ + ": error reserving ICMP identifiers, required: " + std::to_string(count) +
+                " reserved: " + std::to_string(identifiers.size()),
+            1);
+    }
+    return identifiers;
+}
+
 void TranslationSession::Open(const OpenSettings& settings, const EngineFactory& buildEngine) {
     if (publisher_ == nullptr) return;
     for (const auto& a : settings.internalAdapters) internalGuids_.insert(a.id);
@@ -152,6 +172,7 @@ void TranslationSession::Open(const OpenSettings& settings, const EngineFactory&
         tcpPool_->GetPorts(tcp);
         udpPool_->GetPorts(udp);
         engine_ = buildEngine(tcp, udp);
+        if (engine_) engine_->UseEchoIdentifiers(ReserveEchoIdentifiers(settings.udpPoolSize));
     } catch (...) {
         engine_.reset();
     }
@@ -229,9 +250,10 @@ bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head,
     if (!ReadFields(head, f)) return false;
     uint32_t kind = 0;
     (void)Guarded(inbound, [&] {
-        kind = inbound ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
-                       : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
-                                                         f.dstPort);
+        kind = f.protocol == kIcmp ? engine_->ClassifyIcmpPacket(head, inbound)
+               : inbound           ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
+                                   : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
+                                                                     f.srcPort, f.dstPort);
         if (kind != 0) rewriteAndSend(kind, inbound);
     });
     return kind != 0;

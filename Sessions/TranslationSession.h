@@ -57,6 +57,7 @@ protected:
 
 private:
     bool ReservePorts(const OpenSettings& settings);
+    std::vector<uint32_t> ReserveEchoIdentifiers(uint32_t count);
     // Classifies a frame (or a datagram's first fragment) by the side it arrived on; for a
     // frame the engine claims, runs rewriteAndSend(kind, inbound). Failures are logged and
     // cost the frame. True when the engine claimed it.
@@ -80,6 +81,7 @@ private:
     std::vector<Nat::AdapterInfo> adapters_;
     std::unique_ptr<PortPool::SocketPortPool> tcpPool_;
     std::unique_ptr<PortPool::SocketPortPool> udpPool_;
+    std::unique_ptr<PortPool::SocketPortPool> icmpPool_;  // echo identifiers; may hold none
     std::unique_ptr<Nat::NetworkAddressTranslator> engine_;
     IArpCache* arpCache_;
     bool arpRegistered_ = false;

@@ -17,6 +17,8 @@ BoundSocket OpenBoundSocket(SocketProtocol protocol, const std::string& port) {
     hints.ai_flags = AI_PASSIVE;
     hints.ai_family = AF_INET;
     hints.ai_socktype = protocol == SocketProtocol::Tcp ? SOCK_STREAM : SOCK_DGRAM;
+    // A ping socket binds an identifier as a UDP socket binds a port; the address lookup
+    // knows no ICMP service, so it is asked for the UDP one.
     hints.ai_protocol = protocol == SocketProtocol::Tcp ? IPPROTO_TCP : IPPROTO_UDP;
     addrinfo* address = nullptr;
     const int lookup = getaddrinfo(nullptr, port.c_str(), &hints, &address);
@@ -26,7 +28,8 @@ BoundSocket OpenBoundSocket(SocketProtocol protocol, const std::string& port) {
         return result;
     }
     // Close-on-exec: a child process must not keep the port held.
-    const int fd = socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
+    const int fd = socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC,
+                          protocol == SocketProtocol::IcmpEcho ? IPPROTO_ICMP : address->ai_protocol);
     if (fd < 0) {
         result.failure = BoundSocket::Failure::Create;
         result.error = errno;

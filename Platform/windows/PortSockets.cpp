@@ -7,6 +7,11 @@ namespace Platform {
 
 BoundSocket OpenBoundSocket(SocketProtocol protocol, const std::string& port) {
     BoundSocket result;
+    if (protocol == SocketProtocol::IcmpEcho) {  // Winsock has no ping sockets
+        result.failure = BoundSocket::Failure::Create;
+        result.error = WSAEPROTONOSUPPORT;
+        return result;
+    }
     addrinfo hints{};
     hints.ai_flags = AI_PASSIVE;
     hints.ai_family = AF_INET;

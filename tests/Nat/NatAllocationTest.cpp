@@ -18,7 +18,8 @@ size_t Allocations(Nat::NetworkAddressTranslator& nat, const Frame& original, Fr
         for (int i = 0; i < rounds; ++i) {
             work.assign(original.begin(), original.end());
             const uint32_t kind =
-                outbound ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
+                f.protocol == 1 ? nat.ClassifyIcmpPacket(work, !outbound)
+                : outbound      ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
                                                       f.dstPort)
                          : nat.ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
             if (kind == 0) return;
@@ -69,6 +70,21 @@ TEST(NatAllocation, EstablishedFlowsTranslateWithoutHeapAllocation) {
     Allocations(*rig.nat, onLink, work, true, 1);
     EXPECT_EQ(Allocations(*rig.nat, onLink, work, true, 200), 0u);
     EXPECT_EQ(Parse(work).dstMac, kPeerMac);
+
+    // ICMP: an echo flow both ways, and errors quoting the SNAT flow in both directions.
+    const Frame echoOut = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 77, 1, std::string(56, 'p')));
+    const Frame echoIn = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, 6000, 1, std::string(56, 'p')));
+    const Frame errorIn = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
+                               ErrorMessage(3, 4, 1280, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, 5000, 443, 1, 1, kAck}), 548));
+    const Frame errorOut = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, ErrorMessage(3, 3, 0, Tcp({kIntMac, kHostMac, kFarIp, kHostIp, 443, 40000, 1, 1, kAck}), 548));
+    Allocations(*rig.nat, echoOut, work, true, 1);
+    EXPECT_EQ(Allocations(*rig.nat, echoOut, work, true, 200), 0u);
+    EXPECT_EQ(Allocations(*rig.nat, echoIn, work, false, 200), 0u);
+    EXPECT_EQ(Be16(work, 38), 77);
+    EXPECT_EQ(Allocations(*rig.nat, errorIn, work, false, 200), 0u);
+    EXPECT_EQ(Parse(work).dstIp, kHostIp);
+    EXPECT_EQ(Allocations(*rig.nat, errorOut, work, true, 200), 0u);
+    EXPECT_EQ(Parse(work).srcIp, kExtIp);
 
     // The counter itself works: a new flow allocates its entries.
     const Frame fresh = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40001, 443, 1, 0, kSyn});

@@ -263,3 +263,56 @@ TEST(NatHostileInput, TruncatedAndLyingFramesAreAnsweredOrRefused) {
     ExpectEveryPortOnce(rig.nat->TcpTable(), Rig::Ports(5000, 4));
     ExpectEveryPortOnce(rig.nat->UdpTable(), Rig::Ports(6000, 4));
 }
+
+// A closed connection's port is kept from the same remote endpoint for two minutes (the
+// remote may hold the old connection in TIME_WAIT), stays usable for every other
+// endpoint, and is used anyway, least recently closed first, when no other port is free.
+TEST(NatPorts, AClosedPortIsNotReusedTowardsTheSameEndpointWhileAnotherIsFree) {
+    Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 2));
+    // Opens a connection from `srcPort` to far:dstPort, closes it with a reset unless
+    // `keep`, and answers the external port it took.
+    auto connect = [&](uint16_t srcPort, uint16_t dstPort, bool keep = false) {
+        Frame syn = HostSyn(srcPort, kFarIp, dstPort);
+        EXPECT_EQ(rig.Out(syn), 1u);
+        const uint16_t port = Parse(syn).srcPort;
+        if (!keep) {
+            Frame rst = ReplyTo(port, kRst | kAck, kFarIp, dstPort);
+            EXPECT_EQ(rig.In(rst), 1u);
+        }
+        return port;
+    };
+    EXPECT_EQ(connect(40000, 80), 5000);  // queue now 5001, 5000
+    EXPECT_EQ(connect(40001, 81), 5001);  // queue 5000 (closed to :80), 5001 (closed to :81)
+    EXPECT_EQ(connect(40002, 80), 5001) << "5000 is quiet towards far:80";
+    EXPECT_EQ(connect(40003, 82), 5000) << "5000 is free for another endpoint";
+    // Queue: 5001 (closed to :80 first), 5000 (closed to :82 last); both quiet towards :80
+    // once 5000 also closes towards it.
+    EXPECT_EQ(connect(40004, 80), 5000);
+    EXPECT_EQ(connect(40005, 80), 5001) << "every port quiet: the least recently closed";
+    rig.now += Nat::NatTable::kReuseQuietMs - 1;
+    EXPECT_EQ(connect(40006, 80), 5000) << "both still quiet: the least recently closed again";
+    rig.now += 1;
+    EXPECT_EQ(connect(40007, 80, true), 5001) << "the quiet time is over";
+    ExpectEveryPortOnce(rig.nat->TcpTable(), {5000});
+}
+
+TEST(NatPorts, AmongQuietPortsOneTheRemoteHoldsNoTimeWaitForIsPreferred) {
+    Rig rig({}, {Rig::DefaultMapping()}, Rig::Ports(5000, 2));
+    Frame a = HostSyn(40000);
+    Frame b = HostSyn(40001);
+    ASSERT_EQ(rig.Out(a), 1u);
+    ASSERT_EQ(rig.Out(b), 1u);
+    // 5000: the server closes first (it keeps TIME_WAIT); 5001: reset.
+    Frame serverFin = ReplyTo(5000, kFin | kAck);
+    Frame hostFin = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 2, 2, kFin | kAck});
+    ASSERT_EQ(rig.In(serverFin), 1u);
+    ASSERT_EQ(rig.Out(hostFin), 1u);
+    Frame lastAckSeq = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, 5000, 2, 3, kAck});
+    ASSERT_EQ(rig.In(lastAckSeq), 1u);
+    ASSERT_EQ(rig.nat->TcpTable().EntryCount(), 1u);
+    Frame rst = ReplyTo(5001, kRst | kAck);
+    ASSERT_EQ(rig.In(rst), 1u);
+    Frame c = HostSyn(40002);
+    ASSERT_EQ(rig.Out(c), 1u);
+    EXPECT_EQ(Parse(c).srcPort, 5001) << "both quiet towards far:80; only 5000's remote holds TIME_WAIT";
+}

@@ -190,10 +190,14 @@ TEST(NatSnat, ErrorsNameTheirCause) {
               "Invalid translation rule");
     EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(2, frame, "int0"); }),
               "DNat mapped external adapter not found");
+    Frame igmp = frame;
+    igmp[23] = 2;
+    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(1, igmp, "int0"); }), "Unsupported port type");
+    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(1, igmp, "ext0"); }), "Unexpected IP protocol");
     Frame icmp = frame;
     icmp[23] = 1;
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(1, icmp, "int0"); }), "Unsupported port type");
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(1, icmp, "ext0"); }), "Unexpected IP protocol");
+    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(1, icmp, "int0"); }),
+              "Unexpected ICMP message for translation: type 156 code 64");
     Frame stray = Tcp(ToExt(kGatewayMac, kFarIp, 80, 5007, 1, 1, kAck));
     EXPECT_EQ(rig.In(stray), 0u);
     EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(1, stray, "ext0"); }),

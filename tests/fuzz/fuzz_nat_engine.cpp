@@ -1,5 +1,6 @@
 // Feeds frames through classification and translation in both directions: raw bytes,
-// and real frames (SNAT, replies, published services, HTTP, FTP, fragments) with
+// and real frames (SNAT, replies, published services, HTTP, FTP, fragments, ICMP echo
+// and errors quoting translated flows, whole or cut) with
 // fuzzer-chosen bytes overwritten. The engine must answer or throw Nat::Exception; at
 // the end, once everything has expired, every pool port must be free exactly once.
 #include <algorithm>
@@ -23,8 +24,25 @@ struct Input {
 
 Frame Template(uint8_t which, uint16_t port) {
     const uint16_t pool = static_cast<uint16_t>(5000 + port % 8);
+    const uint16_t udpPool = static_cast<uint16_t>(6000 + port % 4);  // also the echo identifiers
     const uint8_t flags = kAck | kPsh;
-    switch (which % 10) {
+    const size_t quote = 20 + port % 48;  // whole headers, or cut anywhere in the transport header
+    switch (which % 16) {
+        case 10: return Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, port, 1, "ping"));
+        case 11: return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, udpPool, 1, "pong"));
+        case 12:
+            return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
+                        ErrorMessage(3, 4, 1280, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, pool, 80, 0, 0, flags}), quote));
+        case 13:
+            return Icmp(kGatewayMac, kExtMac, kPeerIp, kExtIp,
+                        ErrorMessage(11, 0, 0, Udp({kExtMac, kGatewayMac, kExtIp, kFarIp, udpPool, 53, "q"}), quote));
+        case 14:
+            return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
+                        ErrorMessage(3, 1, 0, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, udpPool, 1, "")),
+                                     quote));
+        case 15:
+            return Icmp(kHostMac, kIntMac, kHostIp, kFarIp,
+                        ErrorMessage(3, 3, 0, Udp({kIntMac, kHostMac, kFarIp, kHostIp, 53, port, "a"}), quote));
         case 0: return Tcp({kHostMac, kIntMac, kHostIp, kFarIp, port, 80, 0, 0, flags});
         case 1: return Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, pool, 0, 0, flags});
         case 2: return Udp({kHostMac, kIntMac, kHostIp, kPeerIp, port, 53, "q"});
@@ -83,7 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (!(op & 4)) {
                 if (frame.size() < 34) continue;
                 const Fields f = Parse(frame);
-                kind = outbound ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
+                kind = f.protocol == 1 ? nat.ClassifyIcmpPacket(frame, !outbound)
+                       : outbound      ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
                                                              f.srcPort, f.dstPort)
                                 : nat.ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
                 if (kind == 0) continue;
@@ -113,14 +132,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // Everything expires; every pool port must be back exactly once.
-    if (!nat.TcpTable().Consistent() || !nat.UdpTable().Consistent()) abort();
+    if (!nat.TcpTable().Consistent() || !nat.UdpTable().Consistent() || !nat.EchoTable().Consistent()) abort();
     rig.now += 60000;
     nat.TcpTable().Sweep();
     nat.UdpTable().Sweep();
+    nat.EchoTable().Sweep();
     nat.ClassifyExternalPacket(6, kExtMac, {1, 1, 1, 1}, 1, 1);  // the scan drops expired temporary rules
     std::vector<uint32_t> tcpFree = nat.TcpTable().FreePorts(), udpFree = nat.UdpTable().FreePorts();
     std::sort(tcpFree.begin(), tcpFree.end());
+    std::vector<uint32_t> echoFree = nat.EchoTable().FreePorts();
     std::sort(udpFree.begin(), udpFree.end());
-    if (tcpFree != Rig::Ports(5000, 8) || udpFree != Rig::Ports(6000, 4) || nat.Rules().size() != 3) abort();
+    std::sort(echoFree.begin(), echoFree.end());
+    if (tcpFree != Rig::Ports(5000, 8) || udpFree != Rig::Ports(6000, 4) || echoFree != Rig::Ports(6000, 4) ||
+        nat.Rules().size() != 3) {
+        abort();
+    }
     return 0;
 }

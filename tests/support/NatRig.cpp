@@ -104,17 +104,64 @@ std::vector<uint32_t> Rig::Ports(uint32_t first, uint32_t count) {
     return ports;
 }
 
+Frame Icmp(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
+           Bytes message) {
+    message.resize(std::max<size_t>(message.size(), 4));
+    message[2] = message[3] = 0;
+    const uint16_t checksum = InternetChecksum(message.data(), message.size());
+    message[2] = static_cast<uint8_t>(checksum >> 8);
+    message[3] = static_cast<uint8_t>(checksum);
+    Frame frame = Udp({srcMac, dstMac, srcIp, dstIp, 1, 1});
+    frame.resize(34);
+    frame[23] = 1;
+    frame.insert(frame.end(), message.begin(), message.end());
+    const size_t total = frame.size() - 14;
+    frame[16] = static_cast<uint8_t>(total >> 8);
+    frame[17] = static_cast<uint8_t>(total);
+    frame[24] = frame[25] = 0;
+    const uint16_t ipChecksum = InternetChecksum(frame.data() + 14, 20);
+    frame[24] = static_cast<uint8_t>(ipChecksum >> 8);
+    frame[25] = static_cast<uint8_t>(ipChecksum);
+    if (frame.size() < 60) frame.resize(60);
+    return frame;
+}
+
+Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const std::string& payload) {
+    Bytes message{type, 0, 0, 0, static_cast<uint8_t>(identifier >> 8), static_cast<uint8_t>(identifier),
+                  static_cast<uint8_t>(sequence >> 8), static_cast<uint8_t>(sequence)};
+    message.insert(message.end(), payload.begin(), payload.end());
+    return message;
+}
+
+Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about, size_t quoteBytes) {
+    Bytes message{type, code, 0, 0, 0, 0, static_cast<uint8_t>(mtu >> 8), static_cast<uint8_t>(mtu)};
+    const size_t datagram = std::min<size_t>(Be16(about, 16), about.size() - 14);
+    message.insert(message.end(), about.begin() + 14,
+                   about.begin() + 14 + static_cast<std::ptrdiff_t>(std::min(quoteBytes, datagram)));
+    return message;
+}
+
+Bytes IcmpPart(const Frame& frame) {
+    const size_t begin = 14 + (frame[14] & 0x0F) * 4u;
+    const size_t end = std::min<size_t>(frame.size(), 14 + Be16(frame, 16));
+    return Bytes(frame.begin() + static_cast<std::ptrdiff_t>(begin), frame.begin() + static_cast<std::ptrdiff_t>(end));
+}
+
 uint32_t Rig::Out(Frame& frame, const std::string& guid, bool partialChecksum) {
     const Fields f = Parse(frame);
     const uint32_t kind =
-        nat->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort, f.dstPort);
+        f.protocol == 1
+            ? nat->ClassifyIcmpPacket(frame, false)
+            : nat->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort, f.dstPort);
     if (kind != 0) lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid, partialChecksum);
     return kind;
 }
 
 uint32_t Rig::In(Frame& frame, const std::string& guid, bool partialChecksum) {
     const Fields f = Parse(frame);
-    const uint32_t kind = nat->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
+    const uint32_t kind = f.protocol == 1
+                              ? nat->ClassifyIcmpPacket(frame, true)
+                              : nat->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
     if (kind != 0) lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid, partialChecksum);
     return kind;
 }

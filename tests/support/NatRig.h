@@ -73,6 +73,18 @@ Frame Udp(const UdpSpec& spec);
 // The same datagram cut into fragments of at most `chunk` bytes of IP payload (a multiple of 8).
 FragmentList UdpFragments(const UdpSpec& spec, size_t chunk);
 
+// Ethernet II + IPv4 (protocol 1) + the given ICMP message, whose checksum the builder
+// fills in (bytes 2-3 of `message` are ignored); outer IP header as Udp() builds it.
+Frame Icmp(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
+           Bytes message);
+// An echo request (type 8) or reply (type 0) message.
+Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const std::string& payload);
+// An error message quoting the first `quoteBytes` bytes of the IP datagram of `about`;
+// `mtu` goes in bytes 6-7 (fragmentation needed).
+Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about, size_t quoteBytes);
+// The ICMP message of an IPv4 frame as its IP header bounds it.
+Bytes IcmpPart(const Frame& frame);
+
 // Independent field reading; ports and what follows only from a first fragment.
 struct Fields {
     MacAddress srcMac{}, dstMac{};

@@ -1,0 +1,83 @@
+#include "Packet/IcmpPacket.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Nat::Icmp {
+
+namespace {
+
+constexpr size_t kEthernetHeaderSize = 14;
+constexpr size_t kMinIpHeaderSize = 20;
+constexpr uint8_t kTcp = 6;
+constexpr uint8_t kUdp = 17;
+
+uint16_t U16(const Frame& frame, size_t at) { return static_cast<uint16_t>((frame[at] << 8) | frame[at + 1]); }
+
+Ipv4Address IpAt(const Frame& frame, size_t at) {
+    Ipv4Address ip;
+    std::memcpy(ip.data(), frame.data() + at, 4);
+    return ip;
+}
+
+}  // namespace
+
+bool ReadMessage(const Frame& frame, Message& message) {
+    const size_t ip = kEthernetHeaderSize;
+    if (frame.size() < ip + kMinIpHeaderSize || frame[12] != 0x08 || frame[13] != 0x00) return false;
+    const size_t headerSize = static_cast<size_t>(frame[ip] & 0x0F) * 4;
+    if (headerSize < kMinIpHeaderSize || frame[ip + 9] != kProtocol) return false;
+    if (((frame[ip + 6] & 0x1F) | frame[ip + 7]) != 0) return false;  // a later fragment
+    const size_t end = std::min(frame.size(), ip + U16(frame, ip + 2));
+    message.begin = ip + headerSize;
+    if (end < message.begin + kHeaderSize) return false;
+    message.end = end;
+    message.type = frame[message.begin];
+    message.code = frame[message.begin + 1];
+    const bool echo = message.type == kEchoRequest || message.type == kEchoReply;
+    message.identifier = echo ? U16(frame, message.begin + kIdentifierAt) : 0;
+    return true;
+}
+
+bool ReadQuote(const Frame& frame, const Message& message, Quote& quote) {
+    if (!IsError(message.type)) return false;
+    const size_t ip = message.begin + kHeaderSize;
+    if (message.end < ip + kMinIpHeaderSize || (frame[ip] >> 4) != 4) return false;
+    const size_t headerSize = static_cast<size_t>(frame[ip] & 0x0F) * 4;
+    if (headerSize < kMinIpHeaderSize) return false;
+    if (((frame[ip + 6] & 0x1F) | frame[ip + 7]) != 0) return false;  // ports only in the first fragment
+    quote.ipBegin = ip;
+    quote.protocol = frame[ip + 9];
+    quote.srcIp = IpAt(frame, ip + 12);
+    quote.dstIp = IpAt(frame, ip + 16);
+    const size_t t = ip + headerSize;
+    quote.transportBegin = t;
+    quote.transportChecksumAt = 0;
+    const auto present = [&](size_t field, size_t size) { return t + field + size <= message.end; };
+    switch (quote.protocol) {
+        case kTcp:
+        case kUdp: {
+            if (!present(0, 4)) return false;
+            quote.srcPort = U16(frame, t);
+            quote.dstPort = U16(frame, t + 2);
+            const size_t checksum = quote.protocol == kTcp ? 16 : 6;
+            // A UDP datagram sent without a checksum has none to keep.
+            if (present(checksum, 2) && (quote.protocol == kTcp || U16(frame, t + checksum) != 0)) {
+                quote.transportChecksumAt = t + checksum;
+            }
+            quote.pseudoHeader = true;
+            return true;
+        }
+        case kProtocol:
+            // Only echo requests are flows; an error about an error is never translated.
+            if (!present(0, kIdentifierAt + 2) || frame[t] != kEchoRequest) return false;
+            quote.srcPort = quote.dstPort = U16(frame, t + kIdentifierAt);
+            quote.transportChecksumAt = t + kChecksumAt;
+            quote.pseudoHeader = false;
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace Nat::Icmp

@@ -1,0 +1,194 @@
+// ICMP through the translator: echo as a flow with its own identifiers, and errors that
+// follow the TCP, UDP or echo flow they quote. Expected frames are built independently
+// with every checksum computed afresh, so a comparison checks each checksum too.
+#include <gtest/gtest.h>
+
+#include "support/NatRig.h"
+
+using namespace NatTest;
+
+namespace {
+
+constexpr MacAddress kHost2Mac = Mac(0x12);
+constexpr Ipv4Address kHost2Ip = Ip(192, 168, 1, 11);
+constexpr Ipv4Address kRouterIp = Ip(198, 18, 0, 1);  // a router beyond the gateway
+
+enum class Flow { Tcp, Udp, Echo };
+
+// The datagram of one flow as the internal host sends it (out) or receives it (back).
+Frame HostSends(Flow flow) {
+    switch (flow) {
+        case Flow::Tcp:
+            return Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 1000, 2000, kAck | kPsh, "GET / HTTP/1.0\r\n"});
+        case Flow::Udp: return Udp({kHostMac, kIntMac, kHostIp, kFarIp, 53000, 53, "a query"});
+        default: return Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 0x1234, 7, "ping data"));
+    }
+}
+
+Frame RemoteSends(Flow flow, uint16_t externalPort) {
+    if (flow == Flow::Tcp) return Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, externalPort, 2000, 1016, kAck, "OK"});
+    return Udp({kGatewayMac, kExtMac, kFarIp, kExtIp, 53, externalPort, "an answer"});
+}
+
+}  // namespace
+
+TEST(NatIcmp, EchoTakesItsOwnIdentifierPerHostAndComesBackWithTheHostsOne) {
+    Rig rig({}, {Rig::DefaultMapping()});
+    rig.nat->UseEchoIdentifiers({7000, 7001});
+    Frame a = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 0x1234, 1, "ping a"));
+    Frame b = Icmp(kHost2Mac, kIntMac, kHost2Ip, kFarIp, EchoMessage(8, 0x1234, 1, "ping b"));
+    ASSERT_EQ(rig.Out(a), 1u);
+    EXPECT_EQ(rig.lastAdapter->id, "ext0");
+    EXPECT_EQ(a, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, 7000, 1, "ping a")));
+    ASSERT_EQ(rig.Out(b), 1u);
+    EXPECT_EQ(b, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, 7001, 1, "ping b")));
+    Frame again = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 0x1234, 2, "ping a"));
+    ASSERT_EQ(rig.Out(again), 1u);
+    EXPECT_EQ(Be16(again, 38), 7000);  // the same flow keeps its identifier
+
+    Frame replyB = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, 7001, 1, "pong b"));
+    ASSERT_EQ(rig.In(replyB), 1u);
+    EXPECT_EQ(rig.lastAdapter->id, "int0");
+    EXPECT_EQ(replyB, Icmp(kIntMac, kHost2Mac, kFarIp, kHost2Ip, EchoMessage(0, 0x1234, 1, "pong b")));
+    Frame replyA = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, 7000, 2, "pong a"));
+    ASSERT_EQ(rig.In(replyA), 1u);
+    EXPECT_EQ(replyA, Icmp(kIntMac, kHostMac, kFarIp, kHostIp, EchoMessage(0, 0x1234, 2, "pong a")));
+
+    // Entries expire as UDP ones do, and their identifiers go back to the queue.
+    rig.now += 60000;
+    rig.nat->EchoTable().Sweep();
+    EXPECT_EQ(rig.nat->EchoTable().FreePortCount(), 2u);
+}
+
+TEST(NatIcmp, EchoesThatAreNotAnInternalHostsFlowAreLeftAlone) {
+    Rig rig({}, {Rig::DefaultMapping()});
+    const struct {
+        const char* what;
+        Frame frame;
+        bool out;
+    } cases[] = {
+        {"echo to this machine's external address",
+         Icmp(kHostMac, kIntMac, kHostIp, kExtIp, EchoMessage(8, 1, 1, "")), true},
+        {"echo to this machine's internal address",
+         Icmp(kHostMac, kIntMac, kHostIp, kIntIp, EchoMessage(8, 1, 1, "")), true},
+        {"echo request from outside", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(8, 6000, 1, "")), false},
+        {"reply to the host's own ping", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, 6000, 1, "")),
+         false},
+        {"a later fragment", [] {
+             Frame f = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 1, 1, ""));
+             f[21] = 1;
+             return f;
+         }(), true},
+    };
+    for (const auto& c : cases) {
+        Frame frame = c.frame;
+        EXPECT_EQ(c.out ? rig.Out(frame) : rig.In(frame), 0u) << c.what;
+        EXPECT_EQ(frame, c.frame) << c.what;
+    }
+}
+
+// Each row: an error about a translated flow, sent towards the internal host by a router
+// or the remote (inbound), or by the internal host towards the remote (outbound), quoting
+// `quote` bytes of the datagram. The translated error must carry exactly the quote of the
+// datagram as the other side of the translation saw it.
+TEST(NatIcmp, ErrorsFollowTheFlowTheyQuoteWithEveryChecksumKept) {
+    const struct {
+        const char* what;
+        Flow flow;
+        bool inbound;
+        uint8_t type, code;
+        uint16_t mtu;
+        size_t quote;
+        bool fromRemote;
+    } cases[] = {
+        {"TCP, fragmentation needed, whole datagram", Flow::Tcp, true, 3, 4, 1280, 1000, false},
+        {"TCP, time exceeded, 8 bytes: no checksum in the quote", Flow::Tcp, true, 11, 0, 0, 28, false},
+        {"TCP, parameter problem, ports only", Flow::Tcp, true, 12, 0, 0, 24, false},
+        {"TCP, unreachable from the remote itself", Flow::Tcp, true, 3, 1, 0, 1000, true},
+        {"UDP, port unreachable, 8 bytes with checksum", Flow::Udp, true, 3, 3, 0, 28, true},
+        {"UDP, time exceeded, whole datagram", Flow::Udp, true, 11, 0, 0, 1000, false},
+        {"echo, time exceeded, 8 bytes", Flow::Echo, true, 11, 0, 0, 28, false},
+        {"echo, host unreachable, identifier only", Flow::Echo, true, 3, 1, 0, 26, false},
+        {"echo, fragmentation needed, whole", Flow::Echo, true, 3, 4, 1400, 1000, false},
+        {"UDP reply refused by the internal host", Flow::Udp, false, 3, 3, 0, 1000, false},
+        {"UDP reply refused by the internal host, 8 bytes", Flow::Udp, false, 3, 3, 0, 28, false},
+        {"TCP reply, parameter problem from the internal host", Flow::Tcp, false, 12, 0, 0, 1000, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Rig rig({}, {Rig::DefaultMapping()});
+        const Frame hostSent = HostSends(c.flow);
+        Frame wireSent = hostSent;
+        ASSERT_EQ(rig.Out(wireSent), 1u);
+        if (c.inbound) {
+            const Ipv4Address from = c.fromRemote ? kFarIp : kRouterIp;
+            Frame error = Icmp(kGatewayMac, kExtMac, from, kExtIp, ErrorMessage(c.type, c.code, c.mtu, wireSent, c.quote));
+            ASSERT_EQ(rig.In(error), 1u);
+            EXPECT_EQ(rig.lastAdapter->id, "int0");
+            EXPECT_EQ(error, Icmp(kIntMac, kHostMac, from, kHostIp, ErrorMessage(c.type, c.code, c.mtu, hostSent, c.quote)));
+        } else {
+            const Frame wireReply = RemoteSends(c.flow, Parse(wireSent).srcPort);
+            Frame hostReply = wireReply;
+            ASSERT_EQ(rig.In(hostReply), 1u);
+            Frame error = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, ErrorMessage(c.type, c.code, 0, hostReply, c.quote));
+            ASSERT_EQ(rig.Out(error), 1u);
+            EXPECT_EQ(rig.lastAdapter->id, "ext0");
+            EXPECT_EQ(error, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, ErrorMessage(c.type, c.code, 0, wireReply, c.quote)));
+        }
+    }
+}
+
+TEST(NatIcmp, ErrorsThatNameNoKnownFlowPassOnUnchanged) {
+    Rig rig({}, {Rig::DefaultMapping()});
+    Frame sent = HostSends(Flow::Udp);
+    ASSERT_EQ(rig.Out(sent), 1u);
+    Frame otherPort = sent;
+    otherPort[14 + 20 + 2] ^= 1;  // destination port: not the flow (checksums do not matter here)
+    Frame unreachable = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, sent, 28));
+    Frame aboutError = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, unreachable, 100));
+    const struct {
+        const char* what;
+        Frame frame;
+        bool out;
+    } cases[] = {
+        {"another port", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, otherPort, 28)), false},
+        {"quote cut inside the ports", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, sent, 22)),
+         false},
+        {"quote cut inside the IP header", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, sent, 16)),
+         false},
+        {"an error about an error", aboutError, false},
+        {"an error about the host's own datagram", Icmp(kHostMac, kIntMac, kHostIp, kFarIp, ErrorMessage(3, 3, 0, sent, 28)),
+         true},
+        {"an unknown type", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(5, 0, 0, sent, 28)), false},
+    };
+    for (const auto& c : cases) {
+        Frame frame = c.frame;
+        EXPECT_EQ(c.out ? rig.Out(frame) : rig.In(frame), 0u) << c.what;
+        EXPECT_EQ(frame, c.frame) << c.what;
+    }
+}
+
+TEST(NatIcmp, AQuoteCutByTheFrameIsTranslatedAsFarAsItGoes) {
+    Rig rig({}, {Rig::DefaultMapping()});
+    const Frame hostSent = HostSends(Flow::Tcp);
+    Frame wireSent = hostSent;
+    ASSERT_EQ(rig.Out(wireSent), 1u);
+    Frame error = Icmp(kGatewayMac, kExtMac, kRouterIp, kExtIp, ErrorMessage(11, 0, 0, wireSent, 1000));
+    // The IP header still claims the whole message; the frame ends inside the quoted ports.
+    for (size_t end : {size_t{14 + 20 + 8 + 20 + 4}, size_t{14 + 20 + 8 + 20 + 3}}) {
+        Frame cut(error.begin(), error.begin() + static_cast<std::ptrdiff_t>(end));
+        const Frame before = cut;
+        const uint32_t kind = rig.In(cut);
+        ASSERT_EQ(cut.size(), end);
+        if (end == 14 + 20 + 8 + 20 + 4) {
+            ASSERT_EQ(kind, 1u);
+            const Frame expected = Icmp(kIntMac, kHostMac, kRouterIp, kHostIp, ErrorMessage(11, 0, 0, hostSent, 24));
+            EXPECT_TRUE(std::equal(cut.begin() + 42, cut.end(), expected.begin() + 42));  // the quote
+            EXPECT_EQ(Parse(cut).dstIp, kHostIp);
+            EXPECT_TRUE(IpChecksumValid(cut));
+        } else {
+            EXPECT_EQ(kind, 0u);
+            EXPECT_EQ(cut, before);
+        }
+    }
+}
