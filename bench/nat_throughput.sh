@@ -16,10 +16,10 @@ command -v iperf3 > /dev/null && command -v nft > /dev/null && command -v ethtoo
 
 nat_topology
 offloads() {  # offloads on|off: on every veth end of the path
-  local end
+  local mode=$1 end
   for end in "in in0" "nd nd-int" "nd nd-ext" "ext ext0"; do
-    set -- $end "$1"
-    in_ns "$1" ethtool -K "$2" tso "$3" gso "$3" gro "$3" 2> /dev/null
+    set -- $end
+    in_ns "$1" ethtool -K "$2" tso "$mode" gso "$mode" gro "$mode" 2> /dev/null
   done
 }
 SERVER=203.0.113.10   # behind the gateway, as an internet host would be

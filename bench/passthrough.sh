@@ -48,10 +48,12 @@ daemon_pid() {
 }
 pid=$(daemon_pid)
 rss_before=$(awk '/VmHWM/ {print $2}' "/proc/$pid/status")
+flooders=()
 for i in $(seq 1 "$FLOODERS"); do
   in_ns lan iperf3 -c 10.9.0.1 -p $((5201 + i)) -u -l 1400 -b 0 -t "$SECONDS_PER_RUN" > /dev/null 2>&1 &
+  flooders+=($!)
 done
-wait
+wait "${flooders[@]}" || true
 rss_peak=$(awk '/VmHWM/ {print $2}' "/proc/$pid/status")
 drops=$(grep -o 'The frame queue is full: [0-9]*' "$LOG" | awk '{s += $NF} END {print s + 0}')
 
