@@ -9,6 +9,9 @@ require_namespaces
 NOBODY=65534
 chmod 755 "$WORK"  # the unprivileged native side must reach its folder
 as_nobody() { setpriv --reuid=$NOBODY --regid=$NOBODY --clear-groups "$@"; }
+# Sockets anyone may connect to: the daemon, root without CAP_DAC_OVERRIDE, could not
+# otherwise reach another user's socket at all, and the peer check would never be asked.
+as_nobody_open() { (umask 000 && exec setpriv --reuid=$NOBODY --regid=$NOBODY --clear-groups "$@"); }
 sockets_in() { test -S "$1/TessarilNetworkDriverToNative" && test -S "$1/TessarilNetworkDriverFromNative"; }
 
 # refused DIR REASON [as_nobody]: a native side listens in DIR, the daemon refuses it.
@@ -38,7 +41,7 @@ check "a folder of another user is refused" refused "$WORK/theirs" "folder owned
 # A root-owned private folder, but the listener runs as another user.
 mkdir -m 755 "$WORK/handed" && chown $NOBODY:$NOBODY "$WORK/handed"
 CHANGE_AFTER_LISTEN="chown root:root '$WORK/handed'" \
-  check "a native side running as another user is refused" refused "$WORK/handed" "server runs as user $NOBODY" as_nobody
+  check "a native side running as another user is refused" refused "$WORK/handed" "server runs as user $NOBODY" as_nobody_open
 
 # The real thing: root's private folder, NAT with a published port below 1024.
 nat_topology
