@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
 namespace {
 
@@ -36,14 +35,16 @@ int main(int argc, char** argv) {
     HANDLE toNative = CreatePipe("\\\\.\\pipe\\TessarilNetworkDriverToNative", &inherit);
     HANDLE fromNative = CreatePipe("\\\\.\\pipe\\TessarilNetworkDriverFromNative", &inherit);
     if (toNative == INVALID_HANDLE_VALUE || fromNative == INVALID_HANDLE_VALUE) return 2;
-    char self[MAX_PATH];
+    char self[MAX_PATH] = {};
     GetModuleFileNameA(nullptr, self, MAX_PATH);
-    std::string command = "\"" + std::string(self) + "\" " + std::to_string(reinterpret_cast<uintptr_t>(toNative)) +
-                          " " + std::to_string(reinterpret_cast<uintptr_t>(fromNative));
+    char command[MAX_PATH + 64];
+    std::snprintf(command, sizeof(command), "\"%s\" %llu %llu", self,
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(toNative)),
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(fromNative)));
     STARTUPINFOA startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION child{};
-    if (!CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) return 3;
+    if (!CreateProcessA(nullptr, command, nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) return 3;
     std::printf("%lu\n", GetCurrentProcessId());
     return 0;
 }

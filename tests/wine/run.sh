@@ -176,7 +176,7 @@ check "wrong tag: fatal line" last_is "$log" "ERROR;Fatal error, the process end
 check "wrong tag: no orderly end" bash -c '! grep -q "Closed pipes" "$1"' _ "$log"
 check "truncated StartNAT: the process ends" [ "$(run_scenario truncated.json)" = 0 ]
 check "truncated StartNAT: fatal line" \
-  bash -c '[[ "$(sed -e "s/\r$//" -e "s/^[^;]*;//" "$1" | tail -n 1)" == "ERROR;Fatal error, the process ends: Deserialization error: "* ]]' _ "$log"
+  bash -c '[[ "$(sed -e "s/\r$//" -e "s/^[^;]*;//" "$1" | tail -n 1 | tr -d "\000")" == "ERROR;Fatal error, the process ends: Deserialization error: "* ]]' _ "$log"
 check "15-byte GUID: the process ends" [ "$(run_scenario short-guid.json)" = 0 ]
 check "15-byte GUID: fatal line" last_is "$log" \
   "ERROR;Fatal error, the process ends: Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length."
