@@ -92,8 +92,13 @@ void Logger::WriteFatal(const std::string& text) {
         aside.write(line.data(), static_cast<std::streamsize>(line.size()));
         return;
     }
-    // Another holder may be stuck (a write that blocks): wait a little, never forever.
-    if (!mutex_.try_lock_for(kFatalLockWait)) return;
+    // Another holder may be stuck (a write that blocks): wait a little, never forever. A
+    // polled try_lock rather than a timed lock, which the thread sanitizer cannot follow.
+    const auto deadline = std::chrono::steady_clock::now() + kFatalLockWait;
+    while (!mutex_.try_lock()) {
+        if (std::chrono::steady_clock::now() >= deadline) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     holder_.store(std::this_thread::get_id());
     if ((toConsole_ || toDebugger_ || toFile_) && kErrorRank <= threshold_) WriteLineLocked(FormatLine(text, kErrorRank));
     holder_.store(std::thread::id());

@@ -68,7 +68,7 @@ private:
     int32_t NewestRingFileLocked() const;
     void CloseLocked();
 
-    mutable std::timed_mutex mutex_;
+    mutable std::mutex mutex_;
     mutable std::atomic<std::thread::id> holder_{};
     bool toConsole_ = false;
     bool toDebugger_ = false;
