@@ -51,19 +51,61 @@ void Logger::Log(const std::string& text, int level) {
 }
 
 bool Logger::IsRankEnabled(int rank) const {
-    std::lock_guard lock(mutex_);
+    Guard lock(*this);
     return (toConsole_ || toDebugger_ || toFile_) && rank <= threshold_;
 }
 
-void Logger::WriteRank(const std::string& text, int rank) {
-    std::lock_guard lock(mutex_);
-    if (!(toConsole_ || toDebugger_ || toFile_) || rank > threshold_) return;
+Logger::Guard::Guard(const Logger& logger) : logger_(logger) {
+    logger_.mutex_.lock();
+    logger_.holder_.store(std::this_thread::get_id());
+}
+
+Logger::Guard::~Guard() {
+    logger_.holder_.store(std::thread::id());
+    logger_.mutex_.unlock();
+}
+
+std::string Logger::FormatLine(const std::string& text, int rank) const {
     std::string line = Timestamp();
     line += ';';
     line += LevelWord(rank);
     line += ';';
     line += text;
     line += '\n';
+    return line;
+}
+
+void Logger::WriteRank(const std::string& text, int rank) {
+    Guard lock(*this);
+    if (!(toConsole_ || toDebugger_ || toFile_) || rank > threshold_) return;
+    WriteLineLocked(FormatLine(text, rank));
+}
+
+void Logger::WriteFatal(const std::string& text) {
+    constexpr int kErrorRank = 1;
+    if (holder_.load() == std::this_thread::get_id()) {
+        // This thread failed in the middle of a write and still holds the lock: the stream's
+        // state is unknown, so the line goes to the current ring file through a new handle.
+        if (!toFile_ || kErrorRank > threshold_) return;
+        std::ofstream aside(FilePath(currentIndex_), std::ios::binary | std::ios::out | std::ios::app);
+        const std::string line = FormatLine(text, kErrorRank);
+        aside.write(line.data(), static_cast<std::streamsize>(line.size()));
+        return;
+    }
+    // Another holder may be stuck (a write that blocks): wait a little, never forever. A
+    // polled try_lock rather than a timed lock, which the thread sanitizer cannot follow.
+    const auto deadline = std::chrono::steady_clock::now() + kFatalLockWait;
+    while (!mutex_.try_lock()) {
+        if (std::chrono::steady_clock::now() >= deadline) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    holder_.store(std::this_thread::get_id());
+    if ((toConsole_ || toDebugger_ || toFile_) && kErrorRank <= threshold_) WriteLineLocked(FormatLine(text, kErrorRank));
+    holder_.store(std::thread::id());
+    mutex_.unlock();
+}
+
+void Logger::WriteLineLocked(const std::string& line) {
     if (toConsole_) {
         std::cout << line;
         std::cout.flush();
@@ -77,7 +119,7 @@ std::string Logger::FilePath(int32_t index) const {
 }
 
 int32_t Logger::CurrentIndex() const {
-    std::lock_guard lock(mutex_);
+    Guard lock(*this);
     return currentIndex_;
 }
 
@@ -131,33 +173,33 @@ void Logger::WriteLocked(const std::string& line) {
     fileSize_ += line.size();
 }
 
-void Logger::SetToConsole(bool on) { std::lock_guard lock(mutex_); toConsole_ = on; }
-void Logger::SetToDebugger(bool on) { std::lock_guard lock(mutex_); toDebugger_ = on; }
-void Logger::SetToFile(bool on) { std::lock_guard lock(mutex_); toFile_ = on; }
-void Logger::SetThreshold(int32_t threshold) { std::lock_guard lock(mutex_); threshold_ = threshold; }
-void Logger::SetMaxFileSize(int32_t bytes) { std::lock_guard lock(mutex_); maxFileSize_ = bytes; }
+void Logger::SetToConsole(bool on) { Guard lock(*this); toConsole_ = on; }
+void Logger::SetToDebugger(bool on) { Guard lock(*this); toDebugger_ = on; }
+void Logger::SetToFile(bool on) { Guard lock(*this); toFile_ = on; }
+void Logger::SetThreshold(int32_t threshold) { Guard lock(*this); threshold_ = threshold; }
+void Logger::SetMaxFileSize(int32_t bytes) { Guard lock(*this); maxFileSize_ = bytes; }
 
 // Settings that change the file names close the current file and rescan the ring.
 void Logger::SetDirectory(const std::string& directory) {
-    std::lock_guard lock(mutex_);
+    Guard lock(*this);
     directory_ = directory;
     CloseLocked();
     ringScanned_ = false;
 }
 void Logger::SetPrefix(const std::string& prefix) {
-    std::lock_guard lock(mutex_);
+    Guard lock(*this);
     prefix_ = prefix;
     CloseLocked();
     ringScanned_ = false;
 }
 void Logger::SetExtension(const std::string& extension) {
-    std::lock_guard lock(mutex_);
+    Guard lock(*this);
     extension_ = extension;
     CloseLocked();
     ringScanned_ = false;
 }
 void Logger::SetFileCount(int32_t count) {
-    std::lock_guard lock(mutex_);
+    Guard lock(*this);
     fileCount_ = count > 0 ? count : 1;
     CloseLocked();
     ringScanned_ = false;

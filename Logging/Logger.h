@@ -1,8 +1,11 @@
 #pragma once
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace TorvUtils {
 
@@ -17,6 +20,11 @@ public:
     void Log(const std::string& text, int level);
     // Writes a line of the given rank straight away (rank 3 is worded DEBUG).
     void WriteRank(const std::string& text, int rank);
+    // The last line before the process ends: an ERROR line that never waits long for the
+    // lock. If this thread holds it (it failed inside a write), the line is appended through
+    // a handle of its own; if another thread keeps it past kFatalLockWait, the line is skipped.
+    void WriteFatal(const std::string& text);
+    static constexpr std::chrono::milliseconds kFatalLockWait{1000};
     // True when a line of this rank would be written: lets callers skip composing it.
     bool IsRankEnabled(int rank) const;
 
@@ -42,12 +50,26 @@ public:
 
 private:
     Logger() = default;
+    // The lock, with its holder recorded so that the fatal path can tell its own thread.
+    class Guard {
+    public:
+        explicit Guard(const Logger& logger);
+        ~Guard();
+        Guard(const Guard&) = delete;
+        Guard& operator=(const Guard&) = delete;
+
+    private:
+        const Logger& logger_;
+    };
+    std::string FormatLine(const std::string& text, int rank) const;
+    void WriteLineLocked(const std::string& line);
     void WriteLocked(const std::string& line);
     void OpenCurrentLocked(bool truncate);
     int32_t NewestRingFileLocked() const;
     void CloseLocked();
 
     mutable std::mutex mutex_;
+    mutable std::atomic<std::thread::id> holder_{};
     bool toConsole_ = false;
     bool toDebugger_ = false;
     bool toFile_ = true;

@@ -4,11 +4,11 @@
 
 namespace NativeNetworkDriver {
 
-std::runtime_error DeserializationError(uint8_t found, uint8_t expected) {
+DecodingError DeserializationError(uint8_t found, uint8_t expected) {
     TorvUtils::LogStream text;
     text << "Deserialization error: found type: " << static_cast<char>(found) << " expected: "
          << static_cast<unsigned>(expected);
-    return std::runtime_error(text.str());
+    return DecodingError(text.str());
 }
 
 void Decoder::Require(size_t count, uint8_t expectedTag) {
@@ -65,19 +65,21 @@ std::string Decoder::ReadString() {
 
 Bytes Decoder::ReadBytes() {
     ExpectTag(kTagBytes);
-    const int32_t length = static_cast<int32_t>(ReadRaw32());
-    if (length <= 0) return {};
-    Require(static_cast<size_t>(length), kTagBytes);
+    // The length is an int32 on the wire; a negative one, read unsigned, is longer than any
+    // payload and fails like every other length that runs past the end.
+    const uint32_t length = ReadRaw32();
+    if (length == 0) return {};
+    Require(length, kTagBytes);
     Bytes value(buffer_.begin() + static_cast<std::ptrdiff_t>(offset_),
-                buffer_.begin() + static_cast<std::ptrdiff_t>(offset_) + length);
-    offset_ += static_cast<size_t>(length);
+                buffer_.begin() + static_cast<std::ptrdiff_t>(offset_ + length));
+    offset_ += length;
     return value;
 }
 
 Bytes Decoder::ReadGuid() {
     Bytes guid = ReadBytes();
     if (guid.size() != 16)
-        throw std::runtime_error(
+        throw DecodingError(
             "Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length.");
     return guid;
 }

@@ -57,8 +57,19 @@ private:
     uint8_t lastTag_ = 0;
 };
 
+// A malformed payload. The text may hold any byte, a zero byte included (the found tag is
+// written as a character), which what() would cut short: Message() has all of it.
+class DecodingError : public std::runtime_error {
+public:
+    explicit DecodingError(const std::string& text) : std::runtime_error(text), text_(text) {}
+    const std::string& Message() const { return text_; }
+
+private:
+    std::string text_;
+};
+
 // "Deserialization error: found type: <byte as a character> expected: <tag>"
-std::runtime_error DeserializationError(uint8_t found, uint8_t expected);
+DecodingError DeserializationError(uint8_t found, uint8_t expected);
 
 // The mirror of Decoder, for the native-side peer and the tests.
 class Encoder {

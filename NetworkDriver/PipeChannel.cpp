@@ -24,20 +24,32 @@ PipeChannel::~PipeChannel() {
     }
 }
 
+// A pipe whose server is not trusted is logged once and then treated like a pipe that
+// could not be opened: nothing is read or answered and the process ends.
 void PipeChannel::Open() {
     readPipe_.Close();
-    const int readError = readPipe_.Open(kReadPipeName, false);
+    const auto read = readPipe_.Open(kReadPipeName, false);
     readHandleOwned_ = true;
-    if (readError != 0) {
+    if (!read.refusal.empty()) {
         connected_ = false;
-        Log("CreateFile failed for NetworkDriverToNative pipe " + std::to_string(readError), 0);
+        Log("Untrusted pipe " + read.path + ": " + read.refusal, 2);
         return;
     }
-    const int writeError = writePipe_.Open(kWritePipeName, true);
-    writeHandleOwned_ = true;
-    if (writeError != 0) {
+    if (read.error != 0) {
         connected_ = false;
-        Log("CreateFile failed for NetworkDriverFromNative pipe " + std::to_string(writeError), 0);
+        Log("CreateFile failed for NetworkDriverToNative pipe " + std::to_string(read.error), 0);
+        return;
+    }
+    const auto write = writePipe_.Open(kWritePipeName, true);
+    writeHandleOwned_ = true;
+    if (!write.refusal.empty()) {
+        connected_ = false;
+        Log("Untrusted pipe " + write.path + ": " + write.refusal, 2);
+        return;
+    }
+    if (write.error != 0) {
+        connected_ = false;
+        Log("CreateFile failed for NetworkDriverFromNative pipe " + std::to_string(write.error), 0);
         return;
     }
     Log("Named Pipes created.", 1);

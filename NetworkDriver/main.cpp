@@ -1,13 +1,14 @@
 // Process entry: high priority, the log, then one NetworkDriver for the life of the pipes.
-#include <cstdlib>
 #include <exception>
 #include <string>
 
 #include "FilterDriver/IFilterDriverApi.h"
 #include "Logging/BrandInfo.h"
 #include "Logging/Logger.h"
+#include "NetworkDriver/FatalError.h"
 #include "NetworkDriver/NetworkDriver.h"
 #include "Platform/Platform.h"
+#include "Platform/Privileges.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -18,24 +19,6 @@
 #endif
 
 namespace {
-
-// A malformed control payload ends the process through an uncaught exception; leave one
-// line in the log that says why.
-[[noreturn]] void LogFatalAndAbort() {
-    std::string reason = "unknown exception";
-    if (auto current = std::current_exception()) {
-        try {
-            std::rethrow_exception(current);
-        } catch (const std::exception& e) {
-            reason = e.what();
-        } catch (...) {
-        }
-    } else {
-        reason = "terminate called without an active exception";
-    }
-    Log("Fatal error, the process ends: " + reason, 2);
-    std::abort();
-}
 
 void InitializeLogging() {
     std::string directory;
@@ -57,9 +40,13 @@ int Run() {
     // message box that holds the process, so it goes to standard error.
     _set_error_mode(_OUT_TO_STDERR);
 #endif
-    std::set_terminate(LogFatalAndAbort);
+    std::set_terminate(NativeNetworkDriver::LogFatalAndAbort);
     Platform::RaiseProcessPriority();
     InitializeLogging();
+    // Priority and the log folder were the steps that needed full privilege; no thread
+    // has been started yet, so what is dropped here is dropped for the whole process.
+    if (const int error = Platform::DropPrivileges(); error != 0)
+        Log("Dropping privileges failed, error code: " + std::to_string(error), 2);
 #ifdef _WIN32
     NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateWindowsFilterDriverApi);
 #else

@@ -17,8 +17,15 @@ public:
     PipeClient(const PipeClient&) = delete;
     PipeClient& operator=(const PipeClient&) = delete;
 
-    // Connects to the pipe `name` (e.g. "TessarilNetworkDriverToNative"); 0 or the OS error code.
-    int Open(const std::string& name, bool forWriting);
+    struct OpenResult {
+        std::string path;     // the pipe's full name, for log lines
+        int error = 0;        // OS error code of a failed open
+        std::string refusal;  // why the server is not trusted; the pipe is left closed
+    };
+    // Connects to the pipe `name` (e.g. "TessarilNetworkDriverToNative") and checks that its
+    // server may command the daemon (Platform/PipeTrust.h). Valid only when both error and
+    // refusal are empty.
+    OpenResult Open(const std::string& name, bool forWriting);
     bool IsValid() const;
     void Close();
 

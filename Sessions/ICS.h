@@ -7,6 +7,7 @@ namespace NativeNetworkDriver {
 class ICS : public TranslationSession {
 public:
     ICS(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartICSRequest& request);
+    ~ICS() override { Unsubscribe(); }
 };
 
 }  // namespace NativeNetworkDriver

@@ -7,6 +7,7 @@ namespace NativeNetworkDriver {
 class NAT : public TranslationSession {
 public:
     NAT(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartNATRequest& request);
+    ~NAT() override { Unsubscribe(); }
 };
 
 }  // namespace NativeNetworkDriver

@@ -93,13 +93,20 @@ TranslationSession::TranslationSession(std::string word, FilterDriversPublisher*
     : word_(std::move(word)), publisher_(publisher), arpCache_(arpCache) {}
 
 TranslationSession::~TranslationSession() {
-    // Off the publisher first, so that the dispatch thread never reaches a deleted engine.
-    if (publisher_ != nullptr && publisherRegistered_) publisher_->Unregister(this);
-    if (arpCache_ != nullptr && arpRegistered_) arpCache_->UnregisterDrivers(this);
+    Unsubscribe();
     engine_.reset();
     tcpPool_.reset();
     udpPool_.reset();
     icmpPool_.reset();
+}
+
+void TranslationSession::Unsubscribe() {
+    // Off the publisher first: its dispatch thread offers frames under the lock that
+    // Unregister takes, so no frame reaches this session afterwards.
+    if (publisher_ != nullptr && publisherRegistered_) publisher_->Unregister(this);
+    publisherRegistered_ = false;
+    if (arpCache_ != nullptr && arpRegistered_) arpCache_->UnregisterDrivers(this);
+    arpRegistered_ = false;
 }
 
 bool TranslationSession::ReservePorts(const OpenSettings& settings) {
@@ -188,6 +195,7 @@ void TranslationSession::Open(const OpenSettings& settings, const EngineFactory&
     arpRegistered_ = arpCache_ != nullptr;
     if (arpCache_ == nullptr || !arpCache_->RegisterDrivers(this, guids)) {
         Log("Error opening " + word_ + ": ArpCache registration failed", 2);
+        Unsubscribe();
         engine_.reset();
         return;
     }
@@ -195,6 +203,8 @@ void TranslationSession::Open(const OpenSettings& settings, const EngineFactory&
     publisherRegistered_ = true;
     if (!publisher_->Register(this, guids)) {
         Log("Error opening " + word_ + ": Publisher registration failed", 2);
+        // The adapters registered before the refused one are given back at once.
+        Unsubscribe();
         engine_.reset();
         return;
     }

@@ -52,6 +52,9 @@ protected:
     };
 
     TranslationSession(std::string word, FilterDriversPublisher* publisher, IArpCache* arpCache);
+    // Leaves the publisher and the ARP cache; safe to call again. The destructors of the
+    // sessions call it first, so that no frame is offered to a half-destroyed object.
+    void Unsubscribe();
     // The open sequence; a failed step leaves the session without an engine.
     void Open(const OpenSettings& settings, const EngineFactory& buildEngine);
 

@@ -1,12 +1,16 @@
 #include "Platform/Pipe.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include "Platform/PipeTrust.h"
 
 namespace Platform {
 
@@ -22,22 +26,50 @@ std::string SocketPath(const std::string& name) {
 
 PipeClient::~PipeClient() { Close(); }
 
-int PipeClient::Open(const std::string& name, bool /*forWriting*/) {
+PipeClient::OpenResult PipeClient::Open(const std::string& name, bool /*forWriting*/) {
     Close();
-    const std::string path = SocketPath(name);
+    OpenResult result;
+    result.path = SocketPath(name);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) return ENAMETOOLONG;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (result.path.size() >= sizeof(address.sun_path)) {
+        result.error = ENAMETOOLONG;
+        return result;
+    }
+    // Whoever may write the folder may put his own listener in place of the native side.
+    const std::string folder = result.path.substr(0, std::max<size_t>(result.path.rfind('/'), 1));
+    struct stat info {};
+    if (stat(folder.c_str(), &info) != 0) {
+        result.error = errno;
+        return result;
+    }
+    result.refusal = PipeFolderDistrust(info.st_uid, info.st_mode, geteuid());
+    if (!result.refusal.empty()) return result;
+
+    std::memcpy(address.sun_path, result.path.c_str(), result.path.size() + 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return errno;
+    if (fd < 0) {
+        result.error = errno;
+        return result;
+    }
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        const int error = errno;
+        result.error = errno;
         ::close(fd);
-        return error;
+        return result;
+    }
+    // The listener's credentials, taken by the kernel when it called listen().
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        result.refusal = "server credentials unreadable, error code: " + std::to_string(errno);
+    else
+        result.refusal = PipePeerDistrust(peer.uid, geteuid());
+    if (!result.refusal.empty()) {
+        ::close(fd);
+        return result;
     }
     fd_ = fd;
-    return 0;
+    return result;
 }
 
 bool PipeClient::IsValid() const { return fd_ >= 0; }

@@ -117,14 +117,16 @@ TEST_F(DaemonTest, WithoutANativeSideOnlyTheStartLinesAreWritten) {
 
 TEST_F(DaemonTest, AMalformedPayloadEndsTheProcessWithTheReasonLogged) {
     Connect();
-    // InitializeConfiguration whose value carries tag 7 where a Bool (5) belongs.
-    ASSERT_TRUE(native_.Send(kInitializeConfiguration, {0, 7, 1, 0, 0, 0}));
+    // InitializeConfiguration whose value carries a zero byte where the Bool tag (5) belongs.
+    ASSERT_TRUE(native_.Send(kInitializeConfiguration, {0, 0, 1, 0, 0, 0}));
     const auto status = daemon_.WaitExit(10);
     ASSERT_TRUE(status.has_value());
     EXPECT_NE(*status, 0);  // ended abnormally, not through the orderly shutdown
     const auto entries = daemon_.LogEntries();
     ASSERT_FALSE(entries.empty());
-    EXPECT_EQ(entries.back(), "ERROR;Fatal error, the process ends: Deserialization error: found type: \a expected: 5");
+    // The whole text: the zero byte, written as a character, does not cut it short.
+    EXPECT_EQ(entries.back(),
+              std::string("ERROR;Fatal error, the process ends: Deserialization error: found type: \0 expected: 5", 85));
     EXPECT_FALSE(Has("INFO;Closed pipes"));
 }
 

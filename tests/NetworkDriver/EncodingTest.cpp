@@ -6,7 +6,7 @@
 using namespace NativeNetworkDriver;
 
 namespace {
-const auto ErrorText = ndtest::Thrown<std::runtime_error>;
+const auto ErrorText = ndtest::Thrown<DecodingError>;
 }  // namespace
 
 TEST(Encoding, ValuesRoundTripAndConsumeExactlyTheirBytes) {
@@ -63,6 +63,10 @@ TEST(Encoding, TagMismatchNamesTheFoundByteAsACharacter) {
     EXPECT_EQ(ErrorText([&] { Decoder(payload, 1).ReadBool(); }), "Deserialization error: found type: 5 expected: 5");
     const Bytes other = {0, 'A', 0, 0, 0, 0};
     EXPECT_EQ(ErrorText([&] { Decoder(other, 1).ReadUInt32(); }), "Deserialization error: found type: A expected: 7");
+    // A zero byte is a character like any other and does not end the text.
+    const Bytes zero = {0, 0};
+    EXPECT_EQ(ErrorText([&] { Decoder(zero, 1).ReadBool(); }),
+              std::string("Deserialization error: found type: \0 expected: 5", 48));
 }
 
 TEST(Encoding, RunningPastTheEndFailsLikeATagMismatch) {
@@ -71,6 +75,8 @@ TEST(Encoding, RunningPastTheEndFailsLikeATagMismatch) {
         {0, 3},                      // Bytes tag without length
         {0, 3, 5, 0, 0, 0, 1, 2},    // Bytes announcing 5, holding 2
         {0, 3, 0xFF, 0xFF, 0xFF, 0x7F},  // huge length
+        {0, 3, 0xFF, 0xFF, 0xFF, 0xFF, 1, 2},  // negative length (-1)
+        {0, 3, 0, 0, 0, 0x80, 1, 2},           // negative length (INT32_MIN)
         {0, 2, 8, 0, 0, 0, 0x41},    // String announcing 8
         {0, 5},                      // Bool without its byte
         {0, 7, 1, 2},                // UInt32 cut short

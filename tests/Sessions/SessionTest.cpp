@@ -139,3 +139,20 @@ TEST_F(SessionTest, SuperFramesLeaveWholeWithTheirOffloadOrAsWireFramesWhereTheB
         }
     }
 }
+
+TEST(SessionOpen, ARefusedAdapterGivesBackTheOnesRegisteredBeforeIt) {
+    auto network = InMemoryNetwork::Create();
+    auto guard = network->Install();
+    network->AddAdapter(kInt, kIntMac);  // kExt is missing: the publisher refuses it, after kInt
+    FilterDriversPublisher publisher;
+    ArpCache arp(&publisher);
+    StartNATRequest request;
+    request.mappings.push_back({Record(kExt, Net::External()), Record(kInt, Net::Internal())});
+    request.TcpPortPoolSize = 1;
+    request.UdpPortPoolSize = 1;
+    NAT nat(&publisher, &arp, request);
+    EXPECT_EQ(nat.Status(), 0u);
+    EXPECT_EQ(network->AdapterMode(kInt), 0u) << "kInt still held by the failed session";
+    // The adapter works as without the daemon: nothing is diverted any more.
+    EXPECT_FALSE(network->InjectFromWire(kInt, Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 1, 2, 1, 0, kSyn})));
+}

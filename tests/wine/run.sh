@@ -20,7 +20,7 @@ wineserver=$(dirname "$wine")/wineserver
 [ -x "$wineserver" ] || wineserver=$(command -v wineserver || true)
 
 for exe in NetworkDriver.exe tools/ndpeer.exe tools/NetworkDriverVersion5173.exe tools/NetworkDriverNoVersion.exe \
-  tools/ndisapi.dll; do
+  tools/ndisapi.dll tools/ForeignPipeServer.exe; do
   [ -f "$build/$exe" ] || { echo "wine: $build/$exe is missing; build the mingw preset first" >&2; exit 1; }
 done
 
@@ -41,7 +41,7 @@ appdata=$drive/ProgramData
 torv=$appdata/TORV/Tessaril/Runtime
 mkdir -p "$drive/nd/scenarios"
 cp "$build/NetworkDriver.exe" "$build"/tools/ndpeer.exe "$build"/tools/NetworkDriverVersion5173.exe \
-  "$build"/tools/NetworkDriverNoVersion.exe "$drive/nd/"
+  "$build"/tools/NetworkDriverNoVersion.exe "$build"/tools/ForeignPipeServer.exe "$drive/nd/"
 cp "$here"/scenarios/*.json "$drive/nd/scenarios/"
 # The same daemon beside the stand-in driver client DLL.
 mkdir -p "$drive/ndfake"
@@ -154,6 +154,16 @@ check "control: a closed native side is a broken pipe (109)" has "$log" "INFO;Er
 check "control: orderly end" last_is "$log" "INFO;Closed pipes"
 check "control: no ERROR line" bash -c '! grep -q ";ERROR;" "$1"' _ "$log"
 
+# A server the daemon cannot vouch for: the process that created the pipes has gone (its
+# child serves them), so its token cannot be read. Under wine every process runs as the same
+# user; a server of another, unprivileged user is refused by the same check on Windows.
+rm -rf "$appdata/TORV"
+timeout 60 "$wine" 'C:\nd\ForeignPipeServer.exe' >"$out" 2>&1 || true
+check "unidentified server: refused, exit code 0" [ "$(run_alone 'C:\nd\NetworkDriver.exe')" = 0 ]
+check "unidentified server: one ERROR line with the pipe and the reason" last_is "$log" \
+  'ERROR;Untrusted pipe \\.\pipe\TessarilNetworkDriverToNative: server process cannot be opened, error code: 87'
+check "unidentified server: nothing was opened" bash -c '! grep -q "Named Pipes created." "$1"' _ "$log"
+
 for type in 11 0; do
   check "type $type: ends the loop with exit code 0" [ "$(run_scenario "type-$type.json")" = 0 ]
   check "type $type: logged and closed" has "$log" "ERROR;Header mesagge type error: $type"
@@ -166,7 +176,7 @@ check "wrong tag: fatal line" last_is "$log" "ERROR;Fatal error, the process end
 check "wrong tag: no orderly end" bash -c '! grep -q "Closed pipes" "$1"' _ "$log"
 check "truncated StartNAT: the process ends" [ "$(run_scenario truncated.json)" = 0 ]
 check "truncated StartNAT: fatal line" \
-  bash -c '[[ "$(sed -e "s/\r$//" -e "s/^[^;]*;//" "$1" | tail -n 1)" == "ERROR;Fatal error, the process ends: Deserialization error: "* ]]' _ "$log"
+  bash -c '[[ "$(sed -e "s/\r$//" -e "s/^[^;]*;//" "$1" | tail -n 1 | tr -d "\000")" == "ERROR;Fatal error, the process ends: Deserialization error: "* ]]' _ "$log"
 check "15-byte GUID: the process ends" [ "$(run_scenario short-guid.json)" = 0 ]
 check "15-byte GUID: fatal line" last_is "$log" \
   "ERROR;Fatal error, the process ends: Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length."

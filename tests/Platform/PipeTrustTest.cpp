@@ -1,0 +1,152 @@
+// Who may serve the control pipes: the pure decisions, and the Linux checks on real sockets.
+#include "Platform/PipeTrust.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "Platform/Pipe.h"
+#include "support/TestFiles.h"
+
+using namespace Platform;
+
+TEST(PipeTrust, FolderMustBeOwnedByRootOrSelfAndClosedToOthers) {
+    struct Case {
+        uint32_t owner, mode, self;
+        const char* refusal;
+    };
+    const Case cases[] = {
+        {0, 040755, 0, ""},
+        {0, 040700, 1000, ""},
+        {1000, 040700, 1000, ""},
+        {1000, 040755, 0, "folder owned by user 1000"},
+        {1000, 040700, 1001, "folder owned by user 1000"},
+        {0, 040777, 0, "folder writable by group or others (mode 0777)"},
+        {0, 041777, 0, "folder writable by group or others (mode 1777)"},  // sticky /tmp style
+        {0, 040775, 0, "folder writable by group or others (mode 0775)"},
+        {0, 040757, 0, "folder writable by group or others (mode 0757)"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(PipeFolderDistrust(c.owner, c.mode, c.self), c.refusal) << c.owner << " " << c.mode;
+    EXPECT_EQ(PipePeerDistrust(0, 1000), "");
+    EXPECT_EQ(PipePeerDistrust(1000, 1000), "");
+    EXPECT_EQ(PipePeerDistrust(65534, 0), "server runs as user 65534");
+}
+
+TEST(PipeTrust, WindowsServerMustBeSystemAdministratorOrSelf) {
+    const std::string self = "S-1-5-21-1-2-3-1001";
+    const std::string other = "S-1-5-21-1-2-3-1002";
+    const TokenGroup users{"S-1-5-32-545", kGroupEnabled};
+    struct Case {
+        PipeServerToken server;
+        bool trusted;
+    };
+    const Case cases[] = {
+        {{kLocalSystemSid, {}}, true},
+        {{self, {users}}, true},
+        {{other, {users, {kAdministratorsSid, kGroupEnabled | 0x3}}}, true},
+        {{other, {users}}, false},
+        {{other, {{kAdministratorsSid, kGroupDenyOnly}}}, false},  // filtered, non-elevated token
+        {{other, {{kAdministratorsSid, kGroupDenyOnly | kGroupEnabled}}}, false},
+        {{other, {{kAdministratorsSid, 0}}}, false},
+        {{other, {{"S-1-5-32-5440", kGroupEnabled}}}, false},
+        {{"", {}}, false},
+    };
+    for (const Case& c : cases) {
+        const std::string refusal = PipeServerDistrust(c.server, self);
+        EXPECT_EQ(refusal.empty(), c.trusted) << c.server.userSid << ": " << refusal;
+    }
+    EXPECT_EQ(PipeServerDistrust({other, {}}, self),
+              "server runs as " + other + ", neither LocalSystem, an administrator nor this process's user");
+    EXPECT_FALSE(PipeServerDistrust({"", {}}, "").empty());  // an unknown own user trusts no one by name
+}
+
+namespace {
+
+// A listener on `dir`/name, created as root and listening as `uid` (the kernel takes the
+// peer credentials at listen()), alive until the object goes.
+class Listener {
+public:
+    Listener(const std::string& path, uid_t uid) {
+        int ready[2];
+        if (pipe(ready) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+            const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+            const bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+                            setresuid(uid, uid, uid) == 0 && listen(fd, 4) == 0;
+            (void)!write(ready[1], ok ? "1" : "0", 1);
+            if (ok) pause();
+            _exit(0);
+        }
+        char answer = '0';
+        (void)!read(ready[0], &answer, 1);
+        ok_ = answer == '1';
+        close(ready[0]);
+        close(ready[1]);
+    }
+    ~Listener() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    bool Ok() const { return ok_; }
+
+private:
+    pid_t pid_ = -1;
+    bool ok_ = false;
+};
+
+}  // namespace
+
+TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to play another user";
+    ndtest::TempDir dir;
+    setenv("NETWORKDRIVER_PIPE_DIR", dir.Path().c_str(), 1);
+    const std::string name = "TessarilNetworkDriverToNative";
+    const std::string path = dir.Path() + "/" + name;
+    PipeClient client;
+
+    {
+        ASSERT_EQ(chmod(dir.Path().c_str(), 0755), 0);
+        Listener root(path, 0);
+        ASSERT_TRUE(root.Ok());
+        const auto opened = client.Open(name, false);
+        EXPECT_EQ(opened.path, path);
+        EXPECT_EQ(opened.error, 0);
+        EXPECT_EQ(opened.refusal, "");
+        EXPECT_TRUE(client.IsValid());
+    }
+    unlink(path.c_str());
+    {
+        Listener nobody(path, 65534);
+        ASSERT_TRUE(nobody.Ok());
+        const auto opened = client.Open(name, false);
+        EXPECT_EQ(opened.refusal, "server runs as user 65534");
+        EXPECT_FALSE(client.IsValid());
+
+        ASSERT_EQ(chmod(dir.Path().c_str(), 0777), 0);  // checked before any connect
+        EXPECT_EQ(client.Open(name, false).refusal, "folder writable by group or others (mode 0777)");
+        ASSERT_EQ(chmod(dir.Path().c_str(), 0700), 0);
+        ASSERT_EQ(chown(dir.Path().c_str(), 65534, 65534), 0);
+        EXPECT_EQ(client.Open(name, false).refusal, "folder owned by user 65534");
+        EXPECT_FALSE(client.IsValid());
+    }
+    // A folder that is not there is a plain open failure, as before.
+    const auto missing = [&] {
+        setenv("NETWORKDRIVER_PIPE_DIR", (dir.Path() + "/none").c_str(), 1);
+        return client.Open(name, false);
+    }();
+    EXPECT_EQ(missing.error, ENOENT);
+    EXPECT_EQ(missing.refusal, "");
+    unsetenv("NETWORKDRIVER_PIPE_DIR");
+}
