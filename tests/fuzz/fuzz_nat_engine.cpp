@@ -124,8 +124,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (outbound) nat.TranslateInternalToExternal(kind, fragments, "int0");
                 else nat.TranslateExternalToInternal(kind, fragments, "ext0");
             } else {
-                if (outbound) nat.TranslateInternalToExternal(kind, frame, "int0");
-                else nat.TranslateExternalToInternal(kind, frame, "ext0");
+                // Bit 6 without fragments: the frame carries a partial (offloaded) checksum.
+                const bool partial = (op & 0x40) != 0;
+                if (outbound) nat.TranslateInternalToExternal(kind, frame, "int0", partial);
+                else nat.TranslateExternalToInternal(kind, frame, "ext0", partial);
             }
         } catch (const Nat::Exception&) {
         }
