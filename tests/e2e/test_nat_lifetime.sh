@@ -64,10 +64,12 @@ wait_for 10 log_has "NAT: drivers successfully registered" || { cat "$WORK/peer.
 
 # 1. Five datagrams sent at once to a host the daemon has never resolved.
 ask 40001 5 one two three four five > "$WORK/burst.txt"
-check "all five first datagrams to an unresolved host are answered, in order" \
-  test "$(tr '\n' ' ' < "$WORK/burst.txt")" = "echo:one echo:two echo:three echo:four echo:five "
-check "the server received each of them exactly once" \
-  test "$(grep -cE ' (one|two|three|four|five)$' "$WORK/udp_ext.log")" -eq 5
+# The order is the daemon's as it releases the held frames; the answers may cross on the
+# way back (seen now and then on a busy machine), so the answers are compared as a set.
+check "all five first datagrams to an unresolved host are answered" \
+  test "$(sort "$WORK/burst.txt" | tr '\n' ' ')" = "echo:five echo:four echo:one echo:three echo:two "
+check "the server received each of them exactly once, in the order they were sent" \
+  test "$(grep -oE ' (one|two|three|four|five)$' "$WORK/udp_ext.log" | tr -d ' ' | tr '\n' ' ')" = "one two three four five "
 wait_for 5 grep -q "198.51.100.1.[0-9]* > 198.51.100.2.5353" "$WORK/wire.txt" || true
 first_request=$(grep -n "$ND_EXT_MAC > ff:ff:ff:ff:ff:ff.*Request who-has 198.51.100.2 tell 198.51.100.1" "$WORK/wire.txt" | head -1 | cut -d: -f1)
 first_datagram=$(grep -n "198.51.100.1.[0-9]* > 198.51.100.2.5353" "$WORK/wire.txt" | head -1 | cut -d: -f1)
