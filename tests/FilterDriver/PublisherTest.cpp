@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -342,22 +343,24 @@ TEST_F(PublisherTest, AFullQueueDropsAndCountsFramesByNumberAndByBytes) {
         network->InjectFromWire(guidA, frame);
         ASSERT_TRUE(slow.WaitForOffers(1));
         const size_t extra = 100;
+        const auto start = std::chrono::steady_clock::now();
         for (size_t i = 0; i < c.fits + extra; ++i) network->InjectFromWire(guidA, frame);
         // Everything is read from the driver even while the queue is full.
-        for (int i = 0; i < 500 && !network->State(guidA).queue.empty(); ++i) std::this_thread::sleep_for(10ms);
+        for (int i = 0; i < 1000 && publisher->DroppedFrames() < extra + 1; ++i) std::this_thread::sleep_for(10ms);
         EXPECT_EQ(publisher->DroppedFrames(), extra + 1);
-        ASSERT_EQ(DropCounts(log).size(), linesBefore + 1) << "one line per second at most";
 
         release.set_value();
         ASSERT_TRUE(slow.WaitForOffers(c.fits));
         std::this_thread::sleep_for(1100ms);
         network->InjectFromWire(guidA, frame);  // the next batch reports what is left
         ASSERT_TRUE(slow.WaitForOffers(c.fits + 1));
+        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         const auto counts = DropCounts(log);
         uint64_t total = 0;
         for (size_t i = linesBefore; i < counts.size(); ++i) total += counts[i];
         EXPECT_EQ(total, extra + 1);
-        EXPECT_LE(counts.size(), linesBefore + 2);
+        EXPECT_GE(counts.size(), linesBefore + 1);
+        EXPECT_LE(static_cast<double>(counts.size() - linesBefore), 1 + seconds) << "one line a second at most";
         publisher->Unregister(&slow);
     }
 }
