@@ -14,8 +14,6 @@ namespace NativeNetworkDriver {
 
 namespace {
 
-constexpr int kDebug = 0;
-constexpr int kError = 2;
 constexpr uint32_t kDropLogIntervalMs = 1000;
 
 bool IsGroupFrame(const uint8_t* frame, size_t length) { return length >= 6 && (frame[0] & 0x01) != 0; }
@@ -48,7 +46,7 @@ bool FilterDriversPublisher::StartDispatchThread() {
         if (!workEvent_.IsValid() || !quitEvent_.IsValid()) throw std::runtime_error("dispatch events");
         return true;
     } catch (...) {
-        Log("Error opening Dispatch thread events.", kDebug);
+        Log("Error opening Dispatch thread events.", LogLevel::Debug);
         return false;
     }
 }
@@ -84,7 +82,7 @@ bool FilterDriversPublisher::IsDispatchRunning() {
 
 void FilterDriversPublisher::DispatchThread() {
     if (!workEvent_.IsValid() || !quitEvent_.IsValid()) {
-        Log("Error in DispatchThread: NULL events", kDebug);
+        Log("Error in DispatchThread: NULL events", LogLevel::Debug);
         return;
     }
     WaitHandle* const waits[2] = {&quitEvent_, &workEvent_};
@@ -115,9 +113,9 @@ void FilterDriversPublisher::DispatchThread() {
                 queuedBytes_ -= bytes;
             }
         }
-        Log("Quit event received in DispatchThread", kDebug);
+        Log("Quit event received in DispatchThread", LogLevel::Debug);
     } catch (const std::exception& e) {
-        Log(std::string("Error in DispatchThread: ") + e.what(), kDebug);
+        Log(std::string("Error in DispatchThread: ") + e.what(), LogLevel::Debug);
     }
     std::lock_guard lock(queueLock_);
     dispatchRunning_ = false;
@@ -132,11 +130,11 @@ void FilterDriversPublisher::DispatchCaught(QueuedFrame& item) {
     try {
         DispatchFrame(guid, found->second, item.frame, item.offload, item.isSend);
     } catch (const Nat::Exception& e) {
-        Log("Error dispatching a frame of adapter " + guid + ": " + e.Message(), kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ": " + e.Message(), LogLevel::Debug);
     } catch (const std::exception& e) {
-        Log("Error dispatching a frame of adapter " + guid + ": " + e.what(), kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ": " + e.what(), LogLevel::Debug);
     } catch (...) {
-        Log("Error dispatching a frame of adapter " + guid + ".", kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ".", LogLevel::Debug);
     }
 }
 
@@ -153,7 +151,7 @@ bool FilterDriversPublisher::Register(IFilterDriversSubscriber* subscriber, cons
         auto driver = std::make_unique<FilterDriver>(guid, this);
         driver->Open();
         if (!driver->IsOpened()) {
-            Log("Error opening Virtual Ethernet adapter GUID: " + guid + ").", kDebug);
+            Log("Error opening Virtual Ethernet adapter GUID: " + guid + ").", LogLevel::Debug);
             return false;
         }
         AdapterEntry entry;
@@ -306,7 +304,7 @@ void FilterDriversPublisher::OnFramesRead(CapturedFrame* frames, size_t count, F
 }
 
 void FilterDriversPublisher::LogDrops(uint64_t dropped) {
-    Log("The frame queue is full: " + std::to_string(dropped) + " frames dropped.", kError);
+    Log("The frame queue is full: " + std::to_string(dropped) + " frames dropped.", LogLevel::Error);
 }
 
 uint64_t FilterDriversPublisher::DroppedFrames() {

@@ -21,12 +21,12 @@ bool InternetConnectionSharing::IsPrivateAddress(const Ipv4Address& ip) {
     return ip[0] == 10 || (ip[0] == 192 && ip[1] == 168) || (ip[0] == 172 && ip[1] >= 16 && ip[1] <= 31);
 }
 
-uint32_t InternetConnectionSharing::ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac,
-                                                           const MacAddress& dstMac, const Ipv4Address& srcIp,
-                                                           const Ipv4Address& dstIp, uint32_t srcPort,
-                                                           uint32_t dstPort) {
+TranslationKind InternetConnectionSharing::ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac,
+                                                                  const MacAddress& dstMac, const Ipv4Address& srcIp,
+                                                                  const Ipv4Address& dstIp, uint32_t srcPort,
+                                                                  uint32_t dstPort) {
     // Name look-ups and proxy traffic are shared even towards private addresses.
-    if (dstPort != 53 && !GoesToProxy(dstIp, dstPort) && IsPrivateAddress(dstIp)) return kNone;
+    if (dstPort != 53 && !GoesToProxy(dstIp, dstPort) && IsPrivateAddress(dstIp)) return TranslationKind::None;
     return NetworkAddressTranslator::ClassifyInternalPacket(protocol, srcMac, dstMac, srcIp, dstIp, srcPort, dstPort);
 }
 

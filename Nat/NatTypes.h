@@ -11,6 +11,10 @@ namespace Nat {
 
 using Bytes = std::vector<uint8_t>;
 
+// What the engine does with a frame: leave it alone, or translate its source (SNAT) or its
+// destination (DNAT) side.
+enum class TranslationKind : uint32_t { None = 0, Snat = 1, Dnat = 2 };
+
 struct IpEntry {
     Bytes address;  // 4 bytes
     Bytes mask;     // 4 bytes

@@ -4,13 +4,11 @@
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include "Packet/IpProtocol.h"
 
 namespace Nat::PacketUtils {
 
 namespace {
-
-constexpr uint8_t kTcp = 6;
-constexpr uint8_t kUdp = 17;
 
 [[noreturn]] void ThrowSize(const char* text, size_t size) {
     throw Exception(std::string(text) + std::to_string(size));
@@ -93,8 +91,8 @@ uint32_t FoldedWordSum(const uint8_t* data, size_t length) {
 
 // Offset of the TCP or UDP checksum; throws for other protocols.
 size_t TransportChecksumOffset(uint32_t headerSize, uint8_t protocol) {
-    if (protocol == kTcp) return headerSize + 30;
-    if (protocol == kUdp) return headerSize + 20;
+    if (protocol == IpProtocol::kTcp) return headerSize + 30;
+    if (protocol == IpProtocol::kUdp) return headerSize + 20;
     ThrowUnsupportedProtocol(protocol);
 }
 
@@ -324,12 +322,12 @@ uint32_t GetTransportHeaderLength(const Frame& frame) {
     if (ByteAt(frame, 12) != 0x08 || ByteAt(frame, 13) != 0x00)
         throw Exception("Error getting transport header length, unexpected protocol.");
     const uint8_t protocol = GetIpProtocol(frame);
-    if (protocol == kTcp) {
+    if (protocol == IpProtocol::kTcp) {
         const uint32_t h = GetIpHeaderSize(frame);
         CheckSize(frame, h + 26, "Error getting TCP header length, unexpected packet size: ");
         return static_cast<uint32_t>(ByteAt(frame, h + 26) >> 4) * 4;
     }
-    if (protocol == kUdp) return 8;
+    if (protocol == IpProtocol::kUdp) return 8;
     std::string message = "Error getting transport header length, unexpected protocol: ";
     message.push_back(static_cast<char>(protocol));
     throw Exception(std::move(message));
@@ -339,7 +337,7 @@ namespace {
 
 bool TcpFlag(const Frame& frame, uint8_t mask) {
     if (ByteAt(frame, 12) != 0x08 || ByteAt(frame, 13) != 0x00) return false;
-    if (GetIpProtocol(frame) != kTcp) return false;
+    if (GetIpProtocol(frame) != IpProtocol::kTcp) return false;
     const uint32_t h = GetIpHeaderSize(frame);
     // One wording for all three flags.
     CheckSize(frame, h + 27, "Error setting tcp RST flag, unexpected packet size: ");

@@ -10,8 +10,6 @@ namespace NativeNetworkDriver {
 
 namespace {
 
-constexpr int kDebug = 0;
-
 bool IsGroupFrame(const Nat::Frame& frame) { return frame.size() >= 6 && (frame[0] & 0x01) != 0; }
 
 // The supervisor MAC against the frame's destination; a short frame or MAC never matches.
@@ -61,12 +59,12 @@ void VPN::Open(const std::set<std::string>& guids) {
         state_ = VpnState::Closed;
     }
     if (state_ == VpnState::Opened) {
-        Log("Error opening VPN: drivers already opened.", kDebug);
+        Log("Error opening VPN: drivers already opened.", LogLevel::Debug);
         state_ = VpnState::AlreadyOpened;
         return;
     }
     if (publisher_ == nullptr) {
-        Log("Error opening VPN: publisher is NULL.", kDebug);
+        Log("Error opening VPN: publisher is NULL.", LogLevel::Debug);
         state_ = VpnState::Failed;
         return;
     }
@@ -74,7 +72,7 @@ void VPN::Open(const std::set<std::string>& guids) {
         state_ = VpnState::Opened;
         return;
     }
-    Log("Error opening VPN: Publisher registration failed", kDebug);
+    Log("Error opening VPN: Publisher registration failed", LogLevel::Debug);
     publisher_->Unregister(this);
     state_ = VpnState::Failed;
 }

@@ -147,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPo
 // and returns. Run in a child with a small descriptor limit (and an alarm against hangs).
 TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
     LogCapture log(2);
-    Log("descriptor limit test", 1);  // opens the log file before the limit is lowered
+    Log("descriptor limit test", LogLevel::Info);  // opens the log file before the limit is lowered
     int channel[2];
     ASSERT_EQ(pipe(channel), 0);
     const uint32_t wanted = 40;
