@@ -16,14 +16,8 @@ namespace {
 
 constexpr uint32_t kDropLogIntervalMs = 1000;
 
-bool IsGroupFrame(const uint8_t* frame, size_t length) { return length >= 6 && (frame[0] & 0x01) != 0; }
-
 bool Holds(const std::vector<IFilterDriversSubscriber*>& subscribers, const IFilterDriversSubscriber* subscriber) {
     return std::find(subscribers.begin(), subscribers.end(), subscriber) != subscribers.end();
-}
-
-bool StartsWithMac(const Nat::Frame& frame, const std::vector<uint8_t>& mac) {
-    return mac.size() == 6 && frame.size() >= 6 && std::equal(mac.begin(), mac.end(), frame.begin());
 }
 
 }  // namespace
@@ -240,7 +234,7 @@ std::string FilterDriversPublisher::FindGuidByMac(IFilterDriversSubscriber* subs
     std::lock_guard adapters(adaptersLock_);
     for (const auto& [guid, entry] : adapters_) {
         if (!Holds(entry.subscribers, subscriber) || !entry.driver) continue;
-        if (StartsWithMac(macOrFrame, entry.driver->Mac())) return guid;
+        if (Nat::IsAddressedTo(macOrFrame, entry.driver->Mac())) return guid;
     }
     return {};
 }
@@ -259,7 +253,7 @@ void FilterDriversPublisher::OnFramesRead(CapturedFrame* frames, size_t count, F
     // queued so that subscribers see them.
     for (size_t i = 0; i < count; ++i) {
         const CapturedFrame& f = frames[i];
-        if (IsGroupFrame(f.bytes.data(), f.bytes.size())) {
+        if (Nat::IsGroupFrame(f.bytes.data(), f.bytes.size())) {
             source->WriteFrame(f.bytes, f.isSend ? ToAdapter : ToStack, f.offload);
         }
     }
@@ -369,10 +363,10 @@ void FilterDriversPublisher::DispatchFrame(const std::string& guid, AdapterEntry
 void FilterDriversPublisher::PassOn(FilterDriver* driver, const Nat::Frame& frame, const Nat::FrameOffload& offload,
                                     bool isSend) {
     if (driver == nullptr) return;
-    if (IsGroupFrame(frame.data(), frame.size())) return;  // already passed on at capture
+    if (Nat::IsGroupFrame(frame.data(), frame.size())) return;  // already passed on at capture
     // Unicast for other hosts reaches the local stack only when virtual machines behind
     // it are being served.
-    if (!isSend && !handleVirtualMachine_ && !StartsWithMac(frame, driver->Mac())) return;
+    if (!isSend && !handleVirtualMachine_ && !Nat::IsAddressedTo(frame, driver->Mac())) return;
     driver->WriteFrame(frame, isSend ? ToAdapter : ToStack, offload);
 }
 

@@ -9,10 +9,8 @@ InternetConnectionSharing::InternetConnectionSharing(const std::vector<uint32_t>
                                                      std::vector<std::vector<uint8_t>> macWhiteList,
                                                      NativeNetworkDriver::IArpCache* arpCache, Clock clock)
     : NetworkAddressTranslator(tcpPorts, udpPorts, entryTimeoutMs, {}, {}, std::move(proxy), std::move(macWhiteList),
-                               arpCache, std::move(clock)),
-      sharedAdapter_(std::move(sharedAdapter)),
-      internalAdapters_(std::move(internalAdapters)) {
-    for (const AdapterInfo& internal : internalAdapters_) mappings_.push_back({sharedAdapter_, internal});
+                               arpCache, std::move(clock)) {
+    for (AdapterInfo& internal : internalAdapters) mappings_.push_back({sharedAdapter, std::move(internal)});
 }
 
 InternetConnectionSharing::~InternetConnectionSharing() = default;

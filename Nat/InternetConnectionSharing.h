@@ -19,14 +19,7 @@ public:
                                            const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
                                            uint32_t dstPort) override;
 
-    const AdapterInfo& SharedAdapter() const { return sharedAdapter_; }
-    const std::vector<AdapterInfo>& InternalAdapters() const { return internalAdapters_; }
-
     static bool IsPrivateAddress(const Ipv4Address& ip);
-
-private:
-    AdapterInfo sharedAdapter_;
-    std::vector<AdapterInfo> internalAdapters_;
 };
 
 }  // namespace Nat

@@ -407,13 +407,6 @@ std::optional<EntryView> NatTable::Find(const ExternalKey& key) const {
     return view;
 }
 
-std::optional<ActivityRecord> NatTable::Activity(const ExternalKey& key) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    auto act = activity_.find(key);
-    if (act == activity_.end()) return std::nullopt;
-    return act->second;
-}
-
 bool NatTable::Consistent() const {
     std::lock_guard<std::mutex> guard(lock_);
     if (activity_.size() != inbound_.size() || inbound_.size() != outbound_.size()) return false;

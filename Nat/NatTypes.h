@@ -146,7 +146,6 @@ bool ToMac(const Bytes& bytes, MacAddress& out);
 bool ToIp(const Bytes& bytes, Ipv4Address& out);
 // True when `ip` lies in the subnet of `entry` (address and mask of 4 bytes each).
 bool InSubnet(const IpEntry& entry, const Ipv4Address& ip);
-inline uint32_t IpToNumber(const Ipv4Address& ip) { return IpNumber(ip); }
 // The fragments of one datagram as the ARP table holds them.
 std::set<Frame> FragmentSet(const FragmentList& fragments);
 

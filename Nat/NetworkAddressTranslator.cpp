@@ -55,11 +55,11 @@ bool FirstFourEqual(const Bytes& bytes, const Ipv4Address& ip) {
 
 bool InRanges(const std::vector<IpRange>& ranges, const Ipv4Address& ip) {
     if (ranges.empty()) return true;
-    const uint32_t value = IpToNumber(ip);
+    const uint32_t value = IpNumber(ip);
     for (const IpRange& range : ranges) {
         Ipv4Address low{}, high{};
         if (!ToIp(range.low, low) || !ToIp(range.high, high)) continue;
-        if (IpToNumber(low) <= value && value <= IpToNumber(high)) return true;
+        if (IpNumber(low) <= value && value <= IpNumber(high)) return true;
     }
     return false;
 }

@@ -105,7 +105,6 @@ public:
     NatTable& EchoTable() { return echoTable_; }
     const std::list<RedirectRule>& Rules() const { return rules_; }
     const std::vector<AdapterMapping>& Mappings() const { return mappings_; }
-    const std::set<AdapterInfo>& KnownAdapters() const { return knownAdapters_; }
     bool FtpEnabled() const { return ftpEnabled_; }
     // True when a rule may rewrite TCP payloads (HTTP Host or FTP handling).
     bool RewritesPayloads() const;
