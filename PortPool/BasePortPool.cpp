@@ -4,8 +4,8 @@
 
 namespace PortPool {
 
-BasePortPool::BasePortPool(Kind kind, uint32_t count, std::set<uint32_t> customPorts)
-    : count_(count), kind_(kind), customPorts_(std::move(customPorts)) {}
+BasePortPool::BasePortPool(Kind protocol, uint32_t count, std::set<uint32_t> customPorts)
+    : count_(count), protocol_(protocol), customPorts_(std::move(customPorts)) {}
 
 void BasePortPool::GetPorts(std::vector<uint32_t>& ports) { ports = ports_; }
 

@@ -6,8 +6,8 @@
 
 namespace PortPool {
 
-SocketPortPool::SocketPortPool(Kind kind, uint32_t count, const std::set<uint32_t>& customPorts)
-    : BasePortPool(kind, count, customPorts) {
+SocketPortPool::SocketPortPool(Kind protocol, uint32_t count, const std::set<uint32_t>& customPorts)
+    : BasePortPool(protocol, count, customPorts) {
     try {
         ReservePorts();
     } catch (...) {
@@ -19,14 +19,14 @@ SocketPortPool::SocketPortPool(Kind kind, uint32_t count, const std::set<uint32_
 SocketPortPool::~SocketPortPool() { FreePorts(); }
 
 std::string SocketPortPool::ProtocolName() const {
-    return kind_ == Kind::Tcp ? "TCP" : kind_ == Kind::Udp ? "UDP" : "ICMP";
+    return protocol_ == Kind::Tcp ? "TCP" : protocol_ == Kind::Udp ? "UDP" : "ICMP";
 }
 
 Platform::SocketHandle SocketPortPool::CreateSocket(uint32_t port) const {
     const Platform::BoundSocket bound = Platform::OpenBoundSocket(
-        kind_ == Kind::Tcp   ? Platform::SocketProtocol::Tcp
-        : kind_ == Kind::Udp ? Platform::SocketProtocol::Udp
-                            : Platform::SocketProtocol::IcmpEcho,
+        protocol_ == Kind::Tcp   ? Platform::SocketProtocol::Tcp
+        : protocol_ == Kind::Udp ? Platform::SocketProtocol::Udp
+                                 : Platform::SocketProtocol::IcmpEcho,
         std::to_string(port));
     switch (bound.failure) {
         case Platform::BoundSocket::Failure::None:
@@ -66,7 +66,7 @@ void SocketPortPool::ReservePorts() {
         } catch (const std::exception& e) {
             Log(e.what(), LogLevel::Info);
             // A system that refuses one ping socket refuses them all: one line is enough.
-            if (kind_ == Kind::Icmp) break;
+            if (protocol_ == Kind::Icmp) break;
         }
     }
 }
