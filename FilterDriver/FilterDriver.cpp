@@ -13,10 +13,6 @@ namespace NativeNetworkDriver {
 
 namespace {
 
-constexpr int kDebug = 0;
-constexpr int kInfo = 1;
-constexpr int kError = 2;
-
 constexpr uint32_t kTunnelMode =
     NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL | NdisApi::MSTCP_FLAG_LOOPBACK_BLOCK;
 
@@ -57,49 +53,49 @@ void FilterDriver::Open() {
         }
         startedHere = true;
         opened_ = true;
-        Log("Opening virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
+        Log("Opening virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Info);
 
         api_ = std::make_unique<FilterDriverApiAdapter>();
         adapterHandle_ = 0;
         if (!api_->IsDriverLoaded()) {
-            Log("Error in OpenFilterDriver() of Virtual Ethernet adapter (GUID: " + guid_ + ").", kDebug);
+            Log("Error in OpenFilterDriver() of Virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Debug);
             throw OpenStepFailed("driver not loaded");
         }
 
-        Log("Initializing adapter handle.", kInfo);
+        Log("Initializing adapter handle.", LogLevel::Info);
         adapterHandle_ = api_->FindAdapterHandle(guid_, &mac_);
         if (adapterHandle_ == 0) {
-            Log("Not found adapter handle of Virtual Ethernet adapter (GUID: " + guid_ + ").", kDebug);
+            Log("Not found adapter handle of Virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Debug);
             throw OpenStepFailed("adapter not found");
         }
-        Log("New Virtual Ethernet adapter (GUID: " + guid_ + ") found!", kDebug);
+        Log("New Virtual Ethernet adapter (GUID: " + guid_ + ") found!", LogLevel::Debug);
 
-        Log("Setting adapter mode.", kInfo);
+        Log("Setting adapter mode.", LogLevel::Info);
         savedHwFilter_ = 0;
         if (!api_->GetHwPacketFilter(adapterHandle_, &savedHwFilter_)) {
-            Log("Failed to get current packet filter from the network interface.", kDebug);
+            Log("Failed to get current packet filter from the network interface.", LogLevel::Debug);
             throw OpenStepFailed("get packet filter");
         }
         if (!api_->SetHwPacketFilter(adapterHandle_, NdisApi::NDIS_PACKET_TYPE_PROMISCUOUS)) {
-            Log("Failed to set promiscuous mode for the network interface.", kDebug);
+            Log("Failed to set promiscuous mode for the network interface.", LogLevel::Debug);
             throw OpenStepFailed("set packet filter");
         }
         hwFilterChanged = true;
         const NdisApi::ADAPTER_MODE mode{adapterHandle_, kTunnelMode};
         if (!api_->SetAdapterMode(&mode)) {
-            Log("Failed to set adapter mode for the network interface.", kDebug);
+            Log("Failed to set adapter mode for the network interface.", LogLevel::Debug);
             throw OpenStepFailed("set adapter mode");
         }
         modeChanged = true;
 
-        Log("Setting adapter filters.", kInfo);
+        Log("Setting adapter filters.", LogLevel::Info);
         InstallFilterTable();
 
         stopping_ = false;
         captureThread_ = std::thread([this] { CaptureThread(); });
-        Log("Virtual Ethernet adapter (GUID: " + guid_ + ") opened.", kInfo);
+        Log("Virtual Ethernet adapter (GUID: " + guid_ + ") opened.", LogLevel::Info);
     } catch (...) {
-        Log("Error opening Virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
+        Log("Error opening Virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Info);
         // Give back what this call changed, so a refused open never leaves the adapter
         // promiscuous or cut off in tunnel mode with nobody reading.
         if (startedHere && api_ && adapterHandle_ != 0) {
@@ -117,7 +113,7 @@ void FilterDriver::Open() {
 void FilterDriver::InstallFilterTable() {
     auto* table = static_cast<NdisApi::STATIC_FILTER_TABLE*>(std::malloc(sizeof(NdisApi::STATIC_FILTER_TABLE)));
     if (table == nullptr) {
-        Log("Failed to allocate enough memory for filtersTable", kError);
+        Log("Failed to allocate enough memory for filtersTable", LogLevel::Error);
         return;
     }
     std::memset(table, 0, sizeof(*table));
@@ -134,9 +130,10 @@ void FilterDriver::InstallFilterTable() {
 
 void FilterDriver::CaptureThread() {
     try {
-        Log("Starting CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
+        Log("Starting CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Info);
         if (!quitEvent_.IsValid()) {
-            Log("Failed to create quit notification event for virtual Ethernet adapter (GUID: " + guid_ + ").", kDebug);
+            Log("Failed to create quit notification event for virtual Ethernet adapter (GUID: " + guid_ + ").",
+                LogLevel::Debug);
             throw std::runtime_error("no quit event");
         }
         const NdisApi::Handle event = api_->AdapterEvent(adapterHandle_);
@@ -144,7 +141,7 @@ void FilterDriver::CaptureThread() {
         packetEvent_.emplace(event);
         if (!packetEvent_->IsValid()) {
             Log("Failed to create notification event or set it for virtual Ethernet adapter (GUID: " + guid_ + ").",
-                kDebug);
+                LogLevel::Debug);
             throw std::runtime_error("no packet event");
         }
         WaitHandle* const waits[2] = {&quitEvent_, &*packetEvent_};
@@ -153,16 +150,16 @@ void FilterDriver::CaptureThread() {
         // the reader's), so reading allocates nothing once the first batches are in.
         std::array<CapturedFrame, kCaptureBatch> batch;
         for (CapturedFrame& frame : batch) frame.bytes.reserve(Nat::kMaxFrameSize);
-        Log("CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ") started.", kInfo);
+        Log("CaptureThread of virtual Ethernet adapter (GUID: " + guid_ + ") started.", LogLevel::Info);
 
         while (WaitAny(waits) == 1) {
             for (size_t read; !stopping_ && (read = api_->ReadPackets(adapterHandle_, batch.data(), batch.size())) > 0;) {
                 if (reader_ != nullptr) reader_->OnFramesRead(batch.data(), read, this);
             }
         }
-        Log("Quit event received in CaptureThread", kInfo);
+        Log("Quit event received in CaptureThread", LogLevel::Info);
     } catch (...) {
-        Log("Error in CaptureThread of Virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
+        Log("Error in CaptureThread of Virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Info);
     }
 }
 
@@ -186,12 +183,12 @@ void FilterDriver::StopAndRestore() {
 
     const NdisApi::ADAPTER_MODE normal{adapterHandle_, 0};
     (void)api_->SetAdapterMode(&normal);
-    Log("Closing virtual Ethernet adapter (GUID: " + guid_ + ").", kInfo);
+    Log("Closing virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Info);
     (void)api_->FlushAdapterPacketQueue(adapterHandle_);
     (void)api_->SetHwPacketFilter(adapterHandle_, savedHwFilter_);
     api_->ReleaseAdapterEvent(adapterHandle_);
     packetEvent_.reset();
-    Log("Virtual Ethernet adapter (GUID: " + guid_ + ") closed.", kInfo);
+    Log("Virtual Ethernet adapter (GUID: " + guid_ + ") closed.", LogLevel::Info);
 }
 
 void FilterDriver::WriteFrame(const Nat::Frame& frame, uint32_t target, const Nat::FrameOffload& offload) {
@@ -206,8 +203,7 @@ void FilterDriver::WriteFrame(const uint8_t* frame, uint32_t length, uint32_t ta
         const size_t limit = offload.IsSuperFrame() ? Nat::kMaxSuperFrameSize : NdisApi::kMaxEtherFrame;
         if (length > limit) {
             Log("The frame size exceeds the max ethernet frame size: " + std::to_string(length) + "." +
-                    " The packet will be dropped.",
-                kError);
+                    " The packet will be dropped.", LogLevel::Error);
             return;
         }
         switch (target) {
@@ -225,7 +221,7 @@ void FilterDriver::WriteFrame(const uint8_t* frame, uint32_t length, uint32_t ta
                 break;
         }
     } catch (...) {
-        Log("Error in WriteFrame of Virtual Ethernet adapter (GUID: " + guid_ + ").", kDebug);
+        Log("Error in WriteFrame of Virtual Ethernet adapter (GUID: " + guid_ + ").", LogLevel::Debug);
     }
 }
 

@@ -14,18 +14,10 @@ namespace NativeNetworkDriver {
 
 namespace {
 
-constexpr int kDebug = 0;
-constexpr int kError = 2;
 constexpr uint32_t kDropLogIntervalMs = 1000;
-
-bool IsGroupFrame(const uint8_t* frame, size_t length) { return length >= 6 && (frame[0] & 0x01) != 0; }
 
 bool Holds(const std::vector<IFilterDriversSubscriber*>& subscribers, const IFilterDriversSubscriber* subscriber) {
     return std::find(subscribers.begin(), subscribers.end(), subscriber) != subscribers.end();
-}
-
-bool StartsWithMac(const Nat::Frame& frame, const std::vector<uint8_t>& mac) {
-    return mac.size() == 6 && frame.size() >= 6 && std::equal(mac.begin(), mac.end(), frame.begin());
 }
 
 }  // namespace
@@ -48,7 +40,7 @@ bool FilterDriversPublisher::StartDispatchThread() {
         if (!workEvent_.IsValid() || !quitEvent_.IsValid()) throw std::runtime_error("dispatch events");
         return true;
     } catch (...) {
-        Log("Error opening Dispatch thread events.", kDebug);
+        Log("Error opening Dispatch thread events.", LogLevel::Debug);
         return false;
     }
 }
@@ -84,7 +76,7 @@ bool FilterDriversPublisher::IsDispatchRunning() {
 
 void FilterDriversPublisher::DispatchThread() {
     if (!workEvent_.IsValid() || !quitEvent_.IsValid()) {
-        Log("Error in DispatchThread: NULL events", kDebug);
+        Log("Error in DispatchThread: NULL events", LogLevel::Debug);
         return;
     }
     WaitHandle* const waits[2] = {&quitEvent_, &workEvent_};
@@ -115,9 +107,9 @@ void FilterDriversPublisher::DispatchThread() {
                 queuedBytes_ -= bytes;
             }
         }
-        Log("Quit event received in DispatchThread", kDebug);
+        Log("Quit event received in DispatchThread", LogLevel::Debug);
     } catch (const std::exception& e) {
-        Log(std::string("Error in DispatchThread: ") + e.what(), kDebug);
+        Log(std::string("Error in DispatchThread: ") + e.what(), LogLevel::Debug);
     }
     std::lock_guard lock(queueLock_);
     dispatchRunning_ = false;
@@ -132,11 +124,11 @@ void FilterDriversPublisher::DispatchCaught(QueuedFrame& item) {
     try {
         DispatchFrame(guid, found->second, item.frame, item.offload, item.isSend);
     } catch (const Nat::Exception& e) {
-        Log("Error dispatching a frame of adapter " + guid + ": " + e.Message(), kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ": " + e.Message(), LogLevel::Debug);
     } catch (const std::exception& e) {
-        Log("Error dispatching a frame of adapter " + guid + ": " + e.what(), kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ": " + e.what(), LogLevel::Debug);
     } catch (...) {
-        Log("Error dispatching a frame of adapter " + guid + ".", kDebug);
+        Log("Error dispatching a frame of adapter " + guid + ".", LogLevel::Debug);
     }
 }
 
@@ -153,7 +145,7 @@ bool FilterDriversPublisher::Register(IFilterDriversSubscriber* subscriber, cons
         auto driver = std::make_unique<FilterDriver>(guid, this);
         driver->Open();
         if (!driver->IsOpened()) {
-            Log("Error opening Virtual Ethernet adapter GUID: " + guid + ").", kDebug);
+            Log("Error opening Virtual Ethernet adapter GUID: " + guid + ").", LogLevel::Debug);
             return false;
         }
         AdapterEntry entry;
@@ -242,7 +234,7 @@ std::string FilterDriversPublisher::FindGuidByMac(IFilterDriversSubscriber* subs
     std::lock_guard adapters(adaptersLock_);
     for (const auto& [guid, entry] : adapters_) {
         if (!Holds(entry.subscribers, subscriber) || !entry.driver) continue;
-        if (StartsWithMac(macOrFrame, entry.driver->Mac())) return guid;
+        if (Nat::IsAddressedTo(macOrFrame, entry.driver->Mac())) return guid;
     }
     return {};
 }
@@ -261,7 +253,7 @@ void FilterDriversPublisher::OnFramesRead(CapturedFrame* frames, size_t count, F
     // queued so that subscribers see them.
     for (size_t i = 0; i < count; ++i) {
         const CapturedFrame& f = frames[i];
-        if (IsGroupFrame(f.bytes.data(), f.bytes.size())) {
+        if (Nat::IsGroupFrame(f.bytes.data(), f.bytes.size())) {
             source->WriteFrame(f.bytes, f.isSend ? ToAdapter : ToStack, f.offload);
         }
     }
@@ -306,7 +298,7 @@ void FilterDriversPublisher::OnFramesRead(CapturedFrame* frames, size_t count, F
 }
 
 void FilterDriversPublisher::LogDrops(uint64_t dropped) {
-    Log("The frame queue is full: " + std::to_string(dropped) + " frames dropped.", kError);
+    Log("The frame queue is full: " + std::to_string(dropped) + " frames dropped.", LogLevel::Error);
 }
 
 uint64_t FilterDriversPublisher::DroppedFrames() {
@@ -371,10 +363,10 @@ void FilterDriversPublisher::DispatchFrame(const std::string& guid, AdapterEntry
 void FilterDriversPublisher::PassOn(FilterDriver* driver, const Nat::Frame& frame, const Nat::FrameOffload& offload,
                                     bool isSend) {
     if (driver == nullptr) return;
-    if (IsGroupFrame(frame.data(), frame.size())) return;  // already passed on at capture
+    if (Nat::IsGroupFrame(frame.data(), frame.size())) return;  // already passed on at capture
     // Unicast for other hosts reaches the local stack only when virtual machines behind
     // it are being served.
-    if (!isSend && !handleVirtualMachine_ && !StartsWithMac(frame, driver->Mac())) return;
+    if (!isSend && !handleVirtualMachine_ && !Nat::IsAddressedTo(frame, driver->Mac())) return;
     driver->WriteFrame(frame, isSend ? ToAdapter : ToStack, offload);
 }
 

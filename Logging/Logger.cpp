@@ -39,12 +39,12 @@ std::string Logger::Timestamp() {
     return text;
 }
 
-void Logger::Log(const std::string& text, int level) {
+void Logger::Log(const std::string& text, LogLevel level) {
     int rank;
     switch (level) {
-        case 0: rank = 3; break;
-        case 1: rank = 2; break;
-        case 2: rank = 1; break;
+        case LogLevel::Debug: rank = kDebugRank; break;
+        case LogLevel::Info: rank = 2; break;
+        case LogLevel::Error: rank = 1; break;
         default: return;
     }
     WriteRank(text, rank);
@@ -54,6 +54,8 @@ bool Logger::IsRankEnabled(int rank) const {
     Guard lock(*this);
     return (toConsole_ || toDebugger_ || toFile_) && rank <= threshold_;
 }
+
+bool Logger::DebugEnabled() const { return IsRankEnabled(kDebugRank); }
 
 Logger::Guard::Guard(const Logger& logger) : logger_(logger) {
     logger_.mutex_.lock();
@@ -116,11 +118,6 @@ void Logger::WriteLineLocked(const std::string& line) {
 
 std::string Logger::FilePath(int32_t index) const {
     return directory_ + prefix_ + std::to_string(index) + extension_;
-}
-
-int32_t Logger::CurrentIndex() const {
-    Guard lock(*this);
-    return currentIndex_;
 }
 
 // The ring file written most recently is where a restarted process continues.

@@ -7,9 +7,12 @@
 #include <string>
 #include <thread>
 
+// The level a caller gives a line; the numbers are the public ones (0 DEBUG, 1 INFO, 2 ERROR).
+enum class LogLevel { Debug = 0, Info = 1, Error = 2 };
+
 namespace TorvUtils {
 
-// The process-wide logger. Callers pass a public level (0 DEBUG, 1 INFO, 2 ERROR);
+// The process-wide logger. Callers pass a public level (LogLevel);
 // inside, levels are ranks (3 DEBUG, 2 INFO, 1 ERROR) and a line is written when its
 // rank is not above the threshold.
 class Logger {
@@ -17,7 +20,7 @@ public:
     static Logger& Instance();
 
     // Public-level entry point; an unknown level writes nothing.
-    void Log(const std::string& text, int level);
+    void Log(const std::string& text, LogLevel level);
     // Writes a line of the given rank straight away (rank 3 is worded DEBUG).
     void WriteRank(const std::string& text, int rank);
     // The last line before the process ends: an ERROR line that never waits long for the
@@ -25,8 +28,8 @@ public:
     // a handle of its own; if another thread keeps it past kFatalLockWait, the line is skipped.
     void WriteFatal(const std::string& text);
     static constexpr std::chrono::milliseconds kFatalLockWait{1000};
-    // True when a line of this rank would be written: lets callers skip composing it.
-    bool IsRankEnabled(int rank) const;
+    // True when a DEBUG line would be written: the costly debug texts are composed only then.
+    bool DebugEnabled() const;
 
     void SetToConsole(bool on);
     void SetToDebugger(bool on);
@@ -40,7 +43,6 @@ public:
 
     // Name of the ring file with the given index.
     std::string FilePath(int32_t index) const;
-    int32_t CurrentIndex() const;
 
     static std::string LevelWord(int rank);
     static std::string Timestamp();
@@ -49,6 +51,8 @@ public:
     Logger& operator=(const Logger&) = delete;
 
 private:
+    static constexpr int kDebugRank = 3;
+    bool IsRankEnabled(int rank) const;
     Logger() = default;
     // The lock, with its holder recorded so that the fatal path can tell its own thread.
     class Guard {
@@ -88,4 +92,6 @@ private:
 }  // namespace TorvUtils
 
 // The one logging call that the whole system uses.
-inline void Log(const std::string& text, int level) { TorvUtils::Logger::Instance().Log(text, level); }
+inline void Log(const std::string& text, LogLevel level) { TorvUtils::Logger::Instance().Log(text, level); }
+// True when DEBUG lines are written: callers skip composing costly debug texts otherwise.
+inline bool DebugEnabled() { return TorvUtils::Logger::Instance().DebugEnabled(); }

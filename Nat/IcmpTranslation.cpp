@@ -44,7 +44,6 @@ constexpr size_t kDestinationIpAt = 30;
 constexpr size_t kQuotedChecksumAt = 10;  // in the quoted IP header
 constexpr size_t kQuotedSourceAt = 12;
 constexpr size_t kQuotedDestinationAt = 16;
-constexpr uint8_t kUdp = 17;
 
 uint16_t Word(const Frame& frame, size_t at) { return static_cast<uint16_t>((frame[at] << 8) | frame[at + 1]); }
 
@@ -102,12 +101,12 @@ private:
 void RewriteQuote(Frame& frame, const Icmp::Message& message, const Icmp::Quote& quote, const Ipv4Address& srcIp,
                   uint32_t srcPort, const Ipv4Address& dstIp, uint32_t dstPort) {
     const size_t transportChecksum = quote.transportChecksumAt;
-    MessageEditor edit(frame, message, quote.protocol == kUdp ? transportChecksum : 0);
+    MessageEditor edit(frame, message, quote.protocol == IpProtocol::kUdp ? transportChecksum : 0);
     const size_t ipChecksum = quote.ipBegin + kQuotedChecksumAt;
     const size_t pseudoHeader = quote.pseudoHeader ? transportChecksum : 0;
     edit.SetAddress(quote.ipBegin + kQuotedSourceAt, srcIp, ipChecksum, pseudoHeader);
     edit.SetAddress(quote.ipBegin + kQuotedDestinationAt, dstIp, ipChecksum, pseudoHeader);
-    if (quote.protocol == Icmp::kProtocol) {
+    if (quote.protocol == IpProtocol::kIcmp) {
         edit.Set(quote.transportBegin + Icmp::kIdentifierAt, static_cast<uint16_t>(srcPort), transportChecksum);
         return;
     }
@@ -140,9 +139,9 @@ void NetworkAddressTranslator::UseEchoIdentifiers(const std::vector<uint32_t>& i
     if (!identifiers.empty()) echoTable_.ResetPorts(identifiers);
 }
 
-uint32_t NetworkAddressTranslator::ClassifyIcmpPacket(const Frame& frame, bool fromExternal) {
+TranslationKind NetworkAddressTranslator::ClassifyIcmpPacket(const Frame& frame, bool fromExternal) {
     Icmp::Message message;
-    if (!Icmp::ReadMessage(frame, message)) return kNone;
+    if (!Icmp::ReadMessage(frame, message)) return TranslationKind::None;
     const MacAddress srcMac = PU::GetSourceMac(frame);
     const MacAddress dstMac = PU::GetDestinationMac(frame);
     const Ipv4Address srcIp = PU::GetSourceIp(frame);
@@ -151,28 +150,32 @@ uint32_t NetworkAddressTranslator::ClassifyIcmpPacket(const Frame& frame, bool f
     if (!fromExternal && message.type == Icmp::kEchoRequest) {
         const AdapterMapping* mapping = SelectMapping(dstMac, dstIp);
         // An echo to one of this machine's own addresses is the host stack's to answer.
-        if (mapping == nullptr || IsOwnAddress(mapping->external, dstIp)) return kNone;
+        if (mapping == nullptr || IsOwnAddress(mapping->external, dstIp)) return TranslationKind::None;
         // The virtual classification applies the white list and, for sharing, the private ranges.
-        return ClassifyInternalPacket(Icmp::kProtocol, srcMac, dstMac, srcIp, dstIp, 0, 0) == kSnat ? kSnat : kNone;
+        return ClassifyInternalPacket(IpProtocol::kIcmp, srcMac, dstMac, srcIp, dstIp, 0, 0) == TranslationKind::Snat
+                   ? TranslationKind::Snat
+                   : TranslationKind::None;
     }
     if (fromExternal && message.type == Icmp::kEchoReply) {
         const ExternalKey key{message.identifier, dstMac, srcIp, 0};
-        return echoTable_.HasInbound(key) && WhiteListed(echoTable_.GetInternalHostMac(key)) ? kSnat : kNone;
+        return echoTable_.HasInbound(key) && WhiteListed(echoTable_.GetInternalHostMac(key)) ? TranslationKind::Snat
+                                                                                             : TranslationKind::None;
     }
     Icmp::Quote quote;
-    if (!Icmp::ReadQuote(frame, message, quote)) return kNone;
-    const bool echo = quote.protocol == Icmp::kProtocol;
+    if (!Icmp::ReadQuote(frame, message, quote)) return TranslationKind::None;
+    const bool echo = quote.protocol == IpProtocol::kIcmp;
     if (fromExternal) {
         // The quote is a datagram this machine sent for the flow: from its external port
         // (or identifier) to the remote.
         NatTable* table = echo ? &echoTable_ : TableFor(quote.protocol);
         const ExternalKey key{quote.srcPort, dstMac, quote.dstIp, echo ? 0u : quote.dstPort};
-        return table->HasInbound(key) && WhiteListed(table->GetInternalHostMac(key)) ? kSnat : kNone;
+        return table->HasInbound(key) && WhiteListed(table->GetInternalHostMac(key)) ? TranslationKind::Snat
+                                                                                     : TranslationKind::None;
     }
     // The quote is a datagram delivered to the internal host: from the peer it knows to itself.
-    if (echo || !WhiteListed(srcMac)) return kNone;
+    if (echo || !WhiteListed(srcMac)) return TranslationKind::None;
     const InternalKey key{srcMac, quote.dstIp, quote.dstPort, dstMac, quote.srcIp, quote.srcPort};
-    return TableFor(quote.protocol)->HasOutbound(key) ? kSnat : kNone;
+    return TableFor(quote.protocol)->HasOutbound(key) ? TranslationKind::Snat : TranslationKind::None;
 }
 
 const AdapterInfo& NetworkAddressTranslator::TranslateIcmp(bool outbound, Frame& head, FragmentList* fragments,
@@ -190,7 +193,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateIcmp(bool outbound, Frame&
     if (!echo && !Icmp::ReadQuote(head, message, quote)) {
         throw Exception("Unexpected ICMP message for translation: " + MessageText(message));
     }
-    const bool aboutEcho = echo || quote.protocol == Icmp::kProtocol;
+    const bool aboutEcho = echo || quote.protocol == IpProtocol::kIcmp;
     NatTable* table = aboutEcho ? &echoTable_ : TableFor(quote.protocol);
 
     EntryView entry;

@@ -15,18 +15,11 @@ public:
                               NativeNetworkDriver::IArpCache* arpCache, Clock clock = {});
     ~InternetConnectionSharing() override;
 
-    uint32_t ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
-                                    const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
-                                    uint32_t dstPort) override;
-
-    const AdapterInfo& SharedAdapter() const { return sharedAdapter_; }
-    const std::vector<AdapterInfo>& InternalAdapters() const { return internalAdapters_; }
+    TranslationKind ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
+                                           const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
+                                           uint32_t dstPort) override;
 
     static bool IsPrivateAddress(const Ipv4Address& ip);
-
-private:
-    AdapterInfo sharedAdapter_;
-    std::vector<AdapterInfo> internalAdapters_;
 };
 
 }  // namespace Nat

@@ -15,8 +15,6 @@ constexpr uint8_t kExternalFinAcked = 8;
 bool SequenceAfter(uint32_t a, uint32_t b) { return static_cast<int32_t>(a - b) > 0; }
 bool SequenceAtOrAfter(uint32_t a, uint32_t b) { return static_cast<int32_t>(a - b) >= 0; }
 
-bool DebugEnabled() { return TorvUtils::Logger::Instance().IsRankEnabled(3); }
-
 std::string PeerText(const ExternalKey& key) {
     return " remoteIP: " + IpText(key.remoteIp) + " remotePort: " + std::to_string(key.remotePort) +
            " externalPort: " + std::to_string(key.externalPort);
@@ -109,14 +107,15 @@ uint32_t NatTable::TakePortLocked(const ExternalKey* towards) {
             if (DebugEnabled()) {
                 Log("Reusing port " + std::to_string(*chosen) + " towards " + IpText(towards->remoteIp) + ":" +
                         std::to_string(towards->remotePort) + " within its quiet time: no other port is free",
-                    0);
+                    LogLevel::Debug);
             }
         }
     }
     const uint32_t port = *chosen;
     freePorts_.erase(chosen);
     if (DebugEnabled()) {
-        Log("Reserved port " + std::to_string(port) + " available count: " + std::to_string(freePorts_.size()), 0);
+        Log("Reserved port " + std::to_string(port) + " available count: " + std::to_string(freePorts_.size()),
+            LogLevel::Debug);
     }
     return port;
 }
@@ -124,7 +123,8 @@ uint32_t NatTable::TakePortLocked(const ExternalKey* towards) {
 void NatTable::ReturnPortLocked(uint32_t port) {
     freePorts_.push_back(port);
     if (DebugEnabled()) {
-        Log("Freed port " + std::to_string(port) + " available count: " + std::to_string(freePorts_.size()), 0);
+        Log("Freed port " + std::to_string(port) + " available count: " + std::to_string(freePorts_.size()),
+            LogLevel::Debug);
     }
 }
 
@@ -260,7 +260,8 @@ NatTable::OutboundIndex::iterator NatTable::InsertLocked(const ExternalKey& key,
     auto activity = activity_.emplace(external, std::move(record)).first;
     inbound_.emplace(external, InboundValue{host, activity});
     auto out = outbound_.emplace(host, OutboundValue{external, activity}).first;
-    if (DebugEnabled()) Log(std::string("Added entry to Nat Table for ") + kind + " " + EntryText(host, external), 0);
+    if (DebugEnabled()) Log(std::string("Added entry to Nat Table for ") + kind + " " + EntryText(host, external),
+                            LogLevel::Debug);
     return out;
 }
 
@@ -361,7 +362,7 @@ void NatTable::RemoveLocked(const ExternalKey& key) {
     }
     if (act->second.ownsSourcePort) ReturnPortLocked(internal.destinationPort);
     outbound_.erase(internal);
-    if (DebugEnabled()) Log("Removed entry from Nat Table " + EntryText(internal, in->first), 0);
+    if (DebugEnabled()) Log("Removed entry from Nat Table " + EntryText(internal, in->first), LogLevel::Debug);
     inbound_.erase(in);
     activity_.erase(act);
 }
@@ -404,13 +405,6 @@ std::optional<EntryView> NatTable::Find(const ExternalKey& key) const {
     view.internal = in->second.host;
     view.dnat = in->second.activity->second.dnat;
     return view;
-}
-
-std::optional<ActivityRecord> NatTable::Activity(const ExternalKey& key) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    auto act = activity_.find(key);
-    if (act == activity_.end()) return std::nullopt;
-    return act->second;
 }
 
 bool NatTable::Consistent() const {

@@ -124,7 +124,6 @@ public:
     std::vector<uint32_t> FreePorts() const;
     size_t EntryCount() const;
     std::optional<EntryView> Find(const ExternalKey& key) const;
-    std::optional<ActivityRecord> Activity(const ExternalKey& key) const;
     // True when the three indexes hold the same entries.
     bool Consistent() const;
 

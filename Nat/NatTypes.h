@@ -11,6 +11,10 @@ namespace Nat {
 
 using Bytes = std::vector<uint8_t>;
 
+// What the engine does with a frame: leave it alone, or translate its source (SNAT) or its
+// destination (DNAT) side.
+enum class TranslationKind : uint32_t { None = 0, Snat = 1, Dnat = 2 };
+
 struct IpEntry {
     Bytes address;  // 4 bytes
     Bytes mask;     // 4 bytes
@@ -142,7 +146,6 @@ bool ToMac(const Bytes& bytes, MacAddress& out);
 bool ToIp(const Bytes& bytes, Ipv4Address& out);
 // True when `ip` lies in the subnet of `entry` (address and mask of 4 bytes each).
 bool InSubnet(const IpEntry& entry, const Ipv4Address& ip);
-inline uint32_t IpToNumber(const Ipv4Address& ip) { return IpNumber(ip); }
 // The fragments of one datagram as the ARP table holds them.
 std::set<Frame> FragmentSet(const FragmentList& fragments);
 

@@ -6,6 +6,7 @@
 #include "Nat/ApplicationLayer.h"
 #include "Packet/ArpTable.h"
 #include "Packet/IcmpPacket.h"
+#include "Packet/IpProtocol.h"
 #include "Packet/NatException.h"
 #include "Packet/PacketUtils.h"
 #include "Platform/Platform.h"
@@ -54,11 +55,11 @@ bool FirstFourEqual(const Bytes& bytes, const Ipv4Address& ip) {
 
 bool InRanges(const std::vector<IpRange>& ranges, const Ipv4Address& ip) {
     if (ranges.empty()) return true;
-    const uint32_t value = IpToNumber(ip);
+    const uint32_t value = IpNumber(ip);
     for (const IpRange& range : ranges) {
         Ipv4Address low{}, high{};
         if (!ToIp(range.low, low) || !ToIp(range.high, high)) continue;
-        if (IpToNumber(low) <= value && value <= IpToNumber(high)) return true;
+        if (IpNumber(low) <= value && value <= IpNumber(high)) return true;
     }
     return false;
 }
@@ -70,8 +71,6 @@ MacAddress AdapterMac(const AdapterInfo& adapter) {
 }
 
 Bytes ToBytes(const Ipv4Address& ip) { return Bytes(ip.begin(), ip.end()); }
-
-bool DebugEnabled() { return TorvUtils::Logger::Instance().IsRankEnabled(3); }
 
 }  // namespace
 
@@ -124,9 +123,9 @@ void ReadFacts(const Frame& frame, bool wholeDatagram, FrameFacts& f) {
     f.protocol = PU::GetIpProtocol(frame);
     if (FragmentOffset(frame) != 0) throw Exception("Unexpected IP fragment");
     f.fragmented = !wholeDatagram || MoreFragments(frame);
-    if (f.protocol != 6 && f.protocol != 17) return;
+    if (f.protocol != IpProtocol::kTcp && f.protocol != IpProtocol::kUdp) return;
 
-    const bool tcp = f.protocol == 6;
+    const bool tcp = f.protocol == IpProtocol::kTcp;
     const size_t headerEnd = kEthernetHeaderSize + f.ipHeaderSize + (tcp ? kMinTcpHeaderSize : kUdpHeaderSize);
     if (frame.size() < headerEnd) throw Exception("Unexpected packet size: " + std::to_string(frame.size()));
     f.srcPort = PU::GetSourcePort(frame);
@@ -288,8 +287,8 @@ bool NetworkAddressTranslator::GoesToProxy(const Ipv4Address& dstIp, uint32_t ds
 }
 
 NatTable* NetworkAddressTranslator::TableFor(uint8_t protocol) {
-    if (protocol == 6) return &tcpTable_;
-    if (protocol == 17) return &udpTable_;
+    if (protocol == IpProtocol::kTcp) return &tcpTable_;
+    if (protocol == IpProtocol::kUdp) return &udpTable_;
     return nullptr;
 }
 
@@ -333,7 +332,7 @@ RedirectRule* NetworkAddressTranslator::MatchExternalRule(uint8_t protocol, cons
     const uint32_t now = clock_();
     for (auto it = rules_.begin(); it != rules_.end();) {
         if (it->temporary && now - it->refreshedTick >= kTemporaryRuleLifeMs) {
-            if (it->protocol == 6) tcpTable_.ReturnPort(it->fromPort);
+            if (it->protocol == IpProtocol::kTcp) tcpTable_.ReturnPort(it->fromPort);
             it = rules_.erase(it);
             continue;
         }
@@ -359,17 +358,17 @@ bool NetworkAddressTranslator::HasExternalEntry(uint8_t protocol, const MacAddre
     return table->HasInbound(key);
 }
 
-uint32_t NetworkAddressTranslator::ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac,
-                                                          const MacAddress& dstMac, const Ipv4Address& srcIp,
-                                                          const Ipv4Address& dstIp, uint32_t srcPort,
-                                                          uint32_t dstPort) {
-    if (!WhiteListed(srcMac)) return kNone;
-    if (SelectMapping(dstMac, dstIp) != nullptr) return kSnat;
-    if (rules_.empty()) return kNone;
+TranslationKind NetworkAddressTranslator::ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac,
+                                                                 const MacAddress& dstMac, const Ipv4Address& srcIp,
+                                                                 const Ipv4Address& dstIp, uint32_t srcPort,
+                                                                 uint32_t dstPort) {
+    if (!WhiteListed(srcMac)) return TranslationKind::None;
+    if (SelectMapping(dstMac, dstIp) != nullptr) return TranslationKind::Snat;
+    if (rules_.empty()) return TranslationKind::None;
     RedirectRule* rule = FindInternalRule(protocol, srcPort, srcIp, dstMac, dstIp);
-    if (rule == nullptr && !(ftpEnabled_ && protocol == 6)) return kNone;
+    if (rule == nullptr && !(ftpEnabled_ && protocol == IpProtocol::kTcp)) return TranslationKind::None;
     NatTable* table = TableFor(protocol);
-    if (table == nullptr) return kNone;
+    if (table == nullptr) return TranslationKind::None;
     // A reply of a published service, or a data connection its FTP server opens.
     InternalKey key;
     key.hostMac = srcMac;
@@ -378,29 +377,31 @@ uint32_t NetworkAddressTranslator::ClassifyInternalPacket(uint8_t protocol, cons
     key.adapterMac = dstMac;
     key.destinationIp = dstIp;
     key.destinationPort = dstPort;
-    return table->HasOutbound(key) ? kDnat : kNone;
+    return table->HasOutbound(key) ? TranslationKind::Dnat : TranslationKind::None;
 }
 
-uint32_t NetworkAddressTranslator::ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac,
-                                                          const Ipv4Address& srcIp, uint32_t srcPort,
-                                                          uint32_t dstPort) {
+TranslationKind NetworkAddressTranslator::ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac,
+                                                                 const Ipv4Address& srcIp, uint32_t srcPort,
+                                                                 uint32_t dstPort) {
     for (const AdapterMapping& mapping : mappings_) {
         if (!SameMac(mapping.external.mac, dstMac)) continue;
         if (HasExternalEntry(protocol, dstMac, srcIp, srcPort, dstPort)) {
-            if (macWhiteList_.empty()) return kSnat;
+            if (macWhiteList_.empty()) return TranslationKind::Snat;
             ExternalKey key;
             key.externalPort = dstPort;
             key.externalAdapterMac = dstMac;
             key.remoteIp = srcIp;
             key.remotePort = srcPort;
-            return WhiteListed(TableFor(protocol)->GetInternalHostMac(key)) ? kSnat : kNone;
+            return WhiteListed(TableFor(protocol)->GetInternalHostMac(key)) ? TranslationKind::Snat
+                                                                            : TranslationKind::None;
         }
         break;  // the entry check is the same for every further mapping
     }
-    if (rules_.empty()) return kNone;
-    if (MatchExternalRule(protocol, dstMac, srcIp, dstPort) != nullptr) return kDnat;
-    if (ftpEnabled_ && protocol == 6 && HasExternalEntry(protocol, dstMac, srcIp, srcPort, dstPort)) return kDnat;
-    return kNone;
+    if (rules_.empty()) return TranslationKind::None;
+    if (MatchExternalRule(protocol, dstMac, srcIp, dstPort) != nullptr) return TranslationKind::Dnat;
+    if (ftpEnabled_ && protocol == IpProtocol::kTcp && HasExternalEntry(protocol, dstMac, srcIp, srcPort, dstPort))
+        return TranslationKind::Dnat;
+    return TranslationKind::None;
 }
 
 std::optional<MacAddress> NetworkAddressTranslator::ResolveOrHold(const Ipv4Address& ip, const Frame& head,
@@ -438,13 +439,13 @@ NetworkAddressTranslator::NextHop NetworkAddressTranslator::ResolveExternalNextH
     return hop;
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(uint32_t kind, Frame& frame,
+const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(TranslationKind kind, Frame& frame,
                                                                          const std::string& receivedOnGuid,
                                                                          bool partialChecksum) {
     return TranslateOutbound(kind, frame, nullptr, 0, receivedOnGuid, partialChecksum);
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(uint32_t kind, Frame& frame,
+const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(TranslationKind kind, Frame& frame,
                                                                          const std::string& receivedOnGuid,
                                                                          bool partialChecksum) {
     return TranslateInbound(kind, frame, nullptr, 0, receivedOnGuid, partialChecksum);
@@ -456,25 +457,26 @@ bool NetworkAddressTranslator::RewritesPayloads() const {
            });
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(uint32_t kind, FragmentList& fragments,
+const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(TranslationKind kind, FragmentList& fragments,
                                                                          const std::string& receivedOnGuid) {
     const size_t head = CheckFragments(fragments);
     return TranslateOutbound(kind, fragments[head], &fragments, head, receivedOnGuid, false);
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(uint32_t kind, FragmentList& fragments,
+const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(TranslationKind kind, FragmentList& fragments,
                                                                          const std::string& receivedOnGuid) {
     const size_t head = CheckFragments(fragments);
     return TranslateInbound(kind, fragments[head], &fragments, head, receivedOnGuid, false);
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Frame& head, FragmentList* fragments,
-                                                               size_t headIndex, const std::string& receivedOnGuid,
+const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(TranslationKind kind, Frame& head,
+                                                               FragmentList* fragments, size_t headIndex,
+                                                               const std::string& receivedOnGuid,
                                                                bool partialChecksum) {
-    if (kind != kSnat && kind != kDnat) throw Exception("Invalid translation rule");
+    if (kind != TranslationKind::Snat && kind != TranslationKind::Dnat) throw Exception("Invalid translation rule");
     FrameFacts f;
     ReadFacts(head, fragments == nullptr, f);
-    if (f.protocol == Icmp::kProtocol) return TranslateIcmp(true, head, fragments, headIndex, receivedOnGuid);
+    if (f.protocol == IpProtocol::kIcmp) return TranslateIcmp(true, head, fragments, headIndex, receivedOnGuid);
     if (partialChecksum) f.payloadIntact = false;
 
     InternalKey key;
@@ -487,7 +489,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
 
     const AdapterInfo* external = nullptr;
     RedirectRule* rule = nullptr;
-    if (kind == kSnat) {
+    if (kind == TranslationKind::Snat) {
         const AdapterMapping* mapping = SelectMapping(f.dstMac, f.dstIp);
         if (mapping == nullptr) throw Exception("SNat internal to external adapters not found");
         external = &mapping->external;
@@ -499,7 +501,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
             if (!ftpEnabled_) throw Exception("DNat mapped external adapter not found");
             // An FTP data connection: its entry names the adapter it leaves on.
             std::optional<MacAddress> mac;
-            if (f.protocol == 6) mac = tcpTable_.GetExternalAdapterMac(key);
+            if (f.protocol == IpProtocol::kTcp) mac = tcpTable_.GetExternalAdapterMac(key);
             if (mac) external = AdapterByMac(*mac);
             if (external == nullptr) throw Exception("DNat mapped external adapter not found");
         }
@@ -510,7 +512,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
     if (table == nullptr) throw Exception("Unsupported port type");
     const MacAddress externalMac = AdapterMac(*external);
     EntryView entry;
-    if (!table->LookupOutbound(key, kind == kSnat ? &externalMac : nullptr, f.segment, entry)) {
+    if (!table->LookupOutbound(key, kind == TranslationKind::Snat ? &externalMac : nullptr, f.segment, entry)) {
         throw Exception("Not found external host info for DNAT packet");
     }
 
@@ -531,13 +533,13 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(uint32_t kind, Fr
     return *external;
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Frame& head, FragmentList* fragments,
-                                                              size_t headIndex, const std::string& receivedOnGuid,
-                                                              bool partialChecksum) {
-    if (kind != kSnat && kind != kDnat) throw Exception("Invalid translation rule");
+const AdapterInfo& NetworkAddressTranslator::TranslateInbound(TranslationKind kind, Frame& head,
+                                                              FragmentList* fragments, size_t headIndex,
+                                                              const std::string& receivedOnGuid, bool partialChecksum) {
+    if (kind != TranslationKind::Snat && kind != TranslationKind::Dnat) throw Exception("Invalid translation rule");
     FrameFacts f;
     ReadFacts(head, fragments == nullptr, f);
-    if (f.protocol == Icmp::kProtocol) return TranslateIcmp(false, head, fragments, headIndex, receivedOnGuid);
+    if (f.protocol == IpProtocol::kIcmp) return TranslateIcmp(false, head, fragments, headIndex, receivedOnGuid);
     if (partialChecksum) f.payloadIntact = false;
 
     ExternalKey key;
@@ -550,14 +552,15 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(uint32_t kind, Fra
     const AdapterInfo* internal = nullptr;
     RedirectRule* rule = nullptr;
     NatTable* table = nullptr;
-    if (kind == kSnat) {
+    if (kind == TranslationKind::Snat) {
         table = TableFor(f.protocol);
         if (table == nullptr) throw Exception("Unexpected IP protocol");
         table->LookupInbound(key, "SNAT", f.segment, entry);
         internal = &InternalAdapterFor(f.dstMac, entry);
     } else {
         rule = MatchExternalRule(f.protocol, f.dstMac, f.srcIp, f.dstPort);
-        if (rule == nullptr && (!ftpEnabled_ || f.protocol != 6)) throw Exception("DNat matching rule not found");
+        if (rule == nullptr && (!ftpEnabled_ || f.protocol != IpProtocol::kTcp))
+            throw Exception("DNat matching rule not found");
         table = TableFor(f.protocol);
         if (table == nullptr) throw Exception("Unexpected IP protocol");
         if (!table->HasInbound(key)) {
@@ -665,7 +668,7 @@ PayloadChange NetworkAddressTranslator::RewritePassiveReply(Frame& frame, const 
     temporary.refreshedTick = clock_();
     temporary.linkedKeys.push_back(entry.external);
     rules_.push_back(std::move(temporary));
-    if (DebugEnabled()) Log("Added temporary DNAT rule with external Port: " + std::to_string(port), 0);
+    if (DebugEnabled()) Log("Added temporary DNAT rule with external Port: " + std::to_string(port), LogLevel::Debug);
 
     return ApplyEdit(frame, f, edit);
 }

@@ -59,9 +59,6 @@ class NetworkAddressTranslator {
 public:
     using Clock = std::function<uint32_t()>;  // millisecond ticks
 
-    static constexpr uint32_t kNone = 0;
-    static constexpr uint32_t kSnat = 1;
-    static constexpr uint32_t kDnat = 2;
     static constexpr uint32_t kTemporaryRuleLifeMs = 30000;
 
     NetworkAddressTranslator(const std::vector<uint32_t>& tcpPorts, const std::vector<uint32_t>& udpPorts,
@@ -73,16 +70,16 @@ public:
     NetworkAddressTranslator(const NetworkAddressTranslator&) = delete;
     NetworkAddressTranslator& operator=(const NetworkAddressTranslator&) = delete;
 
-    virtual uint32_t ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
-                                            const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
-                                            uint32_t dstPort);
-    virtual uint32_t ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp,
-                                            uint32_t srcPort, uint32_t dstPort);
+    virtual TranslationKind ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
+                                                   const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
+                                                   uint32_t dstPort);
+    virtual TranslationKind ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                                                   uint32_t srcPort, uint32_t dstPort);
     // An ICMP frame read on an internal-side (fromExternal false) or external adapter:
-    // kSnat for an echo request to translate, an echo reply or error of a translated
-    // flow; kNone for everything else, which goes on unchanged. Translated by the
+    // Snat for an echo request to translate, an echo reply or error of a translated
+    // flow; None for everything else, which goes on unchanged. Translated by the
     // Translate* calls below like any other kind.
-    uint32_t ClassifyIcmpPacket(const Frame& frame, bool fromExternal);
+    TranslationKind ClassifyIcmpPacket(const Frame& frame, bool fromExternal);
     // The echo identifiers to hand out, in place of the UDP pool's port numbers that the
     // engine starts with; called before the first frame. See IcmpTranslation.cpp.
     void UseEchoIdentifiers(const std::vector<uint32_t>& identifiers);
@@ -91,15 +88,15 @@ public:
     // GUID to send on), valid until the next call. partialChecksum: the transport checksum
     // field holds only the pseudo-header sum, to be completed later (an offloaded frame or
     // super-frame); only address changes touch it then, and the payload is left alone.
-    const AdapterInfo& TranslateInternalToExternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid,
-                                                   bool partialChecksum = false);
-    const AdapterInfo& TranslateExternalToInternal(uint32_t kind, Frame& frame, const std::string& receivedOnGuid,
-                                                   bool partialChecksum = false);
+    const AdapterInfo& TranslateInternalToExternal(TranslationKind kind, Frame& frame,
+                                                   const std::string& receivedOnGuid, bool partialChecksum = false);
+    const AdapterInfo& TranslateExternalToInternal(TranslationKind kind, Frame& frame,
+                                                   const std::string& receivedOnGuid, bool partialChecksum = false);
     // The fragments of one datagram: the head fragment decides and is rewritten in full,
     // the others get the new addresses and their IP header checksum.
-    const AdapterInfo& TranslateInternalToExternal(uint32_t kind, FragmentList& fragments,
+    const AdapterInfo& TranslateInternalToExternal(TranslationKind kind, FragmentList& fragments,
                                                    const std::string& receivedOnGuid);
-    const AdapterInfo& TranslateExternalToInternal(uint32_t kind, FragmentList& fragments,
+    const AdapterInfo& TranslateExternalToInternal(TranslationKind kind, FragmentList& fragments,
                                                    const std::string& receivedOnGuid);
 
     // Diagnostics.
@@ -108,7 +105,6 @@ public:
     NatTable& EchoTable() { return echoTable_; }
     const std::list<RedirectRule>& Rules() const { return rules_; }
     const std::vector<AdapterMapping>& Mappings() const { return mappings_; }
-    const std::set<AdapterInfo>& KnownAdapters() const { return knownAdapters_; }
     bool FtpEnabled() const { return ftpEnabled_; }
     // True when a rule may rewrite TCP payloads (HTTP Host or FTP handling).
     bool RewritesPayloads() const;
@@ -135,9 +131,9 @@ private:
     using NextHop = detail::NextHop;
     using PayloadChange = detail::PayloadChange;
 
-    const AdapterInfo& TranslateOutbound(uint32_t kind, Frame& head, FragmentList* fragments, size_t headIndex,
+    const AdapterInfo& TranslateOutbound(TranslationKind kind, Frame& head, FragmentList* fragments, size_t headIndex,
                                          const std::string& receivedOnGuid, bool partialChecksum);
-    const AdapterInfo& TranslateInbound(uint32_t kind, Frame& head, FragmentList* fragments, size_t headIndex,
+    const AdapterInfo& TranslateInbound(TranslationKind kind, Frame& head, FragmentList* fragments, size_t headIndex,
                                         const std::string& receivedOnGuid, bool partialChecksum);
 
     const AdapterMapping* SelectMapping(const MacAddress& dstMac, const Ipv4Address& dstIp) const;

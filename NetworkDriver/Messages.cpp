@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "Logging/NoThousandSep.h"
+#include "Packet/IpProtocol.h"
 #include "Platform/Adapters.h"
 
 namespace NativeNetworkDriver {
@@ -306,10 +307,10 @@ std::string ToLogLine(const StartNATRequest& r) {
         if (rule.fromIPs.empty()) s << "any";
         for (size_t i = 0; i < rule.fromIPs.size(); ++i)
             s << (i ? " " : "") << FormatIp(rule.fromIPs[i].low) << "-" << FormatIp(rule.fromIPs[i].high);
-        s << ", port: " << rule.fromPort << ", protocol: " << (rule.protocol == 6 ? "TCP" : "UDP") << " to adapter ";
+        s << ", port: " << rule.fromPort << ", protocol: " << (rule.protocol == Nat::IpProtocol::kTcp ? "TCP" : "UDP")
+          << " to adapter ";
         LogAdapter(s, rule.toAdapter);
-        s << ", IP: " << FormatIp(rule.toIP) << ", port: " << rule.toPort
-          << ", translate source: " << BoolText(rule.translateSource)
+        s << ", translate source: " << BoolText(rule.translateSource)
           << ", HTTP host field translation: " << BoolText(rule.httpHostFieldTranslation)
           << ", FTP support: " << BoolText(rule.ftpSupport) << "; ";
     }

@@ -12,7 +12,7 @@ const std::string kHyphens(42, '-');
 std::string NetworkDriver::GetVersionString() {
     const Platform::FileVersion v = Platform::QueryFileVersion();
     if (v.status == Platform::FileVersion::Status::HandleNotNull) {
-        Log("verHandle is not NULL", 2);
+        Log("verHandle is not NULL", LogLevel::Error);
         return {};
     }
     if (v.status != Platform::FileVersion::Status::Ok) return {};
@@ -22,12 +22,12 @@ std::string NetworkDriver::GetVersionString() {
 
 NetworkDriver::NetworkDriver() {
     const std::string startLine = "Network Driver " + GetVersionString() + " started.";
-    Log(kHyphens, 1);
-    Log(startLine, 1);
-    Log(kHyphens, 1);
+    Log(kHyphens, LogLevel::Info);
+    Log(startLine, LogLevel::Info);
+    Log(kHyphens, LogLevel::Info);
 
     publisher = std::make_unique<FilterDriversPublisher>();
-    Log("FilterDriversPublisher created.", 0);
+    Log("FilterDriversPublisher created.", LogLevel::Debug);
 
     pipe = std::make_unique<PipeChannel>();
     pipe->Open();
@@ -66,22 +66,22 @@ void NetworkDriver::OnPipeDataRead(const PipeMessage& message) {
         case kStopICS: OnStopICS(); break;
         case kStartNAT: OnStartNAT(message.payload); break;
         case kStopNAT: OnStopNAT(); break;
-        default: Log("Unexpected case: OnPipeDataRead default case.", 0); break;
+        default: Log("Unexpected case: OnPipeDataRead default case.", LogLevel::Debug); break;
     }
 }
 
 void NetworkDriver::OnInitializeConfiguration(const Bytes& payload) {
     const auto request = DecodeInitializeConfigurationRequest(payload);
-    Log(ToLogLine(request), 1);
+    Log(ToLogLine(request), LogLevel::Info);
     if (publisher) publisher->SetHandleVirtualMachine(request.HandleVirtualMachine);
     SendResult(kInitializeConfiguration, publisher ? 1 : 0);
 }
 
 void NetworkDriver::OnStartVPN(const Bytes& payload) {
     const auto request = DecodeStartVPNRequest(payload);
-    Log(ToLogLine(request), 1);
+    Log(ToLogLine(request), LogLevel::Info);
     if (vpn) {
-        Log("VPN object already exists, deleting it before re-creating", 0);
+        Log("VPN object already exists, deleting it before re-creating", LogLevel::Debug);
         vpn.reset();
     }
     std::set<std::string> guids;
@@ -97,29 +97,29 @@ void NetworkDriver::OnStartVPN(const Bytes& payload) {
 
 void NetworkDriver::OnAddSupervisorMAC(const Bytes& payload) {
     const auto request = DecodeAddSupervisorMACToVPNRequest(payload);
-    Log(ToLogLine(request), 1);
+    Log(ToLogLine(request), LogLevel::Info);
     if (vpn) vpn->AddSupervisorMAC({request.SupervisorMACAddress, request.VpnPromiscuousMode});
     SendResult(kAddSupervisorMACToVPN, 1);
 }
 
 void NetworkDriver::OnRemoveSupervisorMAC(const Bytes& payload) {
     const auto request = DecodeRemoveSupervisorMACFromVPNRequest(payload);
-    Log(ToLogLine(request), 1);
+    Log(ToLogLine(request), LogLevel::Info);
     if (vpn) vpn->RemoveSupervisorMAC(request.SupervisorMACAddress);
     SendResult(kRemoveSupervisorMACFromVPN, 1);
 }
 
 void NetworkDriver::OnStopVPN() {
-    Log("Received StopVPNRequest message", 1);
+    Log("Received StopVPNRequest message", LogLevel::Info);
     vpn.reset();
     if (pipe) pipe->Send(kStopVPN);
 }
 
 void NetworkDriver::OnStartICS(const Bytes& payload) {
     const auto request = DecodeStartICSRequest(payload);
-    Log(ToLogLine(request), 1);
+    Log(ToLogLine(request), LogLevel::Info);
     if (ics) {
-        Log("ICS object already exists, deleting it before re-creating", 0);
+        Log("ICS object already exists, deleting it before re-creating", LogLevel::Debug);
         ics.reset();
     }
     if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
@@ -129,9 +129,9 @@ void NetworkDriver::OnStartICS(const Bytes& payload) {
 
 void NetworkDriver::OnStartNAT(const Bytes& payload) {
     const auto request = DecodeStartNATRequest(payload);
-    Log(ToLogLine(request), 1);
+    Log(ToLogLine(request), LogLevel::Info);
     if (nat) {
-        Log("NAT object already exists, deleting it before re-creating", 0);
+        Log("NAT object already exists, deleting it before re-creating", LogLevel::Debug);
         nat.reset();
     }
     if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
@@ -144,14 +144,14 @@ void NetworkDriver::ReleaseArpCacheIfUnused() {
 }
 
 void NetworkDriver::OnStopICS() {
-    Log("Received StopICSRequest message", 1);
+    Log("Received StopICSRequest message", LogLevel::Info);
     ics.reset();
     ReleaseArpCacheIfUnused();
     if (pipe) pipe->Send(kStopICS);
 }
 
 void NetworkDriver::OnStopNAT() {
-    Log("Received StopNATRequest message", 1);
+    Log("Received StopNATRequest message", LogLevel::Info);
     nat.reset();
     ReleaseArpCacheIfUnused();
     if (pipe) pipe->Send(kStopNAT);

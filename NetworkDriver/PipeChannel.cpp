@@ -20,7 +20,7 @@ PipeChannel::~PipeChannel() {
         connected_ = false;
         readPipe_.Close();
         writePipe_.Close();
-        Log("Closed pipes", 1);
+        Log("Closed pipes", LogLevel::Info);
     }
 }
 
@@ -32,27 +32,27 @@ void PipeChannel::Open() {
     readHandleOwned_ = true;
     if (!read.refusal.empty()) {
         connected_ = false;
-        Log("Untrusted pipe " + read.path + ": " + read.refusal, 2);
+        Log("Untrusted pipe " + read.path + ": " + read.refusal, LogLevel::Error);
         return;
     }
     if (read.error != 0) {
         connected_ = false;
-        Log("CreateFile failed for NetworkDriverToNative pipe " + std::to_string(read.error), 0);
+        Log("CreateFile failed for NetworkDriverToNative pipe " + std::to_string(read.error), LogLevel::Debug);
         return;
     }
     const auto write = writePipe_.Open(kWritePipeName, true);
     writeHandleOwned_ = true;
     if (!write.refusal.empty()) {
         connected_ = false;
-        Log("Untrusted pipe " + write.path + ": " + write.refusal, 2);
+        Log("Untrusted pipe " + write.path + ": " + write.refusal, LogLevel::Error);
         return;
     }
     if (write.error != 0) {
         connected_ = false;
-        Log("CreateFile failed for NetworkDriverFromNative pipe " + std::to_string(write.error), 0);
+        Log("CreateFile failed for NetworkDriverFromNative pipe " + std::to_string(write.error), LogLevel::Debug);
         return;
     }
-    Log("Named Pipes created.", 1);
+    Log("Named Pipes created.", LogLevel::Info);
     connected_ = true;
 }
 
@@ -60,9 +60,9 @@ int32_t PipeChannel::Read(uint8_t* buffer, uint32_t offset, uint32_t count) {
     const auto result = readPipe_.Read(buffer + offset, count);
     if (result.ok) return static_cast<int32_t>(result.bytes);
     if (result.error == Platform::kErrorOperationAborted)
-        Log("Received ERROR_OPERATION_ABORTED", 0);
+        Log("Received ERROR_OPERATION_ABORTED", LogLevel::Debug);
     else
-        Log("Error in ReadFile, error code: " + std::to_string(result.error), 1);
+        Log("Error in ReadFile, error code: " + std::to_string(result.error), LogLevel::Info);
     return -1;
 }
 
@@ -82,14 +82,14 @@ void PipeChannel::ReadLoop() {
         try {
             if (!ReadExactly(header.data(), kHeaderSize)) return;
         } catch (...) {
-            Log("Error while reading the header from the pipe.", 0);
+            Log("Error while reading the header from the pipe.", LogLevel::Debug);
         }
         Decoder decoder(header, 1);
         PipeMessage message;
         message.type = decoder.ReadEnum32();
         message.length = decoder.ReadUInt32();
         if (message.type == 0 || message.type > 10) {
-            Log("Header mesagge type error: " + std::to_string(message.type), 2);
+            Log("Header mesagge type error: " + std::to_string(message.type), LogLevel::Error);
             return;
         }
         if (message.length != 0) {
@@ -105,9 +105,9 @@ void PipeChannel::WriteLocked(const std::vector<uint8_t>& bytes) {
     const auto result = writePipe_.Write(bytes.data(), static_cast<uint32_t>(bytes.size()));
     if (result.ok) return;
     if (result.error == Platform::kErrorOperationAborted)
-        Log("Received ERROR_OPERATION_ABORTED", 0);
+        Log("Received ERROR_OPERATION_ABORTED", LogLevel::Debug);
     else
-        Log("Error in WriteFile, error code: " + std::to_string(result.error), 0);
+        Log("Error in WriteFile, error code: " + std::to_string(result.error), LogLevel::Debug);
 }
 
 void PipeChannel::Write(const std::vector<uint8_t>& bytes) {

@@ -46,7 +46,7 @@ int Run() {
     // Priority and the log folder were the steps that needed full privilege; no thread
     // has been started yet, so what is dropped here is dropped for the whole process.
     if (const int error = Platform::DropPrivileges(); error != 0)
-        Log("Dropping privileges failed, error code: " + std::to_string(error), 2);
+        Log("Dropping privileges failed, error code: " + std::to_string(error), LogLevel::Error);
 #ifdef _WIN32
     NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateWindowsFilterDriverApi);
 #else

@@ -10,23 +10,17 @@
 
 namespace NativeNetworkDriver {
 
-namespace {
-constexpr int kDebug = 0;
-constexpr int kInfo = 1;
-constexpr int kError = 2;
-}  // namespace
-
 ArpCache::ArpCache(FilterDriversPublisher* publisher, ArpTable::Clock clock) : publisher_(publisher) {
     if (publisher_ == nullptr) return;
-    Log("Initializing Arp process", kInfo);
+    Log("Initializing Arp process", LogLevel::Info);
     try {
         table_ = std::make_unique<ArpTable>(std::move(clock));
     } catch (const std::bad_alloc&) {
-        Log("Error opening Arp: error initializing Arp process", kDebug);
+        Log("Error opening Arp: error initializing Arp process", LogLevel::Debug);
         return;
     }
     table_->Subscribe(this);
-    Log("Arp process successfully initialized", kInfo);
+    Log("Arp process successfully initialized", LogLevel::Info);
 }
 
 ArpCache::~ArpCache() {
@@ -72,7 +66,7 @@ bool ArpCache::RegisterDrivers(const void* session, const std::set<std::string>&
     }
     const bool registered = publisher_ != nullptr && publisher_->Register(this, newGuids);
     Log(registered ? "Successfully registered the drivers for Arp cache." : "Unable to register the drivers for Arp cache.",
-        kError);
+        LogLevel::Error);
     return registered;
 }
 

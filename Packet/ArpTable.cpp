@@ -132,13 +132,12 @@ std::string ArpTable::DumpLocked() const {
 }
 
 void ArpTable::LogChange(const std::string& what, const Nat::Ipv4Address* ip) const {
-    auto& logger = TorvUtils::Logger::Instance();
-    if (!logger.IsRankEnabled(3)) return;
+    if (!DebugEnabled()) return;
     std::string text = what;
     if (ip != nullptr) text += " (" + Dotted(*ip) + ")";
     text += "\n";
     text += DumpLocked();
-    logger.WriteRank(text, 3);
+    Log(text, LogLevel::Debug);
 }
 
 void ArpTable::Subscribe(Nat::IResolvedPacketSubscriber* subscriber) {

@@ -9,8 +9,6 @@ namespace {
 
 constexpr size_t kEthernetHeaderSize = 14;
 constexpr size_t kMinIpHeaderSize = 20;
-constexpr uint8_t kTcp = 6;
-constexpr uint8_t kUdp = 17;
 
 uint16_t U16(const Frame& frame, size_t at) { return static_cast<uint16_t>((frame[at] << 8) | frame[at + 1]); }
 
@@ -26,7 +24,7 @@ bool ReadMessage(const Frame& frame, Message& message) {
     const size_t ip = kEthernetHeaderSize;
     if (frame.size() < ip + kMinIpHeaderSize || frame[12] != 0x08 || frame[13] != 0x00) return false;
     const size_t headerSize = static_cast<size_t>(frame[ip] & 0x0F) * 4;
-    if (headerSize < kMinIpHeaderSize || frame[ip + 9] != kProtocol) return false;
+    if (headerSize < kMinIpHeaderSize || frame[ip + 9] != IpProtocol::kIcmp) return false;
     if (((frame[ip + 6] & 0x1F) | frame[ip + 7]) != 0) return false;  // a later fragment
     const size_t end = std::min(frame.size(), ip + U16(frame, ip + 2));
     message.begin = ip + headerSize;
@@ -55,20 +53,20 @@ bool ReadQuote(const Frame& frame, const Message& message, Quote& quote) {
     quote.transportChecksumAt = 0;
     const auto present = [&](size_t field, size_t size) { return t + field + size <= message.end; };
     switch (quote.protocol) {
-        case kTcp:
-        case kUdp: {
+        case IpProtocol::kTcp:
+        case IpProtocol::kUdp: {
             if (!present(0, 4)) return false;
             quote.srcPort = U16(frame, t);
             quote.dstPort = U16(frame, t + 2);
-            const size_t checksum = quote.protocol == kTcp ? 16 : 6;
+            const size_t checksum = quote.protocol == IpProtocol::kTcp ? 16 : 6;
             // A UDP datagram sent without a checksum has none to keep.
-            if (present(checksum, 2) && (quote.protocol == kTcp || U16(frame, t + checksum) != 0)) {
+            if (present(checksum, 2) && (quote.protocol == IpProtocol::kTcp || U16(frame, t + checksum) != 0)) {
                 quote.transportChecksumAt = t + checksum;
             }
             quote.pseudoHeader = true;
             return true;
         }
-        case kProtocol:
+        case IpProtocol::kIcmp:
             // Only echo requests are flows; an error about an error is never translated.
             if (!present(0, kIdentifierAt + 2) || frame[t] != kEchoRequest) return false;
             quote.srcPort = quote.dstPort = U16(frame, t + kIdentifierAt);

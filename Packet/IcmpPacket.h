@@ -7,10 +7,10 @@
 #include <cstdint>
 
 #include "Packet/Frame.h"
+#include "Packet/IpProtocol.h"
 
 namespace Nat::Icmp {
 
-inline constexpr uint8_t kProtocol = 1;
 inline constexpr uint8_t kEchoReply = 0;
 inline constexpr uint8_t kDestinationUnreachable = 3;
 inline constexpr uint8_t kEchoRequest = 8;

@@ -4,13 +4,11 @@
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include "Packet/IpProtocol.h"
 
 namespace Nat::PacketUtils {
 
 namespace {
-
-constexpr uint8_t kTcp = 6;
-constexpr uint8_t kUdp = 17;
 
 [[noreturn]] void ThrowSize(const char* text, size_t size) {
     throw Exception(std::string(text) + std::to_string(size));
@@ -66,40 +64,11 @@ inline uint32_t Fold(uint64_t sum) {
     return static_cast<uint32_t>(sum);
 }
 
-// One's-complement sum of the big-endian 16-bit words of [data, data+length), an odd last
-// byte padded with zero, folded to 16 bits. The words are read four bytes at a time in host
-// order into a 64-bit accumulator (a loop the compiler vectorises); since 2^16 = 1 modulo
-// 0xFFFF the host-order sum only differs from the big-endian one by a byte swap, and both
-// are zero exactly when every byte is.
-uint32_t FoldedWordSum(const uint8_t* data, size_t length) {
-    uint64_t sum = 0;
-    size_t i = 0;
-    for (; i + 4 <= length; i += 4) {
-        uint32_t word;
-        std::memcpy(&word, data + i, 4);
-        sum += word;
-    }
-    if (i < length) {
-        uint8_t tail[4] = {0, 0, 0, 0};
-        std::memcpy(tail, data + i, length - i);
-        uint32_t word;
-        std::memcpy(&word, tail, 4);
-        sum += word;
-    }
-    const uint32_t folded = Fold(sum);
-    if constexpr (std::endian::native == std::endian::little) return ((folded & 0xFF) << 8) | (folded >> 8);
-    return folded;
-}
-
 // Offset of the TCP or UDP checksum; throws for other protocols.
 size_t TransportChecksumOffset(uint32_t headerSize, uint8_t protocol) {
-    if (protocol == kTcp) return headerSize + 30;
-    if (protocol == kUdp) return headerSize + 20;
+    if (protocol == IpProtocol::kTcp) return headerSize + 30;
+    if (protocol == IpProtocol::kUdp) return headerSize + 20;
     ThrowUnsupportedProtocol(protocol);
-}
-
-void CheckMacValue(const Bytes& mac) {
-    if (mac.size() != 6) throw Exception("Unexpected MAC address value");
 }
 
 void WriteBytes(Frame& frame, size_t offset, const uint8_t* data, size_t length) {
@@ -154,28 +123,6 @@ std::vector<std::string> SplitAtDots(const std::string& text) {
 }  // namespace
 
 // ---- Ethernet ----
-
-Bytes GetDestinationMacAddress(const Frame& frame) {
-    CheckSize(frame, 6, "Error getting destination MAC address, unexpected packet size: ");
-    return Bytes(frame.begin(), frame.begin() + 6);
-}
-
-void SetDestinationMacAddress(Frame& frame, const Bytes& mac) {
-    CheckMacValue(mac);
-    CheckSize(frame, 6, "Error setting destination MAC address, unexpected packet size: ");
-    WriteBytes(frame, 0, mac.data(), 6);
-}
-
-Bytes GetSourceMacAddress(const Frame& frame) {
-    CheckSize(frame, 12, "Error getting source MAC address, unexpected packet size: ");
-    return Bytes(frame.begin() + 6, frame.begin() + 12);
-}
-
-void SetSourceMacAddress(Frame& frame, const Bytes& mac) {
-    CheckMacValue(mac);
-    CheckSize(frame, 12, "Error setting source MAC address, unexpected packet size: ");
-    WriteBytes(frame, 6, mac.data(), 6);
-}
 
 uint16_t GetFrameType(const Frame& frame) {
     CheckSize(frame, 13, "Error getting ethernet frame type, unexpected packet size: ");
@@ -253,20 +200,10 @@ uint8_t GetIpProtocol(const Frame& frame) {
     return ByteAt(frame, 23);
 }
 
-Bytes GetSourceIpAddress(const Frame& frame) {
-    CheckSize(frame, 30, "Error getting source IP address, unexpected packet size: ");
-    return Bytes(frame.begin() + 26, frame.begin() + 30);
-}
-
 void SetSourceIpAddress(Frame& frame, const Bytes& ip) {
     if (ip.size() != 4) ThrowSize("SetSourceIpAddress: unexpected IP address value, size: ", ip.size());
     CheckSize(frame, 30, "Error setting source IP address, unexpected packet size: ");
     WriteBytes(frame, 26, ip.data(), 4);
-}
-
-Bytes GetDestinationIpAddress(const Frame& frame) {
-    CheckSize(frame, 34, "Error getting destination IP address, unexpected packet size: ");
-    return Bytes(frame.begin() + 30, frame.begin() + 34);
 }
 
 void SetDestinationIpAddress(Frame& frame, const Bytes& ip) {
@@ -324,12 +261,12 @@ uint32_t GetTransportHeaderLength(const Frame& frame) {
     if (ByteAt(frame, 12) != 0x08 || ByteAt(frame, 13) != 0x00)
         throw Exception("Error getting transport header length, unexpected protocol.");
     const uint8_t protocol = GetIpProtocol(frame);
-    if (protocol == kTcp) {
+    if (protocol == IpProtocol::kTcp) {
         const uint32_t h = GetIpHeaderSize(frame);
         CheckSize(frame, h + 26, "Error getting TCP header length, unexpected packet size: ");
         return static_cast<uint32_t>(ByteAt(frame, h + 26) >> 4) * 4;
     }
-    if (protocol == kUdp) return 8;
+    if (protocol == IpProtocol::kUdp) return 8;
     std::string message = "Error getting transport header length, unexpected protocol: ";
     message.push_back(static_cast<char>(protocol));
     throw Exception(std::move(message));
@@ -339,7 +276,7 @@ namespace {
 
 bool TcpFlag(const Frame& frame, uint8_t mask) {
     if (ByteAt(frame, 12) != 0x08 || ByteAt(frame, 13) != 0x00) return false;
-    if (GetIpProtocol(frame) != kTcp) return false;
+    if (GetIpProtocol(frame) != IpProtocol::kTcp) return false;
     const uint32_t h = GetIpHeaderSize(frame);
     // One wording for all three flags.
     CheckSize(frame, h + 27, "Error setting tcp RST flag, unexpected packet size: ");
@@ -395,20 +332,6 @@ void SetAcknowledgmentNumber(Frame& frame, uint32_t number) {
     RewriteTransportField32(frame, 22, 25, "Error setting acknowledgment number, unexpected packet size: ", number);
 }
 
-void UpdateSourceIpAddress(Frame& frame, const Bytes& ip) {
-    const uint16_t checksum = GetTransportHeaderChecksum(frame);
-    const uint32_t oldIp = IpAsU32(GetSourceIp(frame));
-    SetSourceIpAddress(frame, ip);
-    UpdateChecksum32(frame, checksum, oldIp, IpAsU32(ReadArray<4>(frame, 26)));
-}
-
-void UpdateDestinationIpAddress(Frame& frame, const Bytes& ip) {
-    const uint16_t checksum = GetTransportHeaderChecksum(frame);
-    const uint32_t oldIp = IpAsU32(GetDestinationIp(frame));
-    SetDestinationIpAddress(frame, ip);
-    UpdateChecksum32(frame, checksum, oldIp, IpAsU32(ReadArray<4>(frame, 30)));
-}
-
 void UpdateSourceIp(Frame& frame, const Ipv4Address& ip) {
     const uint16_t checksum = GetTransportHeaderChecksum(frame);
     const uint32_t oldIp = IpAsU32(GetSourceIp(frame));
@@ -434,8 +357,27 @@ uint16_t AdjustChecksum(uint16_t checksum, uint16_t oldWord, uint16_t newWord) {
     return static_cast<uint16_t>(~Fold(sum));
 }
 
-uint16_t InternetChecksum(const uint8_t* data, size_t length) {
-    return static_cast<uint16_t>(~FoldedWordSum(data, length));
+// The words are read four bytes at a time in host order into a 64-bit accumulator (a loop
+// the compiler vectorises); since 2^16 = 1 modulo 0xFFFF the host-order sum only differs
+// from the big-endian one by a byte swap, and both are zero exactly when every byte is.
+uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length) {
+    uint64_t sum = 0;
+    size_t i = 0;
+    for (; i + 4 <= length; i += 4) {
+        uint32_t word;
+        std::memcpy(&word, data + i, 4);
+        sum += word;
+    }
+    if (i < length) {
+        uint8_t tail[4] = {0, 0, 0, 0};
+        std::memcpy(tail, data + i, length - i);
+        uint32_t word;
+        std::memcpy(&word, tail, 4);
+        sum += word;
+    }
+    uint32_t folded = Fold(sum);
+    if constexpr (std::endian::native == std::endian::little) folded = ((folded & 0xFF) << 8) | (folded >> 8);
+    return static_cast<uint16_t>(Fold(static_cast<uint64_t>(folded) + seed));
 }
 
 void FixIpHeaderChecksum(Frame& frame) {
@@ -496,7 +438,7 @@ void FixTransportHeaderChecksum(Frame& frame) {
     // Clearing the old checksum first equals skipping its word; it is overwritten below anyway.
     PutU16(frame, offset, 0);
     const size_t start = h + 14;
-    sum += FoldedWordSum(frame.data() + start, segmentLength);
+    sum += InternetChecksumFold(0, frame.data() + start, segmentLength);
     uint16_t result = static_cast<uint16_t>(~Fold(sum));
     if (result == 0xFFFF) result = 0;
     PutU16(frame, offset, result);

@@ -14,10 +14,6 @@ namespace Nat::PacketUtils {
 using Bytes = std::vector<uint8_t>;
 
 // Ethernet
-Bytes GetDestinationMacAddress(const Frame& frame);
-void SetDestinationMacAddress(Frame& frame, const Bytes& mac);
-Bytes GetSourceMacAddress(const Frame& frame);
-void SetSourceMacAddress(Frame& frame, const Bytes& mac);
 uint16_t GetFrameType(const Frame& frame);
 
 // ARP
@@ -32,9 +28,7 @@ uint32_t GetIpHeaderSize(const Frame& frame);
 uint16_t GetIpPacketTotalLength(const Frame& frame);
 void SetIpPacketTotalLength(Frame& frame, uint16_t length);
 uint8_t GetIpProtocol(const Frame& frame);
-Bytes GetSourceIpAddress(const Frame& frame);
 void SetSourceIpAddress(Frame& frame, const Bytes& ip);
-Bytes GetDestinationIpAddress(const Frame& frame);
 void SetDestinationIpAddress(Frame& frame, const Bytes& ip);
 
 // TCP / UDP
@@ -54,15 +48,14 @@ void SetSourcePort(Frame& frame, uint16_t port);
 void SetDestinationPort(Frame& frame, uint16_t port);
 void SetTcpSequenceNumber(Frame& frame, uint32_t number);
 void SetAcknowledgmentNumber(Frame& frame, uint32_t number);
-void UpdateSourceIpAddress(Frame& frame, const Bytes& ip);
-void UpdateDestinationIpAddress(Frame& frame, const Bytes& ip);
 
 // Checksums
 // RFC 1624 incremental update: the checksum after one 16-bit word of the covered data
 // changed from oldWord to newWord. Pure arithmetic: no frame, no bounds.
 uint16_t AdjustChecksum(uint16_t checksum, uint16_t oldWord, uint16_t newWord);
-// The Internet checksum (one's complement of the folded one's-complement sum) of a byte range.
-uint16_t InternetChecksum(const uint8_t* data, size_t length);
+// The one's-complement sum of a byte range's big-endian words (an odd last byte padded with
+// zero) plus `seed`, folded to 16 bits and not inverted; 0 only when all of them are zero.
+uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length);
 void FixIpHeaderChecksum(Frame& frame);
 void UpdateTransportHeaderChecksum(Frame& frame, uint16_t oldChecksum, uint16_t oldWord, uint16_t newWord);
 void FixTransportHeaderChecksum(Frame& frame);
@@ -74,8 +67,7 @@ Bytes FromIPStringToByteArray(const std::string& text);
 bool IsValidIpAddress(const std::string& text);
 std::string FromVectorToHexString(const Bytes& bytes, const std::string& separator);
 
-// Allocation-free variants for the translation hot path: same thresholds and texts as
-// the vector-returning readers above.
+// Addresses as fixed-size values, so that the translation hot path does not allocate.
 MacAddress GetDestinationMac(const Frame& frame);
 MacAddress GetSourceMac(const Frame& frame);
 Ipv4Address GetSourceIp(const Frame& frame);

@@ -1,7 +1,9 @@
 #include "Packet/SuperFrame.h"
 
-#include <bit>
 #include <cstring>
+
+#include "Packet/IpProtocol.h"
+#include "Packet/PacketUtils.h"
 
 namespace Nat {
 namespace {
@@ -11,8 +13,6 @@ constexpr uint16_t kEtherTypeIpv4 = 0x0800;
 constexpr uint16_t kEtherTypeIpv6 = 0x86DD;
 constexpr uint16_t kEtherTypeVlan = 0x8100;
 constexpr uint16_t kEtherTypeQinQ = 0x88A8;
-constexpr uint8_t kProtoTcp = 6;
-constexpr uint8_t kProtoUdp = 17;
 constexpr uint8_t kTcpFin = 0x01;
 constexpr uint8_t kTcpPsh = 0x08;
 constexpr uint8_t kTcpCwr = 0x80;
@@ -40,46 +40,6 @@ uint16_t FinishChecksum(uint16_t folded) {
 }
 
 }  // namespace
-
-uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length) {
-    // Sum native-order words (RFC 1071: the sum is byte-order independent up to a swap).
-    uint64_t acc = 0;
-    while (length >= 8) {
-        uint32_t a, b;
-        std::memcpy(&a, data, 4);
-        std::memcpy(&b, data + 4, 4);
-        acc += a;
-        acc += b;
-        data += 8;
-        length -= 8;
-    }
-    if (length >= 4) {
-        uint32_t a;
-        std::memcpy(&a, data, 4);
-        acc += a;
-        data += 4;
-        length -= 4;
-    }
-    if (length >= 2) {
-        uint16_t a;
-        std::memcpy(&a, data, 2);
-        acc += a;
-        data += 2;
-        length -= 2;
-    }
-    if (length == 1) {
-        // The odd byte is the high half of a big-endian word padded with zero.
-        acc += std::endian::native == std::endian::little ? data[0] : static_cast<uint32_t>(data[0]) << 8;
-    }
-    while (acc >> 16) acc = (acc & 0xFFFF) + (acc >> 16);
-    uint16_t sum = static_cast<uint16_t>(acc);
-    if constexpr (std::endian::native == std::endian::little) {
-        sum = static_cast<uint16_t>((sum >> 8) | (sum << 8));
-    }
-    uint32_t total = static_cast<uint32_t>(sum) + (seed & 0xFFFF) + (seed >> 16);
-    while (total >> 16) total = (total & 0xFFFF) + (total >> 16);
-    return static_cast<uint16_t>(total);
-}
 
 bool SuperFrameSplitter::Start(const FrameOffload& offload, const uint8_t* frame, size_t length, size_t maxFrame) {
     frame_ = frame;
@@ -137,11 +97,11 @@ bool SuperFrameSplitter::Start(const FrameOffload& offload, const uint8_t* frame
 
     size_t transportHeader = 0;
     if (gsoType == kGsoUdpL4) {
-        if (protocol != kProtoUdp || length < l4 + 8) return false;
+        if (protocol != IpProtocol::kUdp || length < l4 + 8) return false;
         transportHeader = 8;
         tcp_ = false;
     } else {
-        if (protocol != kProtoTcp || (gsoType == kGsoTcpV4) == ipv6_) return false;
+        if (protocol != IpProtocol::kTcp || (gsoType == kGsoTcpV4) == ipv6_) return false;
         if (length < l4 + 20) return false;
         transportHeader = static_cast<size_t>(frame[l4 + 12] >> 4) * 4;
         if (transportHeader < 20 || length < l4 + transportHeader) return false;
@@ -177,7 +137,7 @@ size_t SuperFrameSplitter::Next(uint8_t* out, size_t capacity) {
             const size_t start = offload_.csumStart;
             const size_t field = start + offload_.csumOffset;
             // The field holds the pseudo-header sum; fold the rest in and store.
-            const uint16_t folded = InternetChecksumFold(0, out + start, length_ - start);
+            const uint16_t folded = PacketUtils::InternetChecksumFold(0, out + start, length_ - start);
             Put16(out + field, FinishChecksum(folded));
             checksumCompleted_ = true;
         }
@@ -202,17 +162,17 @@ size_t SuperFrameSplitter::NextSegment(uint8_t* out) {
     if (ipv6_) {
         Put16(ip + 4, static_cast<uint16_t>(l4Length));
         // Pseudo header: addresses, upper-layer length, next header.
-        pseudo = InternetChecksumFold(0, ip + 8, 32);
+        pseudo = PacketUtils::InternetChecksumFold(0, ip + 8, 32);
         pseudo += static_cast<uint32_t>(l4Length >> 16) + static_cast<uint32_t>(l4Length & 0xFFFF);
-        pseudo += tcp_ ? kProtoTcp : kProtoUdp;
+        pseudo += tcp_ ? IpProtocol::kTcp : IpProtocol::kUdp;
     } else {
         const size_t ihl = l4Offset_ - l3Offset_;
         Put16(ip + 2, static_cast<uint16_t>(frameLength - l3Offset_));
         Put16(ip + 4, static_cast<uint16_t>(firstIpId_ + segmentIndex_));
         Put16(ip + 10, 0);
-        Put16(ip + 10, static_cast<uint16_t>(~InternetChecksumFold(0, ip, ihl)));
-        pseudo = InternetChecksumFold(0, ip + 12, 8);
-        pseudo += static_cast<uint32_t>(l4Length) + (tcp_ ? kProtoTcp : kProtoUdp);
+        Put16(ip + 10, static_cast<uint16_t>(~PacketUtils::InternetChecksumFold(0, ip, ihl)));
+        pseudo = PacketUtils::InternetChecksumFold(0, ip + 12, 8);
+        pseudo += static_cast<uint32_t>(l4Length) + (tcp_ ? IpProtocol::kTcp : IpProtocol::kUdp);
     }
 
     uint8_t* l4 = out + l4Offset_;
@@ -221,11 +181,11 @@ size_t SuperFrameSplitter::NextSegment(uint8_t* out) {
         if (!last) l4[13] = static_cast<uint8_t>(l4[13] & ~(kTcpFin | kTcpPsh));
         if (!first) l4[13] = static_cast<uint8_t>(l4[13] & ~kTcpCwr);
         Put16(l4 + 16, 0);
-        Put16(l4 + 16, FinishChecksum(InternetChecksumFold(pseudo, l4, l4Length)));
+        Put16(l4 + 16, FinishChecksum(PacketUtils::InternetChecksumFold(pseudo, l4, l4Length)));
     } else {
         Put16(l4 + 4, static_cast<uint16_t>(l4Length));
         Put16(l4 + 6, 0);
-        Put16(l4 + 6, FinishChecksum(InternetChecksumFold(pseudo, l4, l4Length)));
+        Put16(l4 + 6, FinishChecksum(PacketUtils::InternetChecksumFold(pseudo, l4, l4Length)));
     }
 
     payloadOffset_ += chunk;

@@ -36,9 +36,6 @@ struct FrameOffload {
     bool Any() const { return IsSuperFrame() || PartialChecksum(); }
 };
 
-// One's-complement sum of a byte range, folded to 16 bits (not inverted).
-uint16_t InternetChecksumFold(uint32_t seed, const uint8_t* data, size_t length);
-
 class SuperFrameSplitter {
 public:
     // Takes a frame (which must stay valid until Next() returns 0). False when it cannot

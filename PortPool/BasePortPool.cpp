@@ -4,7 +4,7 @@
 
 namespace PortPool {
 
-BasePortPool::BasePortPool(uint32_t protocol, uint32_t count, std::set<uint32_t> customPorts)
+BasePortPool::BasePortPool(Kind protocol, uint32_t count, std::set<uint32_t> customPorts)
     : count_(count), protocol_(protocol), customPorts_(std::move(customPorts)) {}
 
 void BasePortPool::GetPorts(std::vector<uint32_t>& ports) { ports = ports_; }

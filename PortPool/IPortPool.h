@@ -4,10 +4,8 @@
 
 namespace PortPool {
 
-// Protocol numbers of a pool.
-inline constexpr uint32_t kTcp = 0;
-inline constexpr uint32_t kUdp = 1;
-inline constexpr uint32_t kIcmp = 2;  // ICMP echo identifiers, held by ping sockets
+// What a pool holds: TCP or UDP ports, or ICMP echo identifiers (held by ping sockets).
+enum class Kind : uint32_t { Tcp = 0, Udp = 1, Icmp = 2 };
 
 // A set of ports held for the translator so that the system does not hand them out.
 class IPortPool {

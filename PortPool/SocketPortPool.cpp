@@ -6,16 +6,7 @@
 
 namespace PortPool {
 
-namespace {
-
-void LogRank3(const std::string& text) {
-    auto& logger = TorvUtils::Logger::Instance();
-    if (logger.IsRankEnabled(3)) logger.WriteRank(text, 3);
-}
-
-}  // namespace
-
-SocketPortPool::SocketPortPool(uint32_t protocol, uint32_t count, const std::set<uint32_t>& customPorts)
+SocketPortPool::SocketPortPool(Kind protocol, uint32_t count, const std::set<uint32_t>& customPorts)
     : BasePortPool(protocol, count, customPorts) {
     try {
         ReservePorts();
@@ -28,14 +19,14 @@ SocketPortPool::SocketPortPool(uint32_t protocol, uint32_t count, const std::set
 SocketPortPool::~SocketPortPool() { FreePorts(); }
 
 std::string SocketPortPool::ProtocolName() const {
-    return protocol_ == kTcp ? "TCP" : protocol_ == kUdp ? "UDP" : "ICMP";
+    return protocol_ == Kind::Tcp ? "TCP" : protocol_ == Kind::Udp ? "UDP" : "ICMP";
 }
 
 Platform::SocketHandle SocketPortPool::CreateSocket(uint32_t port) const {
     const Platform::BoundSocket bound = Platform::OpenBoundSocket(
-        protocol_ == kTcp   ? Platform::SocketProtocol::Tcp
-        : protocol_ == kUdp ? Platform::SocketProtocol::Udp
-                            : Platform::SocketProtocol::IcmpEcho,
+        protocol_ == Kind::Tcp   ? Platform::SocketProtocol::Tcp
+        : protocol_ == Kind::Udp ? Platform::SocketProtocol::Udp
+                                 : Platform::SocketProtocol::IcmpEcho,
         std::to_string(port));
     switch (bound.failure) {
         case Platform::BoundSocket::Failure::None:
@@ -56,13 +47,13 @@ void SocketPortPool::ReservePorts() {
     const std::string name = ProtocolName();
     // Custom ports must all be held: a failure here fails the pool.
     for (uint32_t port : customPorts_) {
-        LogRank3("Opening " + name + " custom port");
+        Log("Opening " + name + " custom port", LogLevel::Debug);
         sockets_.push_back(CreateSocket(port));
-        LogRank3("Opened " + name + " custom port " + std::to_string(port));
+        Log("Opened " + name + " custom port " + std::to_string(port), LogLevel::Debug);
     }
     for (uint32_t i = 0; i < count_; ++i) {
         try {
-            LogRank3("Opening " + name + " port");
+            Log("Opening " + name + " port", LogLevel::Debug);
             const Platform::SocketHandle socket = CreateSocket(0);
             uint16_t port = 0;
             if (!Platform::BoundPort(socket, port)) {
@@ -71,17 +62,17 @@ void SocketPortPool::ReservePorts() {
             }
             ports_.push_back(port);
             sockets_.push_back(socket);
-            LogRank3("Opened " + name + " port " + std::to_string(port));
+            Log("Opened " + name + " port " + std::to_string(port), LogLevel::Debug);
         } catch (const std::exception& e) {
-            Log(e.what(), 1);
+            Log(e.what(), LogLevel::Info);
             // A system that refuses one ping socket refuses them all: one line is enough.
-            if (protocol_ == kIcmp) break;
+            if (protocol_ == Kind::Icmp) break;
         }
     }
 }
 
 void SocketPortPool::FreePorts() {
-    LogRank3("Freeing " + ProtocolName() + " ports");
+    Log("Freeing " + ProtocolName() + " ports", LogLevel::Debug);
     ports_.clear();
     CloseAll();
 }

@@ -16,7 +16,7 @@ public:
     // Reserves at once. A custom port that cannot be held throws std::runtime_error (and
     // nothing stays open); a pool port that cannot be had is logged and skipped, so the
     // pool may hold fewer than `count` ports.
-    SocketPortPool(uint32_t protocol, uint32_t count, const std::set<uint32_t>& customPorts);
+    SocketPortPool(Kind protocol, uint32_t count, const std::set<uint32_t>& customPorts);
     ~SocketPortPool() override;
     SocketPortPool(const SocketPortPool&) = delete;
     SocketPortPool& operator=(const SocketPortPool&) = delete;

@@ -1,5 +1,7 @@
 #include "Sessions/NAT.h"
 
+#include "Packet/IpProtocol.h"
+
 namespace NativeNetworkDriver {
 
 NAT::NAT(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartNATRequest& request)
@@ -25,7 +27,7 @@ NAT::NAT(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartNATR
         // published port is held in the system so that no local program takes it.
         settings.externalAdapters.push_back(rule.fromAdapter);
         settings.internalAdapters.push_back(rule.toAdapter);
-        (r.protocol == 6 ? settings.customTcpPorts : settings.customUdpPorts).insert(r.fromPort);
+        (r.protocol == Nat::IpProtocol::kTcp ? settings.customTcpPorts : settings.customUdpPorts).insert(r.fromPort);
     }
     std::vector<Nat::AdapterMapping> mappings;
     for (const auto& m : request.mappings) {

@@ -6,16 +6,13 @@
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Logging/Logger.h"
 #include "Packet/ArpTable.h"
+#include "Packet/IpProtocol.h"
 #include "Packet/PacketUtils.h"
 #include "Platform/SocketStartup.h"
 
 namespace NativeNetworkDriver {
 
 namespace {
-
-constexpr uint32_t kTcp = 0;
-constexpr uint32_t kUdp = 1;
-constexpr uint8_t kIcmp = 1;  // IP protocol; its frames are classified by the engine from the frame itself
 
 // The fields classification needs, read from an IPv4 TCP or UDP frame.
 struct FrameFields {
@@ -33,7 +30,9 @@ bool ReadFields(const Nat::Frame& frame, FrameFields& f) {
     try {
         const uint32_t headerSize = GetIpHeaderSize(frame);
         f.protocol = GetIpProtocol(frame);
-        const bool known = f.protocol == 6 || f.protocol == 17 || f.protocol == kIcmp;
+        // ICMP frames are classified by the engine from the frame itself.
+        const bool known = f.protocol == Nat::IpProtocol::kTcp || f.protocol == Nat::IpProtocol::kUdp ||
+                           f.protocol == Nat::IpProtocol::kIcmp;
         if (headerSize < 20 || !known || frame.size() < 14 + headerSize + 4)
             return false;
         f.srcMac = GetSourceMac(frame);
@@ -112,15 +111,17 @@ void TranslationSession::Unsubscribe() {
 bool TranslationSession::ReservePorts(const OpenSettings& settings) {
     const int socketError = Platform::StartSockets();
     if (socketError != 0) {
-        Log(word_ + ": error initializing Winsock, error code: " + std::to_string(socketError), 2);
+        Log(word_ + ": error initializing Winsock, error code: " + std::to_string(socketError), LogLevel::Error);
         return false;
     }
     try {
-        tcpPool_ = std::make_unique<PortPool::SocketPortPool>(kTcp, settings.tcpPoolSize, settings.customTcpPorts);
-        udpPool_ = std::make_unique<PortPool::SocketPortPool>(kUdp, settings.udpPoolSize, settings.customUdpPorts);
-    } catch (const std::exception& e) {
-        // A published port that another program holds: the session cannot come up.
-        Log(word_ + ": " + e.what(), 2);
+        tcpPool_ = std::make_unique<PortPool::SocketPortPool>(PortPool::Kind::Tcp, settings.tcpPoolSize,
+                                                              settings.customTcpPorts);
+        udpPool_ = std::make_unique<PortPool::SocketPortPool>(PortPool::Kind::Udp, settings.udpPoolSize,
+                                                              settings.customUdpPorts);
+    } catch (const std::exception&) {
+        // A published port that another program holds: the session cannot come up. The
+        // open sequence's own line reports it.
         return false;
     }
     std::vector<uint32_t> tcp, udp;
@@ -129,14 +130,12 @@ bool TranslationSession::ReservePorts(const OpenSettings& settings) {
     bool ok = true;
     if (tcp.size() < settings.tcpPoolSize) {
         Log(word_ + ": error reserving TCP ports, required: " + std::to_string(settings.tcpPoolSize) +
-                " reserved: " + std::to_string(tcp.size()),
-            2);
+                " reserved: " + std::to_string(tcp.size()), LogLevel::Error);
         ok = false;
     }
     if (udp.size() < settings.udpPoolSize) {
         Log(word_ + ": error reserving UDP ports, required: " + std::to_string(settings.udpPoolSize) +
-                " reserved: " + std::to_string(udp.size()),
-            2);
+                " reserved: " + std::to_string(udp.size()), LogLevel::Error);
         ok = false;
     }
     return ok;
@@ -147,14 +146,13 @@ bool TranslationSession::ReservePorts(const OpenSettings& settings) {
 std::vector<uint32_t> TranslationSession::ReserveEchoIdentifiers(uint32_t count) {
     std::vector<uint32_t> identifiers;
     try {
-        icmpPool_ = std::make_unique<PortPool::SocketPortPool>(PortPool::kIcmp, count, std::set<uint32_t>{});
+        icmpPool_ = std::make_unique<PortPool::SocketPortPool>(PortPool::Kind::Icmp, count, std::set<uint32_t>{});
         icmpPool_->GetPorts(identifiers);
     } catch (const std::exception&) {
     }
     if (identifiers.size() < count) {
         Log(word_ + ": error reserving ICMP identifiers, required: " + std::to_string(count) +
-                " reserved: " + std::to_string(identifiers.size()),
-            1);
+                " reserved: " + std::to_string(identifiers.size()), LogLevel::Info);
     }
     return identifiers;
 }
@@ -166,14 +164,14 @@ void TranslationSession::Open(const OpenSettings& settings, const EngineFactory&
     adapters_ = settings.externalAdapters;
     adapters_.insert(adapters_.end(), settings.internalAdapters.begin(), settings.internalAdapters.end());
 
-    Log(word_ + ": Reserving TCP/UDP ports", 1);
+    Log(word_ + ": Reserving TCP/UDP ports", LogLevel::Info);
     if (!ReservePorts(settings)) {
-        Log("Error opening " + word_ + ": error reserving TCP/UDP ports", 2);
+        Log("Error opening " + word_ + ": error reserving TCP/UDP ports", LogLevel::Error);
         return;
     }
-    Log(word_ + ": TCP/UDP ports successfully reserved", 1);
+    Log(word_ + ": TCP/UDP ports successfully reserved", LogLevel::Info);
 
-    Log("Initializing " + word_ + " process", 1);
+    Log("Initializing " + word_ + " process", LogLevel::Info);
     try {
         std::vector<uint32_t> tcp, udp;
         tcpPool_->GetPorts(tcp);
@@ -184,31 +182,31 @@ void TranslationSession::Open(const OpenSettings& settings, const EngineFactory&
         engine_.reset();
     }
     if (!engine_) {
-        Log("Error opening " + word_ + ": error initializing NAT process", 2);  // "NAT" in both sessions
+        Log("Error opening " + word_ + ": error initializing NAT process", LogLevel::Error);  // "NAT" in both sessions
         return;
     }
-    Log(word_ + " process successfully initialized", 1);
+    Log(word_ + " process successfully initialized", LogLevel::Info);
 
     std::set<std::string> guids = internalGuids_;
     guids.insert(externalGuids_.begin(), externalGuids_.end());
-    Log(word_ + ": Registering to ArpCache", 1);
+    Log(word_ + ": Registering to ArpCache", LogLevel::Info);
     arpRegistered_ = arpCache_ != nullptr;
     if (arpCache_ == nullptr || !arpCache_->RegisterDrivers(this, guids)) {
-        Log("Error opening " + word_ + ": ArpCache registration failed", 2);
+        Log("Error opening " + word_ + ": ArpCache registration failed", LogLevel::Error);
         Unsubscribe();
         engine_.reset();
         return;
     }
-    Log(word_ + ": registering drivers", 1);
+    Log(word_ + ": registering drivers", LogLevel::Info);
     publisherRegistered_ = true;
     if (!publisher_->Register(this, guids)) {
-        Log("Error opening " + word_ + ": Publisher registration failed", 2);
+        Log("Error opening " + word_ + ": Publisher registration failed", LogLevel::Error);
         // The adapters registered before the refused one are given back at once.
         Unsubscribe();
         engine_.reset();
         return;
     }
-    Log(word_ + ": drivers successfully registered", 1);
+    Log(word_ + ": drivers successfully registered", LogLevel::Info);
 }
 
 const Nat::AdapterInfo* TranslationSession::AdapterByMac(const std::vector<uint8_t>& mac) const {
@@ -244,9 +242,9 @@ bool TranslationSession::Guarded(bool inbound, Step&& step) {
         // The ARP cache holds the frame; it comes back through the publisher once resolved.
         RequestMac(unknown);
     } catch (const Nat::Exception& e) {
-        Log(std::string("Error translating a NAT packet from ") + way + ": " + e.Message(), 2);
+        Log(std::string("Error translating a NAT packet from ") + way + ": " + e.Message(), LogLevel::Error);
     } catch (...) {
-        Log(std::string("Error translating a NAT packet from ") + way, 2);
+        Log(std::string("Error translating a NAT packet from ") + way, LogLevel::Error);
     }
     return false;
 }
@@ -258,18 +256,21 @@ bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head,
     if (!inbound && internalGuids_.count(guid) == 0) return false;
     FrameFields f;
     if (!ReadFields(head, f)) return false;
-    uint32_t kind = 0;
+    bool classified = false;
+    auto kind = Nat::TranslationKind::None;
     (void)Guarded(inbound, [&] {
-        kind = f.protocol == kIcmp ? engine_->ClassifyIcmpPacket(head, inbound)
+        kind = f.protocol == Nat::IpProtocol::kIcmp ? engine_->ClassifyIcmpPacket(head, inbound)
                : inbound           ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
                                    : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
                                                                      f.srcPort, f.dstPort);
-        if (kind != 0) rewriteAndSend(kind, inbound);
+        classified = true;
+        if (kind != Nat::TranslationKind::None) rewriteAndSend(kind, inbound);
     });
-    return kind != 0;
+    // A frame the engine failed to classify is dropped like one it failed to translate.
+    return !classified || kind != Nat::TranslationKind::None;
 }
 
-void TranslationSession::TranslateAndSend(uint32_t kind, bool inbound, Nat::Frame& frame,
+void TranslationSession::TranslateAndSend(Nat::TranslationKind kind, bool inbound, Nat::Frame& frame,
                                           const Nat::FrameOffload& offload, const std::string& guid) {
     const bool partial = offload.PartialChecksum();
     const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, frame, guid, partial)
@@ -279,7 +280,7 @@ void TranslationSession::TranslateAndSend(uint32_t kind, bool inbound, Nat::Fram
 
 // Each wire frame is translated as if it had come alone, so a payload rewrite sees whole
 // segments and the wire carries what it would without offloads.
-void TranslationSession::TranslateSegments(uint32_t kind, bool inbound, const Nat::Frame& frame,
+void TranslationSession::TranslateSegments(Nat::TranslationKind kind, bool inbound, const Nat::Frame& frame,
                                            const Nat::FrameOffload& offload, const std::string& guid) {
     Nat::SuperFrameSplitter splitter;
     if (!splitter.Start(offload, frame.data(), frame.size(), Nat::kMaxFrameSize)) return;
@@ -292,8 +293,8 @@ void TranslationSession::TranslateSegments(uint32_t kind, bool inbound, const Na
 
 bool TranslationSession::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload,
                                          const std::string& guid) {
-    return Handle(guid, frame, [&](uint32_t kind, bool inbound) {
-        if (offload.Any() && kind == Nat::NetworkAddressTranslator::kDnat && engine_->RewritesPayloads()) {
+    return Handle(guid, frame, [&](Nat::TranslationKind kind, bool inbound) {
+        if (offload.Any() && kind == Nat::TranslationKind::Dnat && engine_->RewritesPayloads()) {
             TranslateSegments(kind, inbound, frame, offload, guid);
         } else {
             TranslateAndSend(kind, inbound, frame, offload, guid);
@@ -304,7 +305,7 @@ bool TranslationSession::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffl
 // The first fragment decides; the others follow it.
 bool TranslationSession::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) {
     if (fragments.empty()) return false;
-    return Handle(guid, fragments.front(), [&](uint32_t kind, bool inbound) {
+    return Handle(guid, fragments.front(), [&](Nat::TranslationKind kind, bool inbound) {
         Nat::FragmentList copy = fragments;
         const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, copy, guid)
                                               : engine_->TranslateInternalToExternal(kind, copy, guid);

@@ -62,18 +62,18 @@ private:
     bool ReservePorts(const OpenSettings& settings);
     std::vector<uint32_t> ReserveEchoIdentifiers(uint32_t count);
     // Classifies a frame (or a datagram's first fragment) by the side it arrived on; for a
-    // frame the engine claims, runs rewriteAndSend(kind, inbound). Failures are logged and
-    // cost the frame. True when the engine claimed it.
+    // frame the engine claims, runs rewriteAndSend(kind, inbound). Failures, in classifying
+    // as in translating, are logged and cost the frame. True when the frame is consumed.
     template <typename RewriteAndSend>
     bool Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend);
     // Runs one translation step; its failures are logged (or answered with an ARP
     // request) and cost the frame. False when it failed.
     template <typename Step>
     bool Guarded(bool inbound, Step&& step);
-    void TranslateAndSend(uint32_t kind, bool inbound, Nat::Frame& frame, const Nat::FrameOffload& offload,
+    void TranslateAndSend(Nat::TranslationKind kind, bool inbound, Nat::Frame& frame, const Nat::FrameOffload& offload,
                           const std::string& guid);
-    void TranslateSegments(uint32_t kind, bool inbound, const Nat::Frame& frame, const Nat::FrameOffload& offload,
-                           const std::string& guid);
+    void TranslateSegments(Nat::TranslationKind kind, bool inbound, const Nat::Frame& frame,
+                           const Nat::FrameOffload& offload, const std::string& guid);
     void RequestMac(const Nat::UnknownMacException& unknown);
     const Nat::AdapterInfo* AdapterByMac(const std::vector<uint8_t>& mac) const;
 

@@ -10,15 +10,6 @@ namespace NativeNetworkDriver {
 
 namespace {
 
-constexpr int kDebug = 0;
-
-bool IsGroupFrame(const Nat::Frame& frame) { return frame.size() >= 6 && (frame[0] & 0x01) != 0; }
-
-// The supervisor MAC against the frame's destination; a short frame or MAC never matches.
-bool IsAddressedTo(const Nat::Frame& frame, const std::vector<uint8_t>& mac) {
-    return frame.size() >= 6 && mac.size() >= 6 && std::equal(frame.begin(), frame.begin() + 6, mac.begin());
-}
-
 // An existing MAC against a new one, over the new one's length (two empty MACs are equal).
 bool SameMac(const std::vector<uint8_t>& existing, const std::vector<uint8_t>& added) {
     return existing.size() >= added.size() && std::equal(added.begin(), added.end(), existing.begin());
@@ -61,12 +52,12 @@ void VPN::Open(const std::set<std::string>& guids) {
         state_ = VpnState::Closed;
     }
     if (state_ == VpnState::Opened) {
-        Log("Error opening VPN: drivers already opened.", kDebug);
+        Log("Error opening VPN: drivers already opened.", LogLevel::Debug);
         state_ = VpnState::AlreadyOpened;
         return;
     }
     if (publisher_ == nullptr) {
-        Log("Error opening VPN: publisher is NULL.", kDebug);
+        Log("Error opening VPN: publisher is NULL.", LogLevel::Debug);
         state_ = VpnState::Failed;
         return;
     }
@@ -74,7 +65,7 @@ void VPN::Open(const std::set<std::string>& guids) {
         state_ = VpnState::Opened;
         return;
     }
-    Log("Error opening VPN: Publisher registration failed", kDebug);
+    Log("Error opening VPN: Publisher registration failed", LogLevel::Debug);
     publisher_->Unregister(this);
     state_ = VpnState::Failed;
 }
@@ -131,12 +122,12 @@ void VPN::ToTunnel(IVPNDataRead* reader, const Nat::Frame& frame, const Nat::Fra
 bool VPN::Classify(const Nat::Frame& frame, const Nat::FrameOffload& offload) {
     std::lock_guard lock(lock_);
     IVPNDataRead* reader = reader_.load();
-    if (IsGroupFrame(frame)) {
+    if (Nat::IsGroupFrame(frame)) {
         ToTunnel(reader, frame, offload);
         return true;
     }
     for (const auto& supervisor : supervisors_) {
-        if (!IsAddressedTo(frame, supervisor.mac)) continue;
+        if (!Nat::IsAddressedTo(frame, supervisor.mac)) continue;
         ToTunnel(reader, frame, offload);
         return true;
     }
@@ -150,7 +141,7 @@ bool VPN::Classify(const Nat::Frame& frame, const Nat::FrameOffload& offload) {
 
 void VPN::SendFrame(const Nat::Frame& frame) {
     if (publisher_ == nullptr) return;
-    if (IsGroupFrame(frame)) {
+    if (Nat::IsGroupFrame(frame)) {
         publisher_->SendToAllAdapters(this, frame);
         return;
     }

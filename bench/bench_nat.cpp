@@ -88,7 +88,7 @@ struct Rig {
         std::vector<uint16_t> external(entries);
         for (size_t k = 0; k < entries; ++k) {
             Frame syn = MakeTcp(kHostMac, kIntMac, kHostIp, kFarIp, static_cast<uint16_t>(1024 + k), 443, 0x02, 60);
-            nat->TranslateInternalToExternal(1, syn, "int0");
+            nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, syn, "int0");
             external[k] = pu::GetSourcePort(syn);
         }
         nextNewPort = static_cast<uint16_t>(1024 + entries);
@@ -169,11 +169,11 @@ void Translate(Nat::NetworkAddressTranslator& nat, Frame& work, bool outbound) {
     const uint8_t protocol = pu::GetIpProtocol(work);
     const uint16_t srcPort = pu::GetSourcePort(work), dstPort = pu::GetDestinationPort(work);
     if (outbound) {
-        const uint32_t kind = nat.ClassifyInternalPacket(protocol, pu::GetSourceMac(work), dstMac, srcIp,
+        const auto kind = nat.ClassifyInternalPacket(protocol, pu::GetSourceMac(work), dstMac, srcIp,
                                                          pu::GetDestinationIp(work), srcPort, dstPort);
         benchmark::DoNotOptimize(&nat.TranslateInternalToExternal(kind, work, "int0"));
     } else {
-        const uint32_t kind = nat.ClassifyExternalPacket(protocol, dstMac, srcIp, srcPort, dstPort);
+        const auto kind = nat.ClassifyExternalPacket(protocol, dstMac, srcIp, srcPort, dstPort);
         benchmark::DoNotOptimize(&nat.TranslateExternalToInternal(kind, work, "ext0"));
     }
 }

@@ -101,7 +101,8 @@ Bpf::Fd MakeSendSocket(int ifindex, uint32_t mark) {
     if (!fd.Valid()) return fd;
     if (setsockopt(fd.Get(), SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0 || !EnableVnetHeader(fd.Get()) ||
         !BindToInterface(fd.Get(), ifindex, 0)) {
-        Log("Linux filter driver: send socket on ifindex " + std::to_string(ifindex) + " failed: " + ErrnoText(errno), 0);
+        Log("Linux filter driver: send socket on ifindex " + std::to_string(ifindex) + " failed: " + ErrnoText(errno),
+            LogLevel::Debug);
         return Bpf::Fd();
     }
     SetBuffer(fd.Get(), SO_SNDBUFFORCE, SO_SNDBUF, kSendBufferBytes);
@@ -342,7 +343,7 @@ bool LinuxFilterDriverApi::EnsurePrograms() {
     int code = 0;
     std::string error;
     if (!Bpf::LoadTunnelPrograms(programs_, code, error)) {
-        Log("Linux filter driver: loading the tcx programs failed: " + ErrnoText(code) + " " + error, 0);
+        Log("Linux filter driver: loading the tcx programs failed: " + ErrnoText(code) + " " + error, LogLevel::Debug);
         return false;
     }
     return true;
@@ -402,7 +403,7 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
         code = errno;
     }
     if (!egress.Valid()) {
-        Log("Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code), 0);
+        Log("Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code), LogLevel::Debug);
         ingress.Reset();
         return false;
     }

@@ -39,19 +39,19 @@ protected:
 }  // namespace
 
 TEST_F(LoggerTest, ThresholdDecidesWhichLevelsAreWritten) {
-    Log("debug line", 0);
-    Log("info line", 1);
-    Log("error line", 2);
-    Log("never", 3);
-    Log("never", -1);
+    Log("debug line", LogLevel::Debug);
+    Log("info line", LogLevel::Info);
+    Log("error line", LogLevel::Error);
+    Log("never", static_cast<LogLevel>(3));
+    Log("never", static_cast<LogLevel>(-1));
     EXPECT_EQ(ndtest::LogEntries(File(0)), (std::vector<std::string>{"INFO;info line", "ERROR;error line"}));
 
     Logger::Instance().SetThreshold(1);
-    Log("info dropped", 1);
-    Log("error kept", 2);
+    Log("info dropped", LogLevel::Info);
+    Log("error kept", LogLevel::Error);
     Logger::Instance().SetThreshold(3);
-    Log("debug kept", 0);
-    Log("still never", 3);
+    Log("debug kept", LogLevel::Debug);
+    Log("still never", static_cast<LogLevel>(3));
     Logger::Instance().WriteRank("rank three", 3);
     Logger::Instance().SetThreshold(4);
     Logger::Instance().WriteRank("rank four", 4);
@@ -61,7 +61,7 @@ TEST_F(LoggerTest, ThresholdDecidesWhichLevelsAreWritten) {
 }
 
 TEST_F(LoggerTest, LinesCarryAUtcStampWithABlankBeforeTheT) {
-    Log("stamped", 1);
+    Log("stamped", LogLevel::Info);
     const auto lines = ndtest::ReadLines(File(0));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\d{4}-\d{2}-\d{2} T\d{2}:\d{2}:\d{2},\d{3};INFO;stamped)")))
@@ -71,7 +71,7 @@ TEST_F(LoggerTest, LinesCarryAUtcStampWithABlankBeforeTheT) {
 TEST_F(LoggerTest, RingRotatesThroughItsFilesAndTruncatesOnReuse) {
     Logger::Instance().SetMaxFileSize(100);
     const std::string text(60, 'x');  // each line is about 90 bytes with its stamp
-    for (int i = 0; i < 7; ++i) Log(text + std::to_string(i), 1);
+    for (int i = 0; i < 7; ++i) Log(text + std::to_string(i), LogLevel::Info);
     // Two lines per file: 0,1 | 2,3 | 4,5 | then 6 goes to file 0, which starts empty.
     EXPECT_EQ(ndtest::LogEntries(File(0)), (std::vector<std::string>{"INFO;" + text + "6"}));
     EXPECT_EQ(ndtest::LogEntries(File(1)).size(), 2u);
@@ -81,10 +81,10 @@ TEST_F(LoggerTest, RingRotatesThroughItsFilesAndTruncatesOnReuse) {
 
 TEST_F(LoggerTest, ARestartContinuesTheNewestFileOfTheRing) {
     Logger::Instance().SetMaxFileSize(100);
-    for (int i = 0; i < 3; ++i) Log(std::string(60, 'y') + std::to_string(i), 1);  // files 0 and 1
+    for (int i = 0; i < 3; ++i) Log(std::string(60, 'y') + std::to_string(i), LogLevel::Info);  // files 0 and 1
     // Re-pointing the logger makes it scan the ring again, as a new process would.
     Logger::Instance().SetDirectory(dir_.Path() + "/");
-    Log("after restart", 1);
+    Log("after restart", LogLevel::Info);
     EXPECT_EQ(ndtest::LogEntries(File(1)).back(), "INFO;after restart");
 }
 
@@ -92,7 +92,8 @@ TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
     std::vector<std::thread> writers;
     for (int t = 0; t < 4; ++t)
         writers.emplace_back([t] {
-            for (int i = 0; i < 200; ++i) Log("writer " + std::to_string(t) + " line " + std::to_string(i), 1);
+            for (int i = 0; i < 200; ++i) Log("writer " + std::to_string(t) + " line " + std::to_string(i),
+                                              LogLevel::Info);
         });
     for (auto& w : writers) w.join();
     const auto entries = ndtest::LogEntries(File(0));

@@ -17,12 +17,12 @@ size_t Allocations(Nat::NetworkAddressTranslator& nat, const Frame& original, Fr
     return AllocationsOf([&] {
         for (int i = 0; i < rounds; ++i) {
             work.assign(original.begin(), original.end());
-            const uint32_t kind =
+            const auto kind =
                 f.protocol == 1 ? nat.ClassifyIcmpPacket(work, !outbound)
                 : outbound      ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
                                                       f.dstPort)
                          : nat.ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-            if (kind == 0) return;
+            if (kind == Nat::TranslationKind::None) return;
             if (outbound)
                 nat.TranslateInternalToExternal(kind, work, "int0");
             else

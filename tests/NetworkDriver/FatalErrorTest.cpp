@@ -36,7 +36,7 @@ TEST(FatalErrorDeathTest, AFailureInsideALogWriteIsStillLogged) {
             ::close(STDOUT_FILENO);  // the console write fails and throws inside the logger's lock
             std::cout.exceptions(std::ios::badbit);
             // Uncaught on its own thread: terminate runs with the lock still held by that thread.
-            std::thread([] { Log("a line that cannot be written", 1); }).join();
+            std::thread([] { Log("a line that cannot be written", LogLevel::Info); }).join();
         },
         testing::KilledBySignal(SIGABRT), "");
     const auto lines = ndtest::LogEntries(dir.Path() + "/log_0.txt");
@@ -51,7 +51,7 @@ TEST(FatalErrorDeathTest, ALogWriteStuckOnAnotherThreadDoesNotHoldTheProcess) {
         {
             LogInto(dir.Path());
             // Opening a FIFO nobody reads blocks: that thread keeps the lock for good.
-            std::thread([] { Log("blocked", 1); }).detach();
+            std::thread([] { Log("blocked", LogLevel::Info); }).detach();
             std::this_thread::sleep_for(std::chrono::milliseconds(300));
             std::terminate();
         },

@@ -86,6 +86,9 @@ TEST(Messages, StartNatLogLineCarriesEveryFieldWithoutSeparators) {
                               "GW MAC: 02:00:00:00:01:01", "GW IP: 10.0.1.254"})
         EXPECT_NE(line.find(piece), std::string::npos) << piece << "\n" << line;
     EXPECT_EQ(line.find("1,234,567"), std::string::npos);
+    // The labelled IP and port are the rule's source side only, not its target's.
+    EXPECT_EQ(line.find(", IP: ", line.find(", IP: ") + 1), std::string::npos) << line;
+    EXPECT_EQ(line.find(", port: ", line.find(", port: ") + 1), std::string::npos) << line;
 }
 
 TEST(Messages, EmptyListsAndProtocolWording) {

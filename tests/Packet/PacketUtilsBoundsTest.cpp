@@ -41,23 +41,17 @@ const Frame& ArpFrame() {
 
 // TCP frame, IHL 20: IHL-relative thresholds are 20 more than their offsets.
 const Threshold kTcpThresholds[] = {
-    {[](Frame& f) { pu::GetDestinationMacAddress(f); }, 6, "getting destination MAC address"},
     {[](Frame& f) { pu::GetDestinationMac(f); }, 6, "getting destination MAC address"},
-    {[](Frame& f) { pu::SetDestinationMacAddress(f, Bytes(6, 1)); }, 6, "setting destination MAC address"},
     {[](Frame& f) { pu::SetDestinationMac(f, MacAddress{}); }, 6, "setting destination MAC address"},
-    {[](Frame& f) { pu::GetSourceMacAddress(f); }, 12, "getting source MAC address"},
     {[](Frame& f) { pu::GetSourceMac(f); }, 12, "getting source MAC address"},
-    {[](Frame& f) { pu::SetSourceMacAddress(f, Bytes(6, 1)); }, 12, "setting source MAC address"},
     {[](Frame& f) { pu::SetSourceMac(f, MacAddress{}); }, 12, "setting source MAC address"},
     {[](Frame& f) { pu::GetFrameType(f); }, 13, "getting ethernet frame type"},
     {[](Frame& f) { pu::GetIpHeaderSize(f); }, 14, "getting IP header size"},
     {[](Frame& f) { pu::GetIpPacketTotalLength(f); }, 17, "getting IP packet total length"},
     {[](Frame& f) { pu::SetIpPacketTotalLength(f, 5); }, 17, "setting IP packet total length"},
     {[](Frame& f) { pu::GetIpProtocol(f); }, 23, "getting IP protocol"},
-    {[](Frame& f) { pu::GetSourceIpAddress(f); }, 30, "getting source IP address"},
     {[](Frame& f) { pu::GetSourceIp(f); }, 30, "getting source IP address"},
     {[](Frame& f) { pu::SetSourceIpAddress(f, Bytes(4, 1)); }, 30, "setting source IP address"},
-    {[](Frame& f) { pu::GetDestinationIpAddress(f); }, 34, "getting destination IP address"},
     {[](Frame& f) { pu::GetDestinationIp(f); }, 34, "getting destination IP address"},
     {[](Frame& f) { pu::SetDestinationIpAddress(f, Bytes(4, 1)); }, 34, "setting destination IP address"},
     {[](Frame& f) { pu::GetSourcePort(f); }, 35, "getting source port"},

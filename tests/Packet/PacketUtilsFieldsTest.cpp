@@ -8,16 +8,12 @@ namespace pu = Nat::PacketUtils;
 
 TEST(PacketFields, ReadsEveryFieldOfKernelFrames) {
     const Frame syn = KernelTcpSynFrame();
-    EXPECT_EQ(pu::GetDestinationMacAddress(syn), (Bytes{0x66, 0xc7, 0x37, 0x25, 0x95, 0x15}));
-    EXPECT_EQ(pu::GetSourceMacAddress(syn), (Bytes{0x5e, 0xa6, 0x0e, 0x0c, 0xd5, 0x59}));
     EXPECT_EQ(pu::GetDestinationMac(syn), Mac("66:c7:37:25:95:15"));
     EXPECT_EQ(pu::GetSourceMac(syn), Mac("5e:a6:0e:0c:d5:59"));
     EXPECT_EQ(pu::GetFrameType(syn), 0x0800);
     EXPECT_EQ(pu::GetIpHeaderSize(syn), 20u);
     EXPECT_EQ(pu::GetIpPacketTotalLength(syn), 60);
     EXPECT_EQ(pu::GetIpProtocol(syn), 6);
-    EXPECT_EQ(pu::GetSourceIpAddress(syn), ToBytes(Ip("10.77.0.1")));
-    EXPECT_EQ(pu::GetDestinationIpAddress(syn), ToBytes(Ip("10.77.0.2")));
     EXPECT_EQ(pu::GetSourceIp(syn), Ip("10.77.0.1"));
     EXPECT_EQ(pu::GetDestinationIp(syn), Ip("10.77.0.2"));
     EXPECT_EQ(pu::GetSourcePort(syn), 46084);
@@ -42,8 +38,8 @@ TEST(PacketFields, ReadsEveryFieldOfKernelFrames) {
 TEST(PacketFields, PlainSettersWriteTheirBytesAndNothingElse) {
     const Frame original = FrameBuilder::Tcp().Payload("payload!").Build();
     Frame f = original;
-    pu::SetDestinationMacAddress(f, ToBytes(Mac("aa:bb:cc:dd:ee:ff")));
-    pu::SetSourceMacAddress(f, ToBytes(Mac("11:22:33:44:55:66")));
+    pu::SetDestinationMac(f, Mac("aa:bb:cc:dd:ee:ff"));
+    pu::SetSourceMac(f, Mac("11:22:33:44:55:66"));
     pu::SetSourceIpAddress(f, ToBytes(Ip("192.168.7.9")));
     pu::SetDestinationIpAddress(f, ToBytes(Ip("8.8.4.4")));
     pu::SetIpPacketTotalLength(f, 0xBEEF);
@@ -53,13 +49,6 @@ TEST(PacketFields, PlainSettersWriteTheirBytesAndNothingElse) {
     const size_t offsets[] = {0, 6, 26, 30, 16};
     for (size_t i = 0; i < 5; ++i) std::copy(newBytes[i].begin(), newBytes[i].end(), expected.begin() + offsets[i]);
     EXPECT_EQ(f, expected);  // in particular neither checksum was touched
-
-    Frame g = original;
-    pu::SetDestinationMac(g, Mac("aa:bb:cc:dd:ee:ff"));
-    pu::SetSourceMac(g, Mac("11:22:33:44:55:66"));
-    EXPECT_EQ(pu::GetDestinationMacAddress(g), newBytes[0]);
-    EXPECT_EQ(pu::GetSourceMacAddress(g), newBytes[1]);
-    EXPECT_EQ(Frame(g.begin() + 12, g.end()), Frame(original.begin() + 12, original.end()));
 }
 
 TEST(PacketFields, ChecksumKeepingWritersWriteTheirFields) {
@@ -69,7 +58,7 @@ TEST(PacketFields, ChecksumKeepingWritersWriteTheirFields) {
     pu::SetDestinationPort(f, 0xFEDC);
     pu::SetTcpSequenceNumber(f, 0xDEADBEEF);
     pu::SetAcknowledgmentNumber(f, 0x01020304);
-    pu::UpdateSourceIpAddress(f, ToBytes(Ip("1.2.3.4")));
+    pu::UpdateSourceIp(f, Ip("1.2.3.4"));
     pu::UpdateDestinationIp(f, Ip("5.6.7.8"));
     EXPECT_EQ(Be16(f, 38), 1234);
     EXPECT_EQ(Be16(f, 40), 0xFEDC);
@@ -157,10 +146,6 @@ TEST(PacketFields, ArpFieldsAndReplyRecognition) {
 
 TEST(PacketFields, ValueSizeIsCheckedBeforeFrameSize) {
     Frame tiny(3);
-    EXPECT_EQ(Thrown([&] { pu::SetSourceMacAddress(tiny, Bytes(5)); }), "Unexpected MAC address value");
-    EXPECT_EQ(Thrown([&] { pu::SetDestinationMacAddress(tiny, Bytes(7)); }), "Unexpected MAC address value");
-    EXPECT_EQ(Thrown([&] { pu::SetSourceMacAddress(tiny, Bytes(6)); }),
-              "Error setting source MAC address, unexpected packet size: 3");
     EXPECT_EQ(Thrown([&] { pu::SetSourceIpAddress(tiny, Bytes(16)); }),
               "SetSourceIpAddress: unexpected IP address value, size: 16");
     EXPECT_EQ(Thrown([&] { pu::SetDestinationIpAddress(tiny, Bytes{}); }),

@@ -24,8 +24,8 @@ using ndtest::LogCapture;
 namespace {
 
 // Binds a fresh wildcard socket of the protocol to `port`: the descriptor, or -errno.
-int TryBind(uint32_t protocol, uint16_t port) {
-    const int fd = socket(AF_INET, protocol == PortPool::kTcp ? SOCK_STREAM : SOCK_DGRAM, 0);
+int TryBind(PortPool::Kind protocol, uint16_t port) {
+    const int fd = socket(AF_INET, protocol == PortPool::Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM, 0);
     if (fd < 0) return -errno;
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -40,7 +40,7 @@ int TryBind(uint32_t protocol, uint16_t port) {
 }
 
 // A port that is free right now (bound and released again).
-uint16_t FreePort(uint32_t protocol) {
+uint16_t FreePort(PortPool::Kind protocol) {
     const int fd = TryBind(protocol, 0);
     if (fd < 0) throw std::runtime_error("no free port");
     sockaddr_in address{};
@@ -50,7 +50,7 @@ uint16_t FreePort(uint32_t protocol) {
     return ntohs(address.sin_port);
 }
 
-bool HeldElsewhere(uint32_t protocol, uint16_t port) {
+bool HeldElsewhere(PortPool::Kind protocol, uint16_t port) {
     const int fd = TryBind(protocol, port);
     if (fd >= 0) close(fd);
     return fd == -EADDRINUSE;
@@ -62,12 +62,12 @@ std::vector<uint32_t> PortsOf(SocketPortPool& pool) {
     return ports;
 }
 
-class SocketPortPoolTest : public ::testing::TestWithParam<uint32_t> {};
+class SocketPortPoolTest : public ::testing::TestWithParam<PortPool::Kind> {};
 
 }  // namespace
 
 TEST_P(SocketPortPoolTest, ReservedPortsAreReallyBoundUntilFreed) {
-    const uint32_t protocol = GetParam();
+    const PortPool::Kind protocol = GetParam();
     SocketPortPool pool(protocol, 5, {});
     const std::vector<uint32_t> ports = PortsOf(pool);
     ASSERT_EQ(ports.size(), 5u);
@@ -82,7 +82,7 @@ TEST_P(SocketPortPoolTest, ReservedPortsAreReallyBoundUntilFreed) {
 }
 
 TEST_P(SocketPortPoolTest, CustomPortsAreHeldButNotHandedOutAndDestructionReleasesAll) {
-    const uint32_t protocol = GetParam();
+    const PortPool::Kind protocol = GetParam();
     const uint16_t a = FreePort(protocol), b = FreePort(protocol);
     std::vector<uint32_t> ports;
     {
@@ -98,7 +98,7 @@ TEST_P(SocketPortPoolTest, CustomPortsAreHeldButNotHandedOutAndDestructionReleas
 }
 
 TEST_P(SocketPortPoolTest, CustomPortInUseFailsThePoolAndLeavesNothingOpen) {
-    const uint32_t protocol = GetParam();
+    const PortPool::Kind protocol = GetParam();
     // The smaller port is opened first and must be closed again when the busy one fails.
     const uint16_t a = FreePort(protocol), b = FreePort(protocol);
     ASSERT_NE(a, b);
@@ -123,8 +123,8 @@ TEST_P(SocketPortPoolTest, ZeroCountGivesNothing) {
 }
 
 TEST_P(SocketPortPoolTest, StepsAreLoggedAtLevelThree) {
-    const uint32_t protocol = GetParam();
-    const std::string name = protocol == PortPool::kTcp ? "TCP" : "UDP";
+    const PortPool::Kind protocol = GetParam();
+    const std::string name = protocol == PortPool::Kind::Tcp ? "TCP" : "UDP";
     const uint16_t custom = FreePort(protocol);
     LogCapture log(3);
     {
@@ -140,14 +140,14 @@ TEST_P(SocketPortPoolTest, StepsAreLoggedAtLevelThree) {
     EXPECT_EQ(log.Count("DEBUG;Freeing " + name + " ports"), 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPool::kTcp, PortPool::kUdp),
-                         [](const auto& info) { return info.param == PortPool::kTcp ? "Tcp" : "Udp"; });
+INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPool::Kind::Tcp, PortPool::Kind::Udp),
+                         [](const auto& info) { return info.param == PortPool::Kind::Tcp ? "Tcp" : "Udp"; });
 
 // More ports than descriptors: the pool ends short, logs one INFO line per missing port,
 // and returns. Run in a child with a small descriptor limit (and an alarm against hangs).
 TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
     LogCapture log(2);
-    Log("descriptor limit test", 1);  // opens the log file before the limit is lowered
+    Log("descriptor limit test", LogLevel::Info);  // opens the log file before the limit is lowered
     int channel[2];
     ASSERT_EQ(pipe(channel), 0);
     const uint32_t wanted = 40;
@@ -172,7 +172,7 @@ TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
         uint32_t got = 0;
         {
-            SocketPortPool pool(PortPool::kTcp, wanted, {});
+            SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
             std::vector<uint32_t> ports;
             pool.GetPorts(ports);
             got = static_cast<uint32_t>(ports.size());

@@ -156,3 +156,51 @@ TEST(SessionOpen, ARefusedAdapterGivesBackTheOnesRegisteredBeforeIt) {
     // The adapter works as without the daemon: nothing is diverted any more.
     EXPECT_FALSE(network->InjectFromWire(kInt, Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 1, 2, 1, 0, kSyn})));
 }
+
+namespace {
+
+// An engine whose classification of internal frames fails.
+class FailingEngine : public Nat::NetworkAddressTranslator {
+public:
+    using NetworkAddressTranslator::NetworkAddressTranslator;
+    Nat::TranslationKind ClassifyInternalPacket(uint8_t, const MacAddress&, const MacAddress&, const Ipv4Address&,
+                                                const Ipv4Address&, uint32_t, uint32_t) override {
+        throw Nat::Exception("classification failed");
+    }
+};
+
+class FailingSession : public TranslationSession {
+public:
+    FailingSession(FilterDriversPublisher* publisher, IArpCache* arp) : TranslationSession("NAT", publisher, arp) {
+        OpenSettings settings;
+        settings.internalAdapters = {Net::Internal()};
+        settings.externalAdapters = {Net::External()};
+        settings.internalAdapters[0].id = kInt;
+        settings.externalAdapters[0].id = kExt;
+        const Nat::AdapterMapping mapping{settings.externalAdapters[0], settings.internalAdapters[0]};
+        Open(settings, [&](const std::vector<uint32_t>& tcp, const std::vector<uint32_t>& udp) {
+            return std::make_unique<FailingEngine>(tcp, udp, 60000, std::vector<Nat::RedirectRule>{},
+                                                   std::vector<Nat::AdapterMapping>{mapping}, Nat::ProxyInfo{},
+                                                   std::vector<std::vector<uint8_t>>{}, arp);
+        });
+    }
+    ~FailingSession() override { Unsubscribe(); }
+};
+
+}  // namespace
+
+TEST(SessionReceive, AFrameWhoseClassificationFailsIsDropped) {
+    auto network = InMemoryNetwork::Create();
+    auto guard = network->Install();
+    network->AddAdapter(kInt, kIntMac);
+    network->AddAdapter(kExt, kExtMac);
+    FilterDriversPublisher publisher;
+    ArpCache arp(&publisher);
+    FailingSession session(&publisher, &arp);
+    ASSERT_EQ(session.Status(), 1u);
+    ASSERT_TRUE(network->InjectFromWire(kInt, Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 443, 1, 0, kSyn})));
+    ASSERT_TRUE(network->Settle(kInt));
+    ASSERT_TRUE(network->Settle(kExt));
+    EXPECT_TRUE(network->SentToStack(kInt).empty()) << "passed on to the stack";
+    EXPECT_TRUE(network->SentToWire(kExt).empty());
+}

@@ -97,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             for (size_t i = 0; i < length && !in.Empty(); ++i) frame.push_back(in.Byte());
         }
         try {
-            uint32_t kind = (op >> 3) & 3;  // with bit 2: any kind, claimed or not
+            auto kind = static_cast<Nat::TranslationKind>((op >> 3) & 3);  // with bit 2: any kind, claimed or not
             if (!(op & 4)) {
                 if (frame.size() < 34) continue;
                 const Fields f = Parse(frame);
@@ -105,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        : outbound      ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
                                                              f.srcPort, f.dstPort)
                                 : nat.ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-                if (kind == 0) continue;
+                if (kind == Nat::TranslationKind::None) continue;
             }
             if (op & 0x10) {
                 // Cut into fragments at an 8-byte boundary; the tail may come first.

@@ -49,7 +49,7 @@ void IncrementalAgreesWithFull(const Frame& original, uint32_t v) {
     agree([&](Frame& f) { pu::SetSourcePort(f, uint16_t(v)); });
     agree([&](Frame& f) { pu::SetDestinationPort(f, uint16_t(v >> 7)); });
     agree([&](Frame& f) { pu::UpdateSourceIp(f, ip); });
-    agree([&](Frame& f) { pu::UpdateDestinationIpAddress(f, pu::Bytes(ip.begin(), ip.end())); });
+    agree([&](Frame& f) { pu::UpdateDestinationIp(f, ip); });
     if (tcp) {
         agree([&](Frame& f) { pu::SetTcpSequenceNumber(f, v * 2654435761u); });
         agree([&](Frame& f) { pu::SetAcknowledgmentNumber(f, ~v); });

@@ -149,21 +149,23 @@ Bytes IcmpPart(const Frame& frame) {
 
 uint32_t Rig::Out(Frame& frame, const std::string& guid, bool partialChecksum) {
     const Fields f = Parse(frame);
-    const uint32_t kind =
+    const auto kind =
         f.protocol == 1
             ? nat->ClassifyIcmpPacket(frame, false)
             : nat->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort, f.dstPort);
-    if (kind != 0) lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid, partialChecksum);
-    return kind;
+    if (kind != Nat::TranslationKind::None)
+        lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid, partialChecksum);
+    return static_cast<uint32_t>(kind);
 }
 
 uint32_t Rig::In(Frame& frame, const std::string& guid, bool partialChecksum) {
     const Fields f = Parse(frame);
-    const uint32_t kind = f.protocol == 1
+    const auto kind = f.protocol == 1
                               ? nat->ClassifyIcmpPacket(frame, true)
                               : nat->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-    if (kind != 0) lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid, partialChecksum);
-    return kind;
+    if (kind != Nat::TranslationKind::None)
+        lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid, partialChecksum);
+    return static_cast<uint32_t>(kind);
 }
 
 }  // namespace NatTest

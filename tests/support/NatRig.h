@@ -124,7 +124,7 @@ struct Rig {
     static std::vector<uint32_t> Ports(uint32_t first, uint32_t count);
     static Nat::AdapterMapping DefaultMapping() { return {Net::External(), Net::Internal()}; }
 
-    // Classify as the session does, then translate; 0 when not claimed.
+    // Classify as the session does, then translate; the kind as its number, 0 when not claimed.
     uint32_t Out(Frame& frame, const std::string& guid = "int0", bool partialChecksum = false);
     uint32_t In(Frame& frame, const std::string& guid = "ext0", bool partialChecksum = false);
     const Nat::AdapterInfo* lastAdapter = nullptr;
