@@ -343,8 +343,9 @@ TEST_F(PublisherTest, AFullQueueDropsAndCountsFramesByNumberAndByBytes) {
         ASSERT_TRUE(slow.WaitForOffers(1));
         const size_t extra = 100;
         for (size_t i = 0; i < c.fits + extra; ++i) network->InjectFromWire(guidA, frame);
-        // Everything is read from the driver even while the queue is full.
-        for (int i = 0; i < 500 && !network->State(guidA).queue.empty(); ++i) std::this_thread::sleep_for(10ms);
+        // Everything is read from the driver even while the queue is full; a loaded machine may
+        // take a while to count the last batch.
+        for (int i = 0; i < 3000 && publisher->DroppedFrames() < extra + 1; ++i) std::this_thread::sleep_for(10ms);
         EXPECT_EQ(publisher->DroppedFrames(), extra + 1);
         ASSERT_EQ(DropCounts(log).size(), linesBefore + 1) << "one line per second at most";
 
