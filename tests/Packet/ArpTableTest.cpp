@@ -224,13 +224,6 @@ TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
         EXPECT_NE(text.find(entry), std::string::npos) << entry << "\n" << text;
 }
 
-TEST_F(ArpTableTest, NothingIsLoggedUnderTheProcessThreshold) {
-    LogCapture log(2);
-    table.ResolveOrHold(gateway, Numbered(1), kGuid);
-    table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_EQ(log.Text(), "");
-}
-
 TEST(ArpRequest, BroadcastRequestLayout) {
     const Frame request =
         NativeNetworkDriver::BuildArpRequest(Mac("02:11:22:33:44:55"), Ip("192.168.1.50"), Ip("192.168.1.1"));

@@ -28,22 +28,6 @@ std::string RefusalOf(const std::string& text) {
 
 }  // namespace
 
-TEST(Scenario, MalformedFilesAreRefusedNamingFieldAndReason) {
-    EXPECT_EQ(RefusalOf("{\"steps\": [}").rfind("not valid JSON", 0), 0u);
-    EXPECT_EQ(RefusalOf("{}"), "steps: missing");
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "Launch"}]})").rfind("steps[0].send: unknown request \"Launch\"", 0), 0u);
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartVPN", "SupervisorMACAddress": "02:00:00"}]})"),
-              "steps[0].SupervisorMACAddress: not a MAC address (expected aa:bb:cc:dd:ee:ff): \"02:00:00\"");
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartNAT", "tcpPortPoolSize": -4}]})"),
-              "steps[0].tcpPortPoolSize: expected a whole number from 0 to 4294967295");
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartNAT", "rules": [{"fromAdapter": "lo", "fromPort": 70000}]}]})"),
-              "steps[0].rules[0].fromPort: expected a whole number from 0 to 65535");
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "StartICS", "sharedAdapter": "no-such-if0"}]})"),
-              "steps[0].sharedAdapter: no network interface named \"no-such-if0\"");
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"send": "Frame", "hex": "0g"}]})"), "steps[0].hex: not hexadecimal: \"0g\"");
-    EXPECT_EQ(RefusalOf(R"({"steps": [{"sleep": "long"}]})"), "steps[0].sleep: expected a number of seconds");
-}
-
 TEST(Scenario, StepsEncodeTheRequestsTheyName) {
     const json document = {{"steps",
                             {{{"send", "StartVPN"},
