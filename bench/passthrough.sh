@@ -55,7 +55,7 @@ for i in $(seq 1 "$FLOODERS"); do
 done
 wait "${flooders[@]}" || true
 rss_peak=$(awk '/VmHWM/ {print $2}' "/proc/$pid/status")
-drops=$(grep -o 'The frame queue is full: [0-9]*' "$LOG" | awk '{s += $NF} END {print s + 0}')
+drops=$({ grep -o 'The frame queue is full: [0-9]*' "$LOG" || true; } | awk '{s += $NF} END {print s + 0}')
 
 echo "binary: $DAEMON"
 printf '%-34s %14s %14s %8s\n' "measure" "kernel only" "via daemon" "ratio"
