@@ -11,9 +11,10 @@
 #include "FilterDriver/FilterDriver.h"
 #include "FilterDriver/FragmentCollector.h"
 #include "FilterDriver/IFilterDriverDataRead.h"
-#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Packet/IFilterDriversSubscriber.h"
 #include "FilterDriver/WaitHandle.h"
 #include "Packet/Frame.h"
+#include "Packet/IFrameDispatcher.h"
 
 namespace NativeNetworkDriver {
 
@@ -40,7 +41,7 @@ struct QueuedFrame {
 // Locks: subscribersLock (re-entrant) before adaptersLock before the queue lock; capture
 // threads take only the queue lock. Subscribers are called with subscribersLock held, so
 // they must not Register or Unregister from a callback, but may send and look up adapters.
-class FilterDriversPublisher : public IFilterDriverDataRead {
+class FilterDriversPublisher final : public IFilterDriverDataRead, public IFrameDispatcher {
 public:
     FilterDriversPublisher();  // starts the dispatch thread
     ~FilterDriversPublisher() override;
@@ -50,9 +51,9 @@ public:
 
     // Opens the adapters not open yet. False when one cannot be opened; the GUIDs before
     // it stay registered.
-    bool Register(IFilterDriversSubscriber* subscriber, const std::set<std::string>& guids);
-    void Unregister(IFilterDriversSubscriber* subscriber);
-    void Unregister(IFilterDriversSubscriber* subscriber, const std::set<std::string>& guids);
+    bool Register(IFilterDriversSubscriber* subscriber, const std::set<std::string>& guids) override;
+    void Unregister(IFilterDriversSubscriber* subscriber) override;
+    void Unregister(IFilterDriversSubscriber* subscriber, const std::set<std::string>& guids) override;
 
     static constexpr size_t kQueueFrames = 512;
     static constexpr size_t kQueueBytes = 16 * 1024 * 1024;
@@ -75,7 +76,7 @@ public:
 
     // Offers a copy of one wire frame to the subscribers of adapter guid on the calling
     // thread, as captured in the given direction (frames the ARP cache held come back so).
-    void Dispatch(const std::string& guid, const Nat::Frame& frame, bool isSend);
+    void Dispatch(const std::string& guid, const Nat::Frame& frame, bool isSend) override;
 
     void SetHandleVirtualMachine(bool flag) { handleVirtualMachine_ = flag; }
     bool HandleVirtualMachine() const { return handleVirtualMachine_; }

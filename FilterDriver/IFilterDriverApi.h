@@ -3,7 +3,7 @@
 #include <functional>
 #include <memory>
 
-#include "FilterDriver/NdisApiTypes.h"
+#include "Platform/NdisApiTypes.h"
 #include "Packet/Frame.h"
 #include "Packet/SuperFrame.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 // Event wrappers for the capture and dispatch threads, which wait on a "quit" and a
 // "work" handle together.
-#include "FilterDriver/NdisApiTypes.h"
+#include "Platform/NdisApiTypes.h"
 
 // A waitable handle that it does not own: destruction leaves the handle open, because
 // the capture thread wraps the driver client's packet event this way.

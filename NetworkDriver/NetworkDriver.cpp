@@ -1,6 +1,7 @@
 #include "NetworkDriver/NetworkDriver.h"
 
 #include "Logging/Logger.h"
+#include "NetworkDriver/SessionSettings.h"
 #include "Platform/Platform.h"
 
 namespace NativeNetworkDriver {
@@ -123,7 +124,7 @@ void NetworkDriver::OnStartICS(const Bytes& payload) {
         ics.reset();
     }
     if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
-    ics = std::make_unique<ICS>(publisher.get(), arpCache.get(), request);
+    ics = std::make_unique<ICS>(publisher.get(), arpCache.get(), ToIcsSettings(request));
     SendResult(kStartICS, ics ? ics->Status() : 0);
 }
 
@@ -135,7 +136,7 @@ void NetworkDriver::OnStartNAT(const Bytes& payload) {
         nat.reset();
     }
     if (!arpCache) arpCache = std::make_unique<ArpCache>(publisher.get());
-    nat = std::make_unique<NAT>(publisher.get(), arpCache.get(), request);
+    nat = std::make_unique<NAT>(publisher.get(), arpCache.get(), ToNatSettings(request));
     SendResult(kStartNAT, nat ? nat->Status() : 0);
 }
 

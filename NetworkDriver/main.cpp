@@ -50,7 +50,9 @@ int Run() {
 #ifdef _WIN32
     NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateWindowsFilterDriverApi);
 #else
-    NativeNetworkDriver::SetFilterDriverApiFactory(Platform::CreateLinuxFilterDriverApi);
+    NativeNetworkDriver::SetFilterDriverApiFactory([] {
+        return Platform::CreateLinuxFilterDriverApi([](const std::string& text) { Log(text, LogLevel::Debug); });
+    });
 #endif
     {
         NativeNetworkDriver::NetworkDriver driver;

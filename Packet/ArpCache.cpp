@@ -4,13 +4,12 @@
 #include <new>
 #include <utility>
 
-#include "FilterDriver/FilterDriversPublisher.h"
 #include "Logging/Logger.h"
 #include "Packet/PacketUtils.h"
 
 namespace NativeNetworkDriver {
 
-ArpCache::ArpCache(FilterDriversPublisher* publisher, ArpTable::Clock clock) : publisher_(publisher) {
+ArpCache::ArpCache(IFrameDispatcher* publisher, ArpTable::Clock clock) : publisher_(publisher) {
     if (publisher_ == nullptr) return;
     Log("Initializing Arp process", LogLevel::Info);
     try {

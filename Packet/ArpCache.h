@@ -6,13 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Packet/IFilterDriversSubscriber.h"
 #include "Packet/ArpTable.h"
 #include "Packet/IArpCache.h"
+#include "Packet/IFrameDispatcher.h"
 
 namespace NativeNetworkDriver {
-
-class FilterDriversPublisher;
 
 // Learns bindings from the ARP replies seen on the adapters its sessions watch, and puts
 // frames held for an unresolved next hop back into the publisher once the reply is seen.
@@ -20,7 +19,7 @@ class FilterDriversPublisher;
 class ArpCache : public IFilterDriversSubscriber, public IArpCache, public Nat::IResolvedPacketSubscriber {
 public:
     // A null publisher gives an inert cache without a table.
-    explicit ArpCache(FilterDriversPublisher* publisher, ArpTable::Clock clock = {});
+    explicit ArpCache(IFrameDispatcher* publisher, ArpTable::Clock clock = {});
     ~ArpCache() override;
     ArpCache(const ArpCache&) = delete;
     ArpCache& operator=(const ArpCache&) = delete;
@@ -41,7 +40,7 @@ public:
 
 private:
     std::mutex registrationLock_;  // never held together with the table's lock
-    FilterDriversPublisher* publisher_;
+    IFrameDispatcher* publisher_;
     std::unique_ptr<ArpTable> table_;
     // A GUID is registered with the publisher while at least one session wants it.
     std::map<std::string, std::vector<const void*>> registrations_;

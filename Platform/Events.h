@@ -2,7 +2,7 @@
 // Auto-reset events and the two-handle wait of the capture and dispatch threads.
 // Windows: event objects. POSIX: eventfd descriptors; the wait also accepts any other
 // pollable descriptor (the Linux driver backend's packet event is an epoll descriptor).
-#include "FilterDriver/NdisApiTypes.h"
+#include "Platform/NdisApiTypes.h"
 
 namespace Platform {
 

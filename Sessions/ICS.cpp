@@ -4,19 +4,17 @@
 
 namespace NativeNetworkDriver {
 
-ICS::ICS(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartICSRequest& request)
+ICS::ICS(FilterDriversPublisher* publisher, IArpCache* arpCache, const IcsSettings& ics)
     : TranslationSession("ICS", publisher, arpCache) {
     OpenSettings settings;
-    settings.tcpPoolSize = request.TcpPortPoolSize;
-    settings.udpPoolSize = request.UdpPortPoolSize;
-    const Nat::AdapterInfo shared = ToEngineAdapter(request.sharedAdapter);
-    settings.externalAdapters.push_back(shared);
-    for (const auto& a : request.internalAdapters) settings.internalAdapters.push_back(ToEngineAdapter(a));
-    const Nat::ProxyInfo proxy = ToEngineProxy(request.proxy);
-    const uint32_t timeout = TimeoutToMilliseconds(request.IcsTableEntryTimeout);
+    settings.tcpPoolSize = ics.tcpPoolSize;
+    settings.udpPoolSize = ics.udpPoolSize;
+    settings.externalAdapters.push_back(ics.sharedAdapter);
+    settings.internalAdapters = ics.internalAdapters;
     Open(settings, [&](const std::vector<uint32_t>& tcp, const std::vector<uint32_t>& udp) {
-        return std::make_unique<Nat::InternetConnectionSharing>(tcp, udp, timeout, shared, settings.internalAdapters,
-                                                                proxy, request.MacAddressWhiteList, arpCache);
+        return std::make_unique<Nat::InternetConnectionSharing>(tcp, udp, ics.entryTimeoutMs, ics.sharedAdapter,
+                                                                settings.internalAdapters, ics.proxy,
+                                                                ics.macWhiteList, arpCache);
     });
 }
 

@@ -6,7 +6,7 @@ namespace NativeNetworkDriver {
 // Connection sharing: the hosts behind the internal adapters reach the shared adapter's network.
 class ICS : public TranslationSession {
 public:
-    ICS(FilterDriversPublisher* publisher, IArpCache* arpCache, const StartICSRequest& request);
+    ICS(FilterDriversPublisher* publisher, IArpCache* arpCache, const IcsSettings& ics);
     ~ICS() override { Unsubscribe(); }
 };
 

@@ -63,31 +63,6 @@ std::array<uint8_t, N> ToArray(const std::vector<uint8_t>& bytes) {
 
 }  // namespace
 
-Nat::AdapterInfo ToEngineAdapter(const AdapterInfo& a) {
-    Nat::AdapterInfo out;
-    out.id = a.ID;
-    out.name = a.name;
-    out.mac = a.MAC;
-    for (const auto& ip : a.IPs) out.ips.push_back({ip.address, ip.mask});
-    out.gatewayMac = a.GWMAC;
-    out.gatewayIp = a.GWIP;
-    return out;
-}
-
-Nat::ProxyInfo ToEngineProxy(const ProxyInfo& p) {
-    Nat::ProxyInfo out;
-    out.hasProxy = p.hasProxy;
-    out.mac = p.ProxyMacAddress;
-    out.ip = p.ProxyIpAddress;
-    out.port = p.ProxyPort;
-    return out;
-}
-
-uint32_t TimeoutToMilliseconds(uint32_t seconds) {
-    constexpr uint32_t kMax = std::numeric_limits<uint32_t>::max();
-    return seconds > kMax / 1000 ? kMax : seconds * 1000;
-}
-
 TranslationSession::TranslationSession(std::string word, FilterDriversPublisher* publisher, IArpCache* arpCache)
     : word_(std::move(word)), publisher_(publisher), arpCache_(arpCache) {}
 

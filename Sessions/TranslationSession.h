@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Packet/IFilterDriversSubscriber.h"
 #include "Nat/NetworkAddressTranslator.h"
-#include "NetworkDriver/Messages.h"
 #include "Packet/IArpCache.h"
 #include "Packet/NatException.h"
 #include "PortPool/SocketPortPool.h"
+#include "Sessions/SessionSettings.h"
 
 namespace NativeNetworkDriver {
 
@@ -91,12 +91,5 @@ private:
     bool publisherRegistered_ = false;
     Nat::Frame segment_;  // reused for every wire frame cut from a super-frame
 };
-
-// Engine-side copies of the control message's records.
-Nat::AdapterInfo ToEngineAdapter(const AdapterInfo& adapter);
-Nat::ProxyInfo ToEngineProxy(const ProxyInfo& proxy);
-
-// The timeouts of the start requests are given in seconds; the engine counts milliseconds.
-uint32_t TimeoutToMilliseconds(uint32_t seconds);
 
 }  // namespace NativeNetworkDriver

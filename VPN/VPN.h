@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Packet/IFilterDriversSubscriber.h"
 #include "Packet/Frame.h"
 #include "Packet/SuperFrame.h"
 #include "VPN/IVPNDataRead.h"

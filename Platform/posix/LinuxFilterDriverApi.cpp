@@ -14,9 +14,9 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "Logging/Logger.h"
 #include "Platform/FilterDriverBackend.h"
 #include "Platform/InterfaceGuid.h"
 #include "Platform/posix/LinuxInterfaces.h"
@@ -53,6 +53,10 @@ constexpr long kSendTimeoutMicroseconds = 200000;  // a wedged device must not s
 constexpr uint32_t kMaxFilterTableSize = 1024;
 
 std::string ErrnoText(int code) { return std::to_string(code); }
+
+void Report(const DiagnosticSink& diagnostics, const std::string& text) {
+    if (diagnostics) diagnostics(text);
+}
 
 // Packet sockets write and read the header in host byte order.
 Nat::FrameOffload ParseVnetHeader(const uint8_t* bytes) {
@@ -95,14 +99,14 @@ bool BindToInterface(int fd, int ifindex, uint16_t protocol) {
 }
 
 // A socket that only sends, with the mark that routes its frames through the egress program.
-Bpf::Fd MakeSendSocket(int ifindex, uint32_t mark) {
+Bpf::Fd MakeSendSocket(int ifindex, uint32_t mark, const DiagnosticSink& diagnostics) {
     // Protocol 0: the socket never queues received frames.
     Bpf::Fd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     if (!fd.Valid()) return fd;
     if (setsockopt(fd.Get(), SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0 || !EnableVnetHeader(fd.Get()) ||
         !BindToInterface(fd.Get(), ifindex, 0)) {
-        Log("Linux filter driver: send socket on ifindex " + std::to_string(ifindex) + " failed: " + ErrnoText(errno),
-            LogLevel::Debug);
+        Report(diagnostics,
+               "Linux filter driver: send socket on ifindex " + std::to_string(ifindex) + " failed: " + ErrnoText(errno));
         return Bpf::Fd();
     }
     SetBuffer(fd.Get(), SO_SNDBUFFORCE, SO_SNDBUF, kSendBufferBytes);
@@ -300,7 +304,7 @@ void LinuxFilterDriverApi::Adapter::Drain(CaptureSource& s) {
     }
 }
 
-LinuxFilterDriverApi::LinuxFilterDriverApi() = default;
+LinuxFilterDriverApi::LinuxFilterDriverApi(DiagnosticSink diagnostics) : diagnostics_(std::move(diagnostics)) {}
 
 LinuxFilterDriverApi::~LinuxFilterDriverApi() {
     std::map<int, std::shared_ptr<Adapter>> adapters;
@@ -330,8 +334,8 @@ std::shared_ptr<LinuxFilterDriverApi::Adapter> LinuxFilterDriverApi::FindOrCreat
     if (InterfaceName(ifindex).empty()) return nullptr;
     auto adapter = std::make_shared<Adapter>();
     adapter->ifindex = ifindex;
-    adapter->wireSocket = MakeSendSocket(ifindex, Bpf::kMarkToWire);
-    adapter->stackSocket = MakeSendSocket(ifindex, Bpf::kMarkToStack);
+    adapter->wireSocket = MakeSendSocket(ifindex, Bpf::kMarkToWire, diagnostics_);
+    adapter->stackSocket = MakeSendSocket(ifindex, Bpf::kMarkToStack, diagnostics_);
     if (!adapter->wireSocket.Valid() || !adapter->stackSocket.Valid()) return nullptr;
     adapters_.emplace(ifindex, adapter);
     return adapter;
@@ -343,7 +347,7 @@ bool LinuxFilterDriverApi::EnsurePrograms() {
     int code = 0;
     std::string error;
     if (!Bpf::LoadTunnelPrograms(programs_, code, error)) {
-        Log("Linux filter driver: loading the tcx programs failed: " + ErrnoText(code) + " " + error, LogLevel::Debug);
+        Report(diagnostics_, "Linux filter driver: loading the tcx programs failed: " + ErrnoText(code) + " " + error);
         return false;
     }
     return true;
@@ -403,7 +407,7 @@ bool LinuxFilterDriverApi::OpenTunnel(Adapter& adapter) {
         code = errno;
     }
     if (!egress.Valid()) {
-        Log("Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code), LogLevel::Debug);
+        Report(diagnostics_, "Linux filter driver: tunnel mode on " + name + " failed: " + ErrnoText(code));
         ingress.Reset();
         return false;
     }
@@ -638,8 +642,8 @@ LinuxFilterDriverApi::Counters LinuxFilterDriverApi::GetCounters(Handle handle) 
     return adapter->counters;
 }
 
-std::unique_ptr<NativeNetworkDriver::IFilterDriverApi> CreateLinuxFilterDriverApi() {
-    return std::make_unique<LinuxFilterDriverApi>();
+std::unique_ptr<NativeNetworkDriver::IFilterDriverApi> CreateLinuxFilterDriverApi(DiagnosticSink diagnostics) {
+    return std::make_unique<LinuxFilterDriverApi>(std::move(diagnostics));
 }
 
 }  // namespace Platform

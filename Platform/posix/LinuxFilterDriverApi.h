@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "FilterDriver/IFilterDriverApi.h"
+#include "Platform/FilterDriverBackend.h"
 #include "Platform/posix/BpfTunnel.h"
 
 namespace Platform {
@@ -25,7 +26,8 @@ public:
         uint64_t dropped = 0;             // frames that could not be delivered
     };
 
-    LinuxFilterDriverApi();
+    // Why a kernel step failed goes to diagnostics (none: dropped).
+    explicit LinuxFilterDriverApi(DiagnosticSink diagnostics = {});
     ~LinuxFilterDriverApi() override;
     LinuxFilterDriverApi(const LinuxFilterDriverApi&) = delete;
     LinuxFilterDriverApi& operator=(const LinuxFilterDriverApi&) = delete;
@@ -66,6 +68,7 @@ private:
 
     std::mutex programsMutex_;
     Bpf::TunnelPrograms programs_;
+    DiagnosticSink diagnostics_;
 };
 
 }  // namespace Platform

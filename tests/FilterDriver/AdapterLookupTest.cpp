@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "FilterDriver/FilterDriverApiAdapter.h"
-#include "FilterDriver/NdisApiTypes.h"
+#include "Platform/NdisApiTypes.h"
 
 using namespace NdisApi;
 

@@ -6,6 +6,7 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
+#include "NetworkDriver/SessionSettings.h"
 #include "Sessions/NAT.h"
 #include "support/AllocationCounter.h"
 #include "support/InMemoryFilterDriverApi.h"
@@ -44,7 +45,7 @@ protected:
         request.TcpPortPoolSize = 4;
         request.UdpPortPoolSize = 4;
         request.DNatTableEntryTimeout = 60;
-        nat = std::make_unique<NAT>(publisher.get(), arp.get(), request);
+        nat = std::make_unique<NAT>(publisher.get(), arp.get(), ToNatSettings(request));
         ASSERT_EQ(nat->Status(), 1u);
     }
     void TearDown() override {
@@ -150,7 +151,7 @@ TEST(SessionOpen, ARefusedAdapterGivesBackTheOnesRegisteredBeforeIt) {
     request.mappings.push_back({Record(kExt, Net::External()), Record(kInt, Net::Internal())});
     request.TcpPortPoolSize = 1;
     request.UdpPortPoolSize = 1;
-    NAT nat(&publisher, &arp, request);
+    NAT nat(&publisher, &arp, ToNatSettings(request));
     EXPECT_EQ(nat.Status(), 0u);
     EXPECT_EQ(network->AdapterMode(kInt), 0u) << "kInt still held by the failed session";
     // The adapter works as without the daemon: nothing is diverted any more.

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "FilterDriver/IFilterDriversSubscriber.h"
+#include "Packet/IFilterDriversSubscriber.h"
 #include "Packet/Frame.h"
 #include "support/InMemoryFilterDriverApi.h"
 

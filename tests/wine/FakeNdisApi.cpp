@@ -12,7 +12,7 @@
 #include <mutex>
 #include <string>
 
-#include "FilterDriver/NdisApiTypes.h"
+#include "Platform/NdisApiTypes.h"
 
 namespace {
 
