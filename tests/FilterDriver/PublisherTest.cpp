@@ -351,10 +351,10 @@ TEST_F(PublisherTest, AFullQueueDropsAndCountsFramesByNumberAndByBytes) {
         EXPECT_EQ(publisher->DroppedFrames(), extra + 1);
 
         release.set_value();
-        ASSERT_TRUE(slow.WaitForOffers(c.fits));
+        ASSERT_TRUE(slow.WaitForOffers(c.fits, 30s));
         std::this_thread::sleep_for(1100ms);
         network->InjectFromWire(guidA, frame);  // the next batch reports what is left
-        ASSERT_TRUE(slow.WaitForOffers(c.fits + 1));
+        ASSERT_TRUE(slow.WaitForOffers(c.fits + 1, 30s));
         const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         const auto counts = DropCounts(log);
         uint64_t total = 0;

@@ -50,9 +50,9 @@ public:
         std::lock_guard lock(mutex_);
         return std::exchange(offers_, {});
     }
-    bool WaitForOffers(size_t count) const {
+    bool WaitForOffers(size_t count, std::chrono::seconds timeout = std::chrono::seconds(5)) const {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(5), [&] { return offers_.size() >= count; });
+        return changed_.wait_for(lock, timeout, [&] { return offers_.size() >= count; });
     }
 
 private:
