@@ -6,7 +6,6 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
-#include "NetworkDriver/SessionSettings.h"
 #include "Sessions/NAT.h"
 #include "support/AllocationCounter.h"
 #include "support/InMemoryFilterDriverApi.h"
@@ -21,15 +20,16 @@ namespace {
 const std::string kInt = Guid(1);
 const std::string kExt = Guid(2);
 
-NativeNetworkDriver::AdapterInfo Record(const std::string& guid, const Nat::AdapterInfo& engine) {
-    NativeNetworkDriver::AdapterInfo a;
-    a.ID = guid;
-    a.name = engine.name;
-    a.MAC = engine.mac;
-    for (const auto& ip : engine.ips) a.IPs.push_back({ip.address, ip.mask});
-    a.GWMAC = engine.gatewayMac;
-    a.GWIP = engine.gatewayIp;
-    return a;
+// Source NAT from kInt to kExt, the rig's network on the test adapters.
+NatSettings Settings(uint32_t poolSize) {
+    NatSettings s;
+    Nat::AdapterMapping mapping = Rig::DefaultMapping();
+    mapping.external.id = kExt;
+    mapping.internal.id = kInt;
+    s.mappings.push_back(mapping);
+    s.tcpPoolSize = s.udpPoolSize = poolSize;
+    s.entryTimeoutMs = 60000;
+    return s;
 }
 
 // A host behind kInt reaches the world behind kExt's gateway through source NAT.
@@ -40,12 +40,7 @@ protected:
         network->AddAdapter(kExt, kExtMac);
         publisher = std::make_unique<FilterDriversPublisher>();
         arp = std::make_unique<ArpCache>(publisher.get());
-        StartNATRequest request;
-        request.mappings.push_back({Record(kExt, Net::External()), Record(kInt, Net::Internal())});
-        request.TcpPortPoolSize = 4;
-        request.UdpPortPoolSize = 4;
-        request.DNatTableEntryTimeout = 60;
-        nat = std::make_unique<NAT>(publisher.get(), arp.get(), ToNatSettings(request));
+        nat = std::make_unique<NAT>(publisher.get(), arp.get(), Settings(4));
         ASSERT_EQ(nat->Status(), 1u);
     }
     void TearDown() override {
@@ -147,11 +142,7 @@ TEST(SessionOpen, ARefusedAdapterGivesBackTheOnesRegisteredBeforeIt) {
     network->AddAdapter(kInt, kIntMac);  // kExt is missing: the publisher refuses it, after kInt
     FilterDriversPublisher publisher;
     ArpCache arp(&publisher);
-    StartNATRequest request;
-    request.mappings.push_back({Record(kExt, Net::External()), Record(kInt, Net::Internal())});
-    request.TcpPortPoolSize = 1;
-    request.UdpPortPoolSize = 1;
-    NAT nat(&publisher, &arp, ToNatSettings(request));
+    NAT nat(&publisher, &arp, Settings(1));
     EXPECT_EQ(nat.Status(), 0u);
     EXPECT_EQ(network->AdapterMode(kInt), 0u) << "kInt still held by the failed session";
     // The adapter works as without the daemon: nothing is diverted any more.
