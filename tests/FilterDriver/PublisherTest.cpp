@@ -28,6 +28,23 @@ const Nat::MacAddress kPeer{0x02, 0, 0, 0, 0, 0x50};
 const Nat::MacAddress kStranger{0x02, 0, 0, 0, 0, 0x77};
 const Nat::MacAddress kMulticast{0x01, 0x00, 0x5E, 0, 0, 1};
 
+// Holds the dispatch thread in its first offer until Release(); consumes or not.
+class BlockingSubscriber : public RecordingSubscriber {
+public:
+    explicit BlockingSubscriber(bool consumes) {
+        consume = [this, consumes](const Nat::Frame&) {
+            if (!blocked_.exchange(true)) released_.wait();
+            return consumes;
+        };
+    }
+    void Release() { release_.set_value(); }
+
+private:
+    std::promise<void> release_;
+    std::shared_future<void> released_ = release_.get_future().share();
+    std::atomic<bool> blocked_{false};
+};
+
 class PublisherTest : public ::testing::Test {
 protected:
     PublisherTest() : network(InMemoryNetwork::Create()), guard(network->Install()) {
@@ -226,14 +243,7 @@ TEST_F(PublisherTest, FragmentsGivenUpUnderPressureStillGoOn) {
 }
 
 TEST_F(PublisherTest, GroupFramesAreNotHeldBackByABusySubscriber) {
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    std::atomic<bool> blocked{false};
-    RecordingSubscriber slow;
-    slow.consume = [&](const Nat::Frame&) {
-        if (!blocked.exchange(true)) released.wait();
-        return false;
-    };
+    BlockingSubscriber slow(false);
     ASSERT_TRUE(publisher->Register(&slow, {guidA}));
     network->InjectFromWire(guidA, EthernetFrame(kMacA, kPeer, 0x0800, 46));
     ASSERT_TRUE(slow.WaitForOffers(1));
@@ -241,7 +251,7 @@ TEST_F(PublisherTest, GroupFramesAreNotHeldBackByABusySubscriber) {
     network->InjectFromWire(guidA, broadcast);
     EXPECT_TRUE(network->WaitForStack(guidA, 1));
     EXPECT_EQ(Stack(guidA), std::vector<Nat::Frame>{broadcast});
-    release.set_value();
+    slow.Release();
     Settle(guidA);
     EXPECT_EQ(Stack(guidA).size(), 2u);
 }
@@ -329,14 +339,7 @@ TEST_F(PublisherTest, AFullQueueDropsAndCountsFramesByNumberAndByBytes) {
         SCOPED_TRACE(c.frameSize);
         const size_t linesBefore = DropCounts(log).size();
         auto publisher = std::make_unique<FilterDriversPublisher>();
-        std::promise<void> release;
-        std::shared_future<void> released = release.get_future().share();
-        std::atomic<bool> blocked{false};
-        RecordingSubscriber slow;
-        slow.consume = [&](const Nat::Frame&) {
-            if (!blocked.exchange(true)) released.wait();
-            return true;
-        };
+        BlockingSubscriber slow(true);
         ASSERT_TRUE(publisher->Register(&slow, {guidA}));
         Nat::Frame frame = EthernetFrame(kMacA, kPeer, 0x0800, 46);
         frame.resize(c.frameSize);
@@ -350,7 +353,7 @@ TEST_F(PublisherTest, AFullQueueDropsAndCountsFramesByNumberAndByBytes) {
         for (int i = 0; i < 3000 && publisher->DroppedFrames() < extra + 1; ++i) std::this_thread::sleep_for(10ms);
         EXPECT_EQ(publisher->DroppedFrames(), extra + 1);
 
-        release.set_value();
+        slow.Release();
         ASSERT_TRUE(slow.WaitForOffers(c.fits, 30s));
         std::this_thread::sleep_for(1100ms);
         network->InjectFromWire(guidA, frame);  // the next batch reports what is left
