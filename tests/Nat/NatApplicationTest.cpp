@@ -178,7 +178,7 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     EXPECT_EQ(syn.dstPort, 5001);
     EXPECT_EQ(syn.srcIp, kFarIp);
     EXPECT_EQ(data.FromServer(9, 2, kSyn | kAck).srcPort, 5000);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Ip(8, 8, 8, 8), 40001, 5000),
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, Ip(8, 8, 8, 8), {}, 40001, 5000)).kind,
               Nat::TranslationKind::None);  // not the client
 
     // Data activity keeps the idle control connection alive: its own last frame is
@@ -193,9 +193,9 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     // The temporary rule lives 30 s past its last match, then its port returns.
     data.FromClient(2, 10, kRst);
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40002, 5000), Nat::TranslationKind::Dnat);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40002, 5000)).kind, Nat::TranslationKind::Dnat);
     rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40002, 5000), Nat::TranslationKind::None);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40002, 5000)).kind, Nat::TranslationKind::None);
     EXPECT_EQ(rig.nat->Rules().size(), 1u);
     EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
 }

@@ -128,9 +128,8 @@ TEST(NatLifetime, RuleEntriesExpireOnTheWayOutAndNewRuleEntriesSweep) {
     ASSERT_EQ(rig.In(syn), 2u);
     rig.now += 60000;
     Frame reply = Tcp({kServerMac, kSrvMac, kServerIp, kFarIp, 80, 33000, 5, 2, kSyn | kAck});
-    EXPECT_EQ(rig.nat->ClassifyInternalPacket(6, kServerMac, kSrvMac, kServerIp, kFarIp, 80, 33000),
-              Nat::TranslationKind::Dnat);
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Dnat, reply, "srv0"); }),
+    // Still claimed as a reply of the published service, then refused.
+    EXPECT_EQ(Thrown([&] { rig.Out(reply, "srv0"); }),
               "Internal host info timeout exceeded for remoteIP: 93.184.216.34 remotePort: 33000 externalPort: 8080. "
               "The packet will be discarded");
     EXPECT_EQ(rig.nat->TcpTable().EntryCount(), 1u);  // the idle SNAT entry is still there
@@ -153,11 +152,11 @@ TEST(NatLifetime, TemporaryRuleLivesThirtySecondsAfterItsLastMatch) {
                                                               std::vector<Nat::AdapterMapping>{}, Nat::ProxyInfo{},
                                                               std::vector<Bytes>{}, &rig.arp, [&rig] { return rig.now; });
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40000, 5100), Nat::TranslationKind::Dnat);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40000, 5100)).kind, Nat::TranslationKind::Dnat);
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40000, 5100), Nat::TranslationKind::Dnat);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40000, 5100)).kind, Nat::TranslationKind::Dnat);
     rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40000, 5100), Nat::TranslationKind::None);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40000, 5100)).kind, Nat::TranslationKind::None);
     EXPECT_TRUE(rig.nat->Rules().empty());
     EXPECT_EQ(rig.nat->TcpTable().FreePorts(), (std::vector<uint32_t>{5000, 5001, 5100}));
 }
@@ -209,14 +208,21 @@ TEST(NatHostileInput, TruncatedAndLyingFramesAreAnsweredOrRefused) {
     const Frame inbound = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 1234, 8080, 1, 0, kSyn, "x"});
 
     auto drive = [&](Frame frame) {
+        for (bool fromExternal : {false, true}) {
+            Frame work = frame;
+            try {
+                rig.nat->Translate(fromExternal, work, Nat::ReadFrameView(work), fromExternal ? "ext0" : "int0");
+            } catch (const Nat::Exception&) {
+            }
+        }
         for (auto kind : {Nat::TranslationKind::Snat, Nat::TranslationKind::Dnat}) {
             Frame out = frame, in = frame;
             try {
-                rig.nat->TranslateInternalToExternal(kind, out, "int0");
+                rig.Forced(kind, false, out, "int0");
             } catch (const Nat::Exception&) {
             }
             try {
-                rig.nat->TranslateExternalToInternal(kind, in, "ext0");
+                rig.Forced(kind, true, in, "ext0");
             } catch (const Nat::Exception&) {
             }
         }
@@ -253,7 +259,7 @@ TEST(NatHostileInput, TruncatedAndLyingFramesAreAnsweredOrRefused) {
     EXPECT_EQ(Thrown([&] {
                   Frame odd = good;
                   odd[14] = 0x44;
-                  rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, odd, "int0");
+                  rig.Forced(Nat::TranslationKind::Snat, false, odd, "int0");
               }),
               "Unexpected IP header size: 16");
     EXPECT_TRUE(rig.nat->TcpTable().Consistent());

@@ -144,18 +144,13 @@ TEST(NatSnat, ClassificationHonoursWhiteListOwnAddressesAndMappingOrder) {
     Rig rig({}, {Rig::DefaultMapping(), {ext1, Net::Internal()}}, Rig::Ports(5000, 8), Rig::Ports(6000, 8), 60000,
             {ToBytes(kHostMac)});
     auto classify = [&](const MacAddress& src, const Ipv4Address& dst) {
-        return rig.nat->ClassifyInternalPacket(6, src, kIntMac, kHostIp, dst, 40000, 80);
+        return rig.nat->ClassifyInternalPacket(FlowView(6, src, kIntMac, kHostIp, dst, 40000, 80)).kind;
     };
     EXPECT_EQ(classify(kHostMac, kFarIp), Nat::TranslationKind::Snat);
     EXPECT_EQ(classify(Mac(0x12), kFarIp), Nat::TranslationKind::None);            // not white-listed
     EXPECT_EQ(classify(kHostMac, kIntIp), Nat::TranslationKind::None);  // this machine itself
-    EXPECT_EQ(rig.nat->ClassifyInternalPacket(6, kHostMac, Mac(0x77), kHostIp, kFarIp, 1, 2),
+    EXPECT_EQ(rig.nat->ClassifyInternalPacket(FlowView(6, kHostMac, Mac(0x77), kHostIp, kFarIp, 1, 2)).kind,
               Nat::TranslationKind::None);
-    EXPECT_EQ(Thrown([&] {
-                  Frame own = Tcp(FromHost(40000, kIntIp, 80, 1, 0, kSyn));
-                  rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, own, "int0");
-              }),
-              "SNat internal to external adapters not found");
 
     Frame frame = Tcp(FromHost(40000, kFarIp, 80, 1, 0, kSyn));
     ASSERT_EQ(rig.Out(frame), 1u);
@@ -188,25 +183,25 @@ TEST(NatSnat, ErrorsNameTheirCause) {
     Rig rig({}, {Rig::DefaultMapping()});
     Frame frame = Tcp(FromHost(40000, kFarIp, 80, 1, 0, kSyn));
     EXPECT_EQ(
-        Thrown([&] { rig.nat->TranslateInternalToExternal(static_cast<Nat::TranslationKind>(3), frame, "int0"); }),
+        Thrown([&] { rig.Forced(static_cast<Nat::TranslationKind>(3), false, frame, "int0"); }),
         "Invalid translation rule");
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Dnat, frame, "int0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Dnat, false, frame, "int0"); }),
               "DNat mapped external adapter not found");
     Frame igmp = frame;
     igmp[23] = 2;
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, igmp, "int0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, false, igmp, "int0"); }),
               "Unsupported port type");
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(Nat::TranslationKind::Snat, igmp, "ext0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, true, igmp, "ext0"); }),
               "Unexpected IP protocol");
     Frame icmp = frame;
     icmp[23] = 1;
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, icmp, "int0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, false, icmp, "int0"); }),
               "Unexpected ICMP message for translation: type 156 code 64");
     Frame stray = Tcp(ToExt(kGatewayMac, kFarIp, 80, 5007, 1, 1, kAck));
     EXPECT_EQ(rig.In(stray), 0u);
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(Nat::TranslationKind::Snat, stray, "ext0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, true, stray, "ext0"); }),
               "Not found internal host info for SNAT packet remoteIP: 93.184.216.34 remotePort: 80 externalPort: 5007");
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(Nat::TranslationKind::Dnat, stray, "ext0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Dnat, true, stray, "ext0"); }),
               "DNat matching rule not found");
 }
 
@@ -281,7 +276,7 @@ TEST(NatDnat, SourceRangesAndRuleOrderDecideWhichRuleMatches) {
     Nat::RedirectRule anyone = Rule(6, 2323, 23, false);
     Rig rig({ranged, anyone});
     auto classify = [&](const Ipv4Address& src, uint32_t port) {
-        return rig.nat->ClassifyExternalPacket(6, kExtMac, src, 40000, port);
+        return rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, src, {}, 40000, port)).kind;
     };
     EXPECT_EQ(classify(Ip(10, 0, 0, 5), 2222), Nat::TranslationKind::Dnat);
     EXPECT_EQ(classify(Ip(10, 0, 0, 9), 2222), Nat::TranslationKind::Dnat);
@@ -289,11 +284,11 @@ TEST(NatDnat, SourceRangesAndRuleOrderDecideWhichRuleMatches) {
     EXPECT_EQ(classify(Ip(10, 0, 0, 4), 2222), Nat::TranslationKind::None);
     EXPECT_EQ(classify(Ip(200, 1, 2, 3), 2323), Nat::TranslationKind::Dnat);
     EXPECT_EQ(classify(Ip(200, 1, 2, 3), 2424), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(17, kExtMac, Ip(200, 1, 2, 3), 40000, 2323), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, Mac(0x09), Ip(200, 1, 2, 3), 40000, 2323), Nat::TranslationKind::None);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(17, {}, kExtMac, Ip(200, 1, 2, 3), {}, 40000, 2323)).kind, Nat::TranslationKind::None);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, Mac(0x09), Ip(200, 1, 2, 3), {}, 40000, 2323)).kind, Nat::TranslationKind::None);
 
     Rig none({}, {Rig::DefaultMapping()});
-    EXPECT_EQ(none.nat->ClassifyExternalPacket(6, kExtMac, Ip(200, 1, 2, 3), 40000, 2323), Nat::TranslationKind::None);
+    EXPECT_EQ(none.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, Ip(200, 1, 2, 3), {}, 40000, 2323)).kind, Nat::TranslationKind::None);
 }
 
 TEST(NatDnat, WhiteListAppliesToTheHostOfAnEntryOnAMappedAdapter) {
@@ -303,11 +298,11 @@ TEST(NatDnat, WhiteListAppliesToTheHostOfAnEntryOnAMappedAdapter) {
     Frame syn = Tcp(ToExt(kGatewayMac, kFarIp, 33000, 8080, 10, 0, kSyn));
     ASSERT_EQ(rig.In(syn), 2u);
     // Known entry on a mapped adapter, but its internal host is not white-listed.
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 33000, 8080), Nat::TranslationKind::None);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 33000, 8080)).kind, Nat::TranslationKind::None);
 
     Frame out = Tcp(FromHost(40000, kFarIp, 80, 1, 0, kSyn));
     ASSERT_EQ(rig.Out(out), 1u);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 80, 5000), Nat::TranslationKind::Snat);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 80, 5000)).kind, Nat::TranslationKind::Snat);
 }
 
 TEST(NatFragments, HeadDecidesAndLaterFragmentsGetAddressesOnly) {
@@ -316,8 +311,9 @@ TEST(NatFragments, HeadDecidesAndLaterFragmentsGetAddressesOnly) {
     spec.payload[1000] = 'y';
     FragmentList fragments = UdpFragments(spec, 1480);
     ASSERT_EQ(fragments.size(), 2u);
-    const auto& egress = rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, fragments, "int0");
-    EXPECT_EQ(egress.id, "ext0");
+    const Nat::AdapterInfo* egress = rig.nat->Translate(false, fragments, Nat::ReadFrameView(fragments[0]), "int0");
+    ASSERT_NE(egress, nullptr);
+    EXPECT_EQ(egress->id, "ext0");
     for (const Frame& f : fragments) {
         Fields fields = Parse(f);
         EXPECT_EQ(fields.srcIp, kExtIp);
@@ -331,19 +327,22 @@ TEST(NatFragments, HeadDecidesAndLaterFragmentsGetAddressesOnly) {
     UdpSpec replySpec{kGatewayMac, kExtMac, kFarIp, kExtIp, 9000, 6000, std::string(2000, 'z')};
     FragmentList reply = UdpFragments(replySpec, 1480);
     std::swap(reply[0], reply[1]);
-    const auto& ingress = rig.nat->TranslateExternalToInternal(Nat::TranslationKind::Snat, reply, "ext0");
-    EXPECT_EQ(ingress.id, "int0");
+    EXPECT_EQ(Thrown([&] { rig.nat->Translate(true, reply, Nat::ReadFrameView(reply[0]), "ext0"); }),
+              "Unexpected IP fragment");  // a later fragment handed in as the head
+    const Nat::AdapterInfo* ingress = rig.nat->Translate(true, reply, Nat::ReadFrameView(reply[1]), "ext0");
+    ASSERT_NE(ingress, nullptr);
+    EXPECT_EQ(ingress->id, "int0");
     EXPECT_EQ(Parse(reply[1]).dstPort, 50000);
     EXPECT_EQ(Parse(reply[0]).dstIp, kHostIp);
     EXPECT_TRUE(TransportChecksumValid(Reassemble(reply)));
 
     FragmentList empty;
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, empty, "int0"); }),
+    EXPECT_EQ(Thrown([&] { rig.nat->Translate(false, empty, {}, "int0"); }),
               "The fragments list is empty.");
     FragmentList tailOnly{reply[0]};
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(Nat::TranslationKind::Snat, tailOnly, "ext0"); }),
+    EXPECT_EQ(Thrown([&] { rig.nat->Translate(true, tailOnly, Nat::ReadFrameView(tailOnly[0]), "ext0"); }),
               "The fragments list holds no first fragment.");
-    EXPECT_EQ(Thrown([&] { rig.nat->TranslateExternalToInternal(Nat::TranslationKind::Snat, tailOnly[0], "ext0"); }),
+    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, true, tailOnly[0], "ext0"); }),
               "Unexpected IP fragment");
 }
 
@@ -352,7 +351,7 @@ TEST(NatFragments, UnresolvedNextHopHoldsTheWholeList) {
     UdpSpec spec{kHostMac, kIntMac, kHostIp, kPeerIp, 50000, 9000, std::string(2000, 'x')};
     const FragmentList original = UdpFragments(spec, 1480);
     FragmentList fragments = original;
-    EXPECT_THROW(rig.nat->TranslateInternalToExternal(Nat::TranslationKind::Snat, fragments, "int0"),
+    EXPECT_THROW(rig.nat->Translate(false, fragments, Nat::ReadFrameView(fragments[0]), "int0"),
                  Nat::UnknownMacException);
     EXPECT_EQ(fragments, original);
     rig.Learn(kPeerIp, kPeerMac);

@@ -155,8 +155,7 @@ namespace {
 class FailingEngine : public Nat::NetworkAddressTranslator {
 public:
     using NetworkAddressTranslator::NetworkAddressTranslator;
-    Nat::TranslationKind ClassifyInternalPacket(uint8_t, const MacAddress&, const MacAddress&, const Ipv4Address&,
-                                                const Ipv4Address&, uint32_t, uint32_t) override {
+    Nat::Decision ClassifyInternalPacket(const Nat::FrameView&) override {
         throw Nat::Exception("classification failed");
     }
 };
