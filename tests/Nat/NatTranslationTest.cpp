@@ -179,30 +179,45 @@ TEST(NatSnat, ProxyOnTheExternalNetworkIsReachedByItsConfiguredMac) {
     EXPECT_EQ(Parse(frame).dstMac, Mac(0x55));
 }
 
+// Refusals of frames handed over as a decision of each kind, without deciding.
 TEST(NatSnat, ErrorsNameTheirCause) {
     Rig rig({}, {Rig::DefaultMapping()});
-    Frame frame = Tcp(FromHost(40000, kFarIp, 80, 1, 0, kSyn));
-    EXPECT_EQ(
-        Thrown([&] { rig.Forced(static_cast<Nat::TranslationKind>(3), false, frame, "int0"); }),
-        "Invalid translation rule");
-    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Dnat, false, frame, "int0"); }),
-              "DNat mapped external adapter not found");
-    Frame igmp = frame;
+    const Frame frame = Tcp(FromHost(40000, kFarIp, 80, 1, 0, kSyn));
+    Frame igmp = frame, icmp = frame, shortIp = frame, later = frame, shortTcp = frame, cut = frame;
     igmp[23] = 2;
-    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, false, igmp, "int0"); }),
-              "Unsupported port type");
-    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, true, igmp, "ext0"); }),
-              "Unexpected IP protocol");
-    Frame icmp = frame;
     icmp[23] = 1;
-    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, false, icmp, "int0"); }),
-              "Unexpected ICMP message for translation: type 156 code 64");
-    Frame stray = Tcp(ToExt(kGatewayMac, kFarIp, 80, 5007, 1, 1, kAck));
-    EXPECT_EQ(rig.In(stray), 0u);
-    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, true, stray, "ext0"); }),
-              "Not found internal host info for SNAT packet remoteIP: 93.184.216.34 remotePort: 80 externalPort: 5007");
-    EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Dnat, true, stray, "ext0"); }),
-              "DNat matching rule not found");
+    shortIp[14] = 0x44;
+    later[21] = 1;
+    shortTcp[46] = 0x40;
+    cut.resize(50);
+    const Frame stray = Tcp(ToExt(kGatewayMac, kFarIp, 80, 5007, 1, 1, kAck));
+    const auto Snat = Nat::TranslationKind::Snat, Dnat = Nat::TranslationKind::Dnat;
+    const struct {
+        Nat::TranslationKind kind;
+        bool fromExternal;
+        const Frame& frame;
+        const char* thrown;
+    } cases[] = {
+        {static_cast<Nat::TranslationKind>(3), false, frame, "Invalid translation rule"},
+        {Snat, false, shortIp, "Unexpected IP header size: 16"},
+        {Snat, true, later, "Unexpected IP fragment"},
+        {Snat, false, cut, "Unexpected packet size: 50"},
+        {Dnat, true, shortTcp, "Unexpected TCP header size: 16"},
+        {Dnat, false, frame, "DNat mapped external adapter not found"},
+        {Snat, false, igmp, "Unsupported port type"},
+        {Snat, true, igmp, "Unexpected IP protocol"},
+        {Snat, false, icmp, "Unexpected ICMP message for translation: type 156 code 64"},
+        {Snat, true, stray,
+         "Not found internal host info for SNAT packet remoteIP: 93.184.216.34 remotePort: 80 externalPort: 5007"},
+        {Dnat, true, stray, "DNat matching rule not found"},
+    };
+    for (const auto& c : cases) {
+        Frame work = c.frame;
+        EXPECT_EQ(Thrown([&] { rig.Forced(c.kind, c.fromExternal, work, c.fromExternal ? "ext0" : "int0"); }),
+                  c.thrown);
+    }
+    Frame unclaimed = stray;
+    EXPECT_EQ(rig.In(unclaimed), 0u);
 }
 
 TEST(NatDnat, PublishedServiceWithoutTranslateSourceShowsTheClient) {
@@ -275,20 +290,27 @@ TEST(NatDnat, SourceRangesAndRuleOrderDecideWhichRuleMatches) {
     ranged.fromIp = {{ToBytes(Ip(10, 0, 0, 5)), ToBytes(Ip(10, 0, 0, 9)), ToBytes(Ip(255, 255, 255, 0))}};
     Nat::RedirectRule anyone = Rule(6, 2323, 23, false);
     Rig rig({ranged, anyone});
-    auto classify = [&](const Ipv4Address& src, uint32_t port) {
-        return rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, src, {}, 40000, port)).kind;
-    };
-    EXPECT_EQ(classify(Ip(10, 0, 0, 5), 2222), Nat::TranslationKind::Dnat);
-    EXPECT_EQ(classify(Ip(10, 0, 0, 9), 2222), Nat::TranslationKind::Dnat);
-    EXPECT_EQ(classify(Ip(10, 0, 0, 10), 2222), Nat::TranslationKind::None);
-    EXPECT_EQ(classify(Ip(10, 0, 0, 4), 2222), Nat::TranslationKind::None);
-    EXPECT_EQ(classify(Ip(200, 1, 2, 3), 2323), Nat::TranslationKind::Dnat);
-    EXPECT_EQ(classify(Ip(200, 1, 2, 3), 2424), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(17, {}, kExtMac, Ip(200, 1, 2, 3), {}, 40000, 2323)).kind, Nat::TranslationKind::None);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, Mac(0x09), Ip(200, 1, 2, 3), {}, 40000, 2323)).kind, Nat::TranslationKind::None);
-
     Rig none({}, {Rig::DefaultMapping()});
-    EXPECT_EQ(none.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, Ip(200, 1, 2, 3), {}, 40000, 2323)).kind, Nat::TranslationKind::None);
+    const struct {
+        Rig& rig;
+        uint8_t protocol;
+        MacAddress to;
+        Ipv4Address from;
+        uint16_t port;
+        bool matches;
+    } cases[] = {
+        {rig, 6, kExtMac, Ip(10, 0, 0, 5), 2222, true},    {rig, 6, kExtMac, Ip(10, 0, 0, 9), 2222, true},
+        {rig, 6, kExtMac, Ip(10, 0, 0, 10), 2222, false},  {rig, 6, kExtMac, Ip(10, 0, 0, 4), 2222, false},
+        {rig, 6, kExtMac, Ip(200, 1, 2, 3), 2323, true},   {rig, 6, kExtMac, Ip(200, 1, 2, 3), 2424, false},
+        {rig, 17, kExtMac, Ip(200, 1, 2, 3), 2323, false}, {rig, 6, Mac(0x09), Ip(200, 1, 2, 3), 2323, false},
+        {none, 6, kExtMac, Ip(200, 1, 2, 3), 2323, false},
+    };
+    for (const auto& c : cases) {
+        const Nat::Decision d = c.rig.nat->ClassifyExternalPacket(FlowView(c.protocol, {}, c.to, c.from, {}, 40000, c.port));
+        EXPECT_EQ(d.kind, c.matches ? Nat::TranslationKind::Dnat : Nat::TranslationKind::None) << int(c.from[3]);
+        // The decision names the rule it matched, for the translation to use.
+        EXPECT_EQ(d.rule != nullptr && d.rule->fromPort == c.port, c.matches) << int(c.from[3]);
+    }
 }
 
 TEST(NatDnat, WhiteListAppliesToTheHostOfAnEntryOnAMappedAdapter) {
