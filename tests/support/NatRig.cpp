@@ -141,12 +141,6 @@ Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about,
     return message;
 }
 
-Bytes IcmpPart(const Frame& frame) {
-    const size_t begin = 14 + (frame[14] & 0x0F) * 4u;
-    const size_t end = std::min<size_t>(frame.size(), 14 + Be16(frame, 16));
-    return Bytes(frame.begin() + static_cast<std::ptrdiff_t>(begin), frame.begin() + static_cast<std::ptrdiff_t>(end));
-}
-
 uint32_t Rig::Pass(bool fromExternal, Frame& frame, const std::string& guid, bool partialChecksum) {
     const Nat::FrameView view = Nat::ReadFrameView(frame);
     const Nat::Decision decision = nat->Decide(fromExternal, frame, view);

@@ -82,8 +82,6 @@ Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const st
 // An error message quoting the first `quoteBytes` bytes of the IP datagram of `about`;
 // `mtu` goes in bytes 6-7 (fragmentation needed).
 Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about, size_t quoteBytes);
-// The ICMP message of an IPv4 frame as its IP header bounds it.
-Bytes IcmpPart(const Frame& frame);
 
 // Independent field reading; ports and what follows only from a first fragment.
 struct Fields {
