@@ -142,25 +142,6 @@ TEST(NatLifetime, RuleEntriesExpireOnTheWayOutAndNewRuleEntriesSweep) {
     EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 8u);
 }
 
-TEST(NatLifetime, TemporaryRuleLivesThirtySecondsAfterItsLastMatch) {
-    Nat::RedirectRule temporary = Rule(6, 5100, 21, false);
-    temporary.temporary = true;
-    Rig rig({temporary});
-    temporary.refreshedTick = rig.now;
-    rig.nat = std::make_unique<Nat::NetworkAddressTranslator>(Rig::Ports(5000, 2), Rig::Ports(6000, 2), 60000,
-                                                              std::vector<Nat::RedirectRule>{temporary},
-                                                              std::vector<Nat::AdapterMapping>{}, Nat::ProxyInfo{},
-                                                              std::vector<Bytes>{}, &rig.arp, [&rig] { return rig.now; });
-    rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40000, 5100)).kind, Nat::TranslationKind::Dnat);
-    rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40000, 5100)).kind, Nat::TranslationKind::Dnat);
-    rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40000, 5100)).kind, Nat::TranslationKind::None);
-    EXPECT_TRUE(rig.nat->Rules().empty());
-    EXPECT_EQ(rig.nat->TcpTable().FreePorts(), (std::vector<uint32_t>{5000, 5001, 5100}));
-}
-
 // Churn against a small pool, and frames cut short or lying about their lengths handed
 // over as every kind of decision: the engine answers or refuses, and once everything has
 // expired every pool port is free exactly once.
