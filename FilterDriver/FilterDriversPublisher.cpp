@@ -307,23 +307,23 @@ uint64_t FilterDriversPublisher::DroppedFrames() {
 }
 
 bool FilterDriversPublisher::Offer(AdapterEntry& entry, const std::string& guid, Nat::Frame& frame,
-                                   const Nat::FrameOffload& offload, bool isSend) {
+                                   const Nat::FrameView& view, const Nat::FrameOffload& offload, bool isSend) {
     // By index: a subscriber that re-enters Dispatch must not invalidate this walk.
     for (size_t i = 0; i < entry.subscribers.size(); ++i) {
         IFilterDriversSubscriber* subscriber = entry.subscribers[i];
-        const bool consumed = isSend ? subscriber->OnSentFrame(frame, offload, guid)
-                                     : subscriber->OnReceivedFrame(frame, offload, guid);
+        const bool consumed = isSend ? subscriber->OnSentFrame(frame, view, offload, guid)
+                                     : subscriber->OnReceivedFrame(frame, view, offload, guid);
         if (consumed) return true;
     }
     return false;
 }
 
 bool FilterDriversPublisher::OfferFragments(AdapterEntry& entry, const std::string& guid,
-                                            const Nat::FragmentList& fragments, bool isSend) {
+                                            Nat::FragmentList& fragments, const Nat::FrameView& head, bool isSend) {
     for (size_t i = 0; i < entry.subscribers.size(); ++i) {
         IFilterDriversSubscriber* subscriber = entry.subscribers[i];
-        const bool consumed = isSend ? subscriber->OnSentFragments(fragments, guid)
-                                     : subscriber->OnReceivedFragments(fragments, guid);
+        const bool consumed = isSend ? subscriber->OnSentFragments(fragments, head, guid)
+                                     : subscriber->OnReceivedFragments(fragments, head, guid);
         if (consumed) return true;
     }
     return false;
@@ -339,16 +339,17 @@ void FilterDriversPublisher::Dispatch(const std::string& guid, const Nat::Frame&
 
 void FilterDriversPublisher::DispatchFrame(const std::string& guid, AdapterEntry& entry, Nat::Frame& frame,
                                            const Nat::FrameOffload& offload, bool isSend) {
-    FragmentFields fields;
-    if (offload.Any() || !ReadFragmentFields(frame, fields) || !fields.IsFragment()) {
-        if (!Offer(entry, guid, frame, offload, isSend)) PassOn(entry.driver.get(), frame, offload, isSend);
+    // The one read of the frame: the collector and every subscriber work from this view.
+    const Nat::FrameView view = Nat::ReadFrameView(frame);
+    if (offload.Any() || !view.IsFragment() || !view.Collectable()) {
+        if (!Offer(entry, guid, frame, view, offload, isSend)) PassOn(entry.driver.get(), frame, offload, isSend);
         return;
     }
 
     FragmentCollector::Result collected;
     {
         std::lock_guard lock(fragmentsLock_);
-        collected = fragments_.Add(guid, isSend, frame, fields);
+        collected = fragments_.Add(guid, isSend, frame, view);
     }
     for (const auto& givenUp : collected.givenUp) {
         auto owner = adapters_.find(givenUp.guid);
@@ -356,7 +357,7 @@ void FilterDriversPublisher::DispatchFrame(const std::string& guid, AdapterEntry
         for (const auto& fragment : givenUp.fragments) PassOn(owner->second.driver.get(), fragment, {}, givenUp.isSend);
     }
     if (!collected.complete) return;
-    if (OfferFragments(entry, guid, collected.fragments, isSend)) return;
+    if (OfferFragments(entry, guid, collected.fragments, collected.head, isSend)) return;
     for (const auto& fragment : collected.fragments) PassOn(entry.driver.get(), fragment, {}, isSend);
 }
 

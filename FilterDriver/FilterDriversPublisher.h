@@ -103,9 +103,10 @@ private:
     void DispatchFrame(const std::string& guid, AdapterEntry& entry, Nat::Frame& frame,
                        const Nat::FrameOffload& offload, bool isSend);
     void PassOn(FilterDriver* driver, const Nat::Frame& frame, const Nat::FrameOffload& offload, bool isSend);
-    bool Offer(AdapterEntry& entry, const std::string& guid, Nat::Frame& frame, const Nat::FrameOffload& offload,
-               bool isSend);
-    bool OfferFragments(AdapterEntry& entry, const std::string& guid, const Nat::FragmentList& fragments, bool isSend);
+    bool Offer(AdapterEntry& entry, const std::string& guid, Nat::Frame& frame, const Nat::FrameView& view,
+               const Nat::FrameOffload& offload, bool isSend);
+    bool OfferFragments(AdapterEntry& entry, const std::string& guid, Nat::FragmentList& fragments,
+                        const Nat::FrameView& head, bool isSend);
     void CloseAdapter(const std::string& guid);
     void LogDrops(uint64_t dropped);
 

@@ -7,32 +7,8 @@
 namespace NativeNetworkDriver {
 
 namespace {
-constexpr size_t kEthernetHeader = 14;
-constexpr uint32_t kMaxDatagram = 65535;
+uint32_t PayloadLength(const Nat::FrameView& view) { return view.totalLength - view.ipHeaderSize; }
 }  // namespace
-
-bool ReadFragmentFields(const Nat::Frame& frame, FragmentFields& fields) {
-    if (frame.size() < kEthernetHeader + 20) return false;
-    if (frame[12] != 0x08 || frame[13] != 0x00) return false;
-    const uint8_t* ip = frame.data() + kEthernetHeader;
-    FragmentFields f;
-    f.headerLength = (ip[0] & 0x0Fu) * 4u;
-    f.totalLength = (static_cast<uint32_t>(ip[2]) << 8) | ip[3];
-    f.identification = static_cast<uint16_t>((ip[4] << 8) | ip[5]);
-    f.moreFragments = (ip[6] & 0x20) != 0;
-    f.dontFragment = (ip[6] & 0x40) != 0;
-    f.offset = (((static_cast<uint32_t>(ip[6]) << 8) | ip[7]) & 0x1FFFu) * 8u;
-    f.protocol = ip[9];
-    for (int i = 0; i < 4; ++i) {
-        f.source[i] = ip[12 + i];
-        f.destination[i] = ip[16 + i];
-    }
-    if (f.headerLength < 20 || f.totalLength < f.headerLength) return false;
-    if (kEthernetHeader + f.totalLength > frame.size()) return false;
-    if (f.offset + f.PayloadLength() + f.headerLength > kMaxDatagram) return false;
-    fields = f;
-    return true;
-}
 
 FragmentCollector::FragmentCollector() : FragmentCollector(Limits{}) {}
 
@@ -45,7 +21,7 @@ bool FragmentCollector::IsComplete(const Datagram& datagram) {
     uint32_t covered = 0;
     for (const auto& [offset, piece] : datagram.pieces) {
         if (offset > covered) return false;  // a hole
-        const uint32_t end = offset + piece.payloadLength;
+        const uint32_t end = offset + PayloadLength(piece.view);
         if (end > covered) covered = end;
     }
     return covered >= datagram.payloadSize;
@@ -71,7 +47,7 @@ FragmentCollector::Map::iterator FragmentCollector::Oldest() {
 }
 
 FragmentCollector::Result FragmentCollector::Add(const std::string& guid, bool isSend, const Nat::Frame& frame,
-                                                 const FragmentFields& fields) {
+                                                 const Nat::FrameView& view) {
     Result result;
     const uint32_t now = Now();
     for (auto it = datagrams_.begin(); it != datagrams_.end();) {
@@ -80,7 +56,7 @@ FragmentCollector::Result FragmentCollector::Add(const std::string& guid, bool i
         it = next;
     }
 
-    Key key{guid, isSend, fields.source, fields.destination, fields.protocol, fields.identification};
+    Key key{guid, isSend, view.srcIp, view.dstIp, view.protocol, view.identification};
     auto it = datagrams_.find(key);
     if (it == datagrams_.end()) {
         while (!datagrams_.empty() && datagrams_.size() >= limits_.maxDatagrams) GiveUp(Oldest(), result.givenUp);
@@ -90,17 +66,18 @@ FragmentCollector::Result FragmentCollector::Add(const std::string& guid, bool i
         it = datagrams_.emplace(std::move(key), std::move(datagram)).first;
     }
     Datagram& datagram = it->second;
-    if (datagram.pieces.count(fields.offset) != 0) return result;  // a duplicate
+    if (datagram.pieces.count(view.fragmentOffset) != 0) return result;  // a duplicate
 
-    datagram.pieces.emplace(fields.offset, Piece{frame, fields.PayloadLength()});
+    datagram.pieces.emplace(view.fragmentOffset, Piece{frame, view});
     ++fragmentCount_;
-    if (fields.IsLast() && !datagram.lastSeen) {
+    if (view.IsLastFragment() && !datagram.lastSeen) {
         datagram.lastSeen = true;
-        datagram.payloadSize = fields.offset + fields.PayloadLength();
+        datagram.payloadSize = view.fragmentOffset + PayloadLength(view);
     }
 
     if (IsComplete(datagram)) {
         result.complete = true;
+        result.head = datagram.pieces.begin()->second.view;  // offset 0: IsComplete saw no hole
         result.fragments.reserve(datagram.pieces.size());
         for (auto& [offset, piece] : datagram.pieces) result.fragments.push_back(std::move(piece.frame));
         fragmentCount_ -= datagram.pieces.size();

@@ -8,30 +8,9 @@
 #include <vector>
 
 #include "Packet/Frame.h"
+#include "Packet/FrameView.h"
 
 namespace NativeNetworkDriver {
-
-// The IPv4 fragmentation fields of one frame.
-struct FragmentFields {
-    uint16_t identification = 0;
-    uint32_t offset = 0;        // in bytes
-    uint32_t headerLength = 0;  // in bytes
-    uint32_t totalLength = 0;
-    bool moreFragments = false;
-    bool dontFragment = false;
-    uint8_t protocol = 0;
-    Nat::Ipv4Address source{};
-    Nat::Ipv4Address destination{};
-
-    uint32_t PayloadLength() const { return totalLength - headerLength; }
-    bool IsFragment() const { return offset != 0 || moreFragments; }
-    bool IsLast() const { return !moreFragments && offset != 0; }
-};
-
-// Reads the fields of an IPv4 frame. False for anything else, and for a header whose
-// lengths do not fit the frame or a fragment that would end past 65535 bytes: such a
-// frame is handled as a whole, never collected.
-bool ReadFragmentFields(const Nat::Frame& frame, FragmentFields& fields);
 
 // Holds the fragments of IPv4 datagrams until each datagram is complete, then yields its
 // fragment frames in offset order. A datagram is keyed by adapter, direction, addresses,
@@ -64,14 +43,16 @@ public:
     struct Result {
         bool complete = false;
         Nat::FragmentList fragments;  // the complete datagram, in offset order
+        Nat::FrameView head;          // the view of its first fragment
         std::vector<GivenUp> givenUp;
     };
 
     FragmentCollector();
     explicit FragmentCollector(Limits limits, Clock clock = {});
 
-    // `fields` must come from ReadFragmentFields(frame) and describe a fragment.
-    Result Add(const std::string& guid, bool isSend, const Nat::Frame& frame, const FragmentFields& fields);
+    // `view` must be the frame's, of a fragment the collector can hold (IsFragment() and
+    // Collectable()): a frame whose lengths do not fit is handled as a whole, never collected.
+    Result Add(const std::string& guid, bool isSend, const Nat::Frame& frame, const Nat::FrameView& view);
     // Drops everything held for an adapter (it is being closed).
     void Forget(const std::string& guid);
     void Clear();
@@ -83,7 +64,7 @@ private:
     using Key = std::tuple<std::string, bool, Nat::Ipv4Address, Nat::Ipv4Address, uint8_t, uint16_t>;
     struct Piece {
         Nat::Frame frame;
-        uint32_t payloadLength = 0;
+        Nat::FrameView view;
     };
     struct Datagram {
         uint32_t firstSeen = 0;

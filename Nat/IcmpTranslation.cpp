@@ -29,6 +29,7 @@
 #include <cstring>
 
 #include "Nat/NetworkAddressTranslator.h"
+#include "Packet/FrameView.h"
 #include "Packet/IcmpPacket.h"
 #include "Packet/NatException.h"
 #include "Packet/PacketUtils.h"
@@ -61,7 +62,7 @@ bool IsOwnAddress(const AdapterInfo& adapter, const Ipv4Address& ip) {
 
 // Rewrites 16-bit words of one ICMP message and carries each change into the ICMP
 // checksum and into the further checksums given that cover the word. Offsets come from
-// Icmp::ReadMessage/ReadQuote and lie inside the frame; 0 stands for "no checksum".
+// the frame view and Icmp::ReadQuote and lie inside the frame; 0 stands for "no checksum".
 class MessageEditor {
 public:
     MessageEditor(Frame& frame, const Icmp::Message& message, size_t udpChecksumAt)
@@ -139,60 +140,60 @@ void NetworkAddressTranslator::UseEchoIdentifiers(const std::vector<uint32_t>& i
     if (!identifiers.empty()) echoTable_.ResetPorts(identifiers);
 }
 
-TranslationKind NetworkAddressTranslator::ClassifyIcmpPacket(const Frame& frame, bool fromExternal) {
-    Icmp::Message message;
-    if (!Icmp::ReadMessage(frame, message)) return TranslationKind::None;
-    const MacAddress srcMac = PU::GetSourceMac(frame);
-    const MacAddress dstMac = PU::GetDestinationMac(frame);
-    const Ipv4Address srcIp = PU::GetSourceIp(frame);
-    const Ipv4Address dstIp = PU::GetDestinationIp(frame);
-
+Decision NetworkAddressTranslator::ClassifyIcmpPacket(const Frame& frame, const FrameView& view, bool fromExternal) {
+    if (!view.icmp) return {};
+    const Icmp::Message& message = view.icmpMessage;
     if (!fromExternal && message.type == Icmp::kEchoRequest) {
-        const AdapterMapping* mapping = SelectMapping(dstMac, dstIp);
+        const AdapterMapping* mapping = SelectMapping(view.dstMac, view.dstIp);
         // An echo to one of this machine's own addresses is the host stack's to answer.
-        if (mapping == nullptr || IsOwnAddress(mapping->external, dstIp)) return TranslationKind::None;
-        // The virtual classification applies the white list and, for sharing, the private ranges.
-        return ClassifyInternalPacket(IpProtocol::kIcmp, srcMac, dstMac, srcIp, dstIp, 0, 0) == TranslationKind::Snat
-                   ? TranslationKind::Snat
-                   : TranslationKind::None;
+        if (mapping == nullptr || IsOwnAddress(mapping->external, view.dstIp)) return {};
+        // The virtual classification applies the white list and, for sharing, the private
+        // ranges; an ICMP view has no ports.
+        const Decision decision = ClassifyInternalPacket(view);
+        if (decision.kind != TranslationKind::Snat) return {};
+        return decision;
     }
     if (fromExternal && message.type == Icmp::kEchoReply) {
-        const ExternalKey key{message.identifier, dstMac, srcIp, 0};
-        return echoTable_.HasInbound(key) && WhiteListed(echoTable_.GetInternalHostMac(key)) ? TranslationKind::Snat
-                                                                                             : TranslationKind::None;
+        const ExternalKey key{message.identifier, view.dstMac, view.srcIp, 0};
+        if (!echoTable_.HasInbound(key) || !WhiteListed(echoTable_.GetInternalHostMac(key))) return {};
+        return Decision::Of(TranslationKind::Snat);
     }
-    Icmp::Quote quote;
-    if (!Icmp::ReadQuote(frame, message, quote)) return TranslationKind::None;
+    Decision decision;
+    Icmp::Quote& quote = decision.quote;
+    if (!Icmp::ReadQuote(frame, message, quote)) return {};
+    decision.hasQuote = true;
     const bool echo = quote.protocol == IpProtocol::kIcmp;
     if (fromExternal) {
         // The quote is a datagram this machine sent for the flow: from its external port
         // (or identifier) to the remote.
         NatTable* table = echo ? &echoTable_ : TableFor(quote.protocol);
-        const ExternalKey key{quote.srcPort, dstMac, quote.dstIp, echo ? 0u : quote.dstPort};
-        return table->HasInbound(key) && WhiteListed(table->GetInternalHostMac(key)) ? TranslationKind::Snat
-                                                                                     : TranslationKind::None;
+        const ExternalKey key{quote.srcPort, view.dstMac, quote.dstIp, echo ? 0u : quote.dstPort};
+        if (!table->HasInbound(key) || !WhiteListed(table->GetInternalHostMac(key))) return {};
+        decision.kind = TranslationKind::Snat;
+        return decision;
     }
     // The quote is a datagram delivered to the internal host: from the peer it knows to itself.
-    if (echo || !WhiteListed(srcMac)) return TranslationKind::None;
-    const InternalKey key{srcMac, quote.dstIp, quote.dstPort, dstMac, quote.srcIp, quote.srcPort};
-    return TableFor(quote.protocol)->HasOutbound(key) ? TranslationKind::Snat : TranslationKind::None;
+    if (echo || !WhiteListed(view.srcMac)) return {};
+    const InternalKey key{view.srcMac, quote.dstIp, quote.dstPort, view.dstMac, quote.srcIp, quote.srcPort};
+    if (!TableFor(quote.protocol)->HasOutbound(key)) return {};
+    decision.kind = TranslationKind::Snat;
+    return decision;
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateIcmp(bool outbound, Frame& head, FragmentList* fragments,
+const AdapterInfo& NetworkAddressTranslator::TranslateIcmp(bool outbound, const Decision& decision, Frame& head,
+                                                           const FrameView& view, FragmentList* fragments,
                                                            size_t headIndex, const std::string& receivedOnGuid) {
-    Icmp::Message message;
-    if (!Icmp::ReadMessage(head, message)) {
-        throw Exception("Unexpected ICMP message size: " + std::to_string(head.size()));
-    }
-    const MacAddress srcMac = PU::GetSourceMac(head);
-    const MacAddress dstMac = PU::GetDestinationMac(head);
-    const Ipv4Address srcIp = PU::GetSourceIp(head);
-    const Ipv4Address dstIp = PU::GetDestinationIp(head);
+    if (!view.icmp) throw Exception("Unexpected ICMP message size: " + std::to_string(head.size()));
+    const Icmp::Message& message = view.icmpMessage;
+    const MacAddress& srcMac = view.srcMac;
+    const MacAddress& dstMac = view.dstMac;
+    const Ipv4Address& srcIp = view.srcIp;
+    const Ipv4Address& dstIp = view.dstIp;
     const bool echo = message.type == (outbound ? Icmp::kEchoRequest : Icmp::kEchoReply);
-    Icmp::Quote quote;
-    if (!echo && !Icmp::ReadQuote(head, message, quote)) {
+    if (!echo && !decision.hasQuote) {
         throw Exception("Unexpected ICMP message for translation: " + MessageText(message));
     }
+    const Icmp::Quote& quote = decision.quote;
     const bool aboutEcho = echo || quote.protocol == IpProtocol::kIcmp;
     NatTable* table = aboutEcho ? &echoTable_ : TableFor(quote.protocol);
 
@@ -201,7 +202,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateIcmp(bool outbound, Frame&
     const AdapterInfo* leaveOn = nullptr;
     if (outbound) {
         if (echo) {
-            const AdapterMapping* mapping = SelectMapping(dstMac, dstIp);
+            const AdapterMapping* mapping = decision.mapping;
             if (mapping == nullptr) throw Exception("SNat internal to external adapters not found");
             leaveOn = &mapping->external;
             MacAddress externalMac{};

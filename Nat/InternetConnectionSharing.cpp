@@ -19,13 +19,10 @@ bool InternetConnectionSharing::IsPrivateAddress(const Ipv4Address& ip) {
     return ip[0] == 10 || (ip[0] == 192 && ip[1] == 168) || (ip[0] == 172 && ip[1] >= 16 && ip[1] <= 31);
 }
 
-TranslationKind InternetConnectionSharing::ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac,
-                                                                  const MacAddress& dstMac, const Ipv4Address& srcIp,
-                                                                  const Ipv4Address& dstIp, uint32_t srcPort,
-                                                                  uint32_t dstPort) {
+Decision InternetConnectionSharing::ClassifyInternalPacket(const FrameView& view) {
     // Name look-ups and proxy traffic are shared even towards private addresses.
-    if (dstPort != 53 && !GoesToProxy(dstIp, dstPort) && IsPrivateAddress(dstIp)) return TranslationKind::None;
-    return NetworkAddressTranslator::ClassifyInternalPacket(protocol, srcMac, dstMac, srcIp, dstIp, srcPort, dstPort);
+    if (view.dstPort != 53 && !GoesToProxy(view.dstIp, view.dstPort) && IsPrivateAddress(view.dstIp)) return {};
+    return NetworkAddressTranslator::ClassifyInternalPacket(view);
 }
 
 }  // namespace Nat

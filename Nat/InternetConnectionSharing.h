@@ -15,9 +15,7 @@ public:
                               NativeNetworkDriver::IArpCache* arpCache, Clock clock = {});
     ~InternetConnectionSharing() override;
 
-    TranslationKind ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac,
-                                           const Ipv4Address& srcIp, const Ipv4Address& dstIp, uint32_t srcPort,
-                                           uint32_t dstPort) override;
+    Decision ClassifyInternalPacket(const FrameView& view) override;
 
     static bool IsPrivateAddress(const Ipv4Address& ip);
 };

@@ -6,6 +6,7 @@
 #include "Nat/ApplicationLayer.h"
 #include "Packet/ArpTable.h"
 #include "Packet/IcmpPacket.h"
+#include "Packet/FrameView.h"
 #include "Packet/IpProtocol.h"
 #include "Packet/NatException.h"
 #include "Packet/PacketUtils.h"
@@ -16,16 +17,6 @@ namespace Nat {
 namespace PU = PacketUtils;
 
 namespace {
-
-constexpr uint16_t kIpv4FrameType = 0x0800;
-constexpr uint32_t kEthernetHeaderSize = 14;
-constexpr uint32_t kMinIpHeaderSize = 20;
-constexpr uint32_t kMinTcpHeaderSize = 20;
-constexpr uint32_t kUdpHeaderSize = 8;
-
-// Fragment offset and more-fragments flag (bytes 20-21); the caller checked the length.
-uint16_t FragmentOffset(const Frame& frame) { return static_cast<uint16_t>(((frame[20] & 0x1F) << 8) | frame[21]); }
-bool MoreFragments(const Frame& frame) { return (frame[20] & 0x20) != 0; }
 
 bool IsOwnAddress(const AdapterInfo& adapter, const Ipv4Address& ip) {
     for (const IpEntry& entry : adapter.ips) {
@@ -74,169 +65,48 @@ Bytes ToBytes(const Ipv4Address& ip) { return Bytes(ip.begin(), ip.end()); }
 
 }  // namespace
 
-// What the translation needs to know of a frame, read once through the codec.
-namespace detail {
-
-struct FrameFacts {
-    MacAddress srcMac{};
-    MacAddress dstMac{};
-    Ipv4Address srcIp{};
-    Ipv4Address dstIp{};
-    uint8_t protocol = 0;
-    uint32_t ipHeaderSize = 0;
-    bool fragmented = false;
-    uint16_t srcPort = 0;
-    uint16_t dstPort = 0;
-    Segment segment;
-    bool udpWithoutChecksum = false;
-    // The TCP payload [payloadBegin, payloadEnd) when the IP total length agrees with the
-    // frame and the datagram is whole; only then may the payload be rewritten.
-    bool payloadIntact = false;
-    size_t payloadBegin = 0;
-    size_t payloadEnd = 0;
-};
-
-}  // namespace detail
-
-using detail::FrameFacts;
-using detail::PayloadChange;
-
 namespace {
 
-void CheckNetworkHeader(const Frame& frame) {
-    const uint16_t type = PU::GetFrameType(frame);
-    if (type != kIpv4FrameType) throw Exception("Unexpected ethernet frame type: " + std::to_string(type));
-    const uint32_t ipHeaderSize = PU::GetIpHeaderSize(frame);
-    if (ipHeaderSize < kMinIpHeaderSize) throw Exception("Unexpected IP header size: " + std::to_string(ipHeaderSize));
-    if (frame.size() < kEthernetHeaderSize + ipHeaderSize) {
-        throw Exception("Unexpected packet size: " + std::to_string(frame.size()));
+// What translation needs beyond the decision: a head frame the view says is whole enough.
+// The texts and their order are those the engine has always thrown.
+void CheckHead(const FrameView& view) {
+    ThrowUnlessIpv4Header(view);
+    if (view.fragmentOffset != 0) throw Exception("Unexpected IP fragment");
+    if (!view.Tcp() && !view.Udp()) return;
+    if (!view.transportHeader) throw Exception("Unexpected packet size: " + std::to_string(view.size));
+    if (view.Tcp() && view.tcpHeaderSize < 20) {
+        throw Exception("Unexpected TCP header size: " + std::to_string(view.tcpHeaderSize));
     }
 }
 
-void ReadFacts(const Frame& frame, bool wholeDatagram, FrameFacts& f) {
-    CheckNetworkHeader(frame);
-    f.ipHeaderSize = PU::GetIpHeaderSize(frame);
-    f.srcMac = PU::GetSourceMac(frame);
-    f.dstMac = PU::GetDestinationMac(frame);
-    f.srcIp = PU::GetSourceIp(frame);
-    f.dstIp = PU::GetDestinationIp(frame);
-    f.protocol = PU::GetIpProtocol(frame);
-    if (FragmentOffset(frame) != 0) throw Exception("Unexpected IP fragment");
-    f.fragmented = !wholeDatagram || MoreFragments(frame);
-    if (f.protocol != IpProtocol::kTcp && f.protocol != IpProtocol::kUdp) return;
-
-    const bool tcp = f.protocol == IpProtocol::kTcp;
-    const size_t headerEnd = kEthernetHeaderSize + f.ipHeaderSize + (tcp ? kMinTcpHeaderSize : kUdpHeaderSize);
-    if (frame.size() < headerEnd) throw Exception("Unexpected packet size: " + std::to_string(frame.size()));
-    f.srcPort = PU::GetSourcePort(frame);
-    f.dstPort = PU::GetDestinationPort(frame);
-    const uint32_t totalLength = PU::GetIpPacketTotalLength(frame);
-    if (!tcp) {
-        f.udpWithoutChecksum = PU::GetTransportHeaderChecksum(frame) == 0;
-        return;
-    }
-    const uint32_t tcpHeaderSize = PU::GetTransportHeaderLength(frame);
-    if (tcpHeaderSize < kMinTcpHeaderSize) {
-        throw Exception("Unexpected TCP header size: " + std::to_string(tcpHeaderSize));
-    }
-    f.segment.tcp = true;
-    f.segment.sequence = PU::GetTcpSequenceNumber(frame);
-    f.segment.acknowledgment = PU::GetAcknowledgmentNumber(frame);
-    f.segment.fin = PU::IsTcpFinFlagSet(frame);
-    f.segment.rst = PU::IsTcpRstFlagSet(frame);
-    f.segment.ack = PU::IsTcpAckFlagSet(frame);
-    const uint32_t headers = f.ipHeaderSize + tcpHeaderSize;
-    f.segment.payloadLength = totalLength > headers ? totalLength - headers : 0;
-    f.payloadBegin = kEthernetHeaderSize + headers;
-    f.payloadEnd = kEthernetHeaderSize + totalLength;
-    f.payloadIntact = !f.fragmented && totalLength >= headers && f.payloadEnd <= frame.size();
+void CheckKind(TranslationKind kind) {
+    if (kind != TranslationKind::Snat && kind != TranslationKind::Dnat) throw Exception("Invalid translation rule");
 }
 
-// Replaces part of the TCP payload, dropping any Ethernet padding and keeping the IP
-// total length right. Skipped when the frame would grow past the largest frame.
-PayloadChange ApplyEdit(Frame& frame, const FrameFacts& f,
-                        const ApplicationLayer::Edit& edit) {
-    const size_t oldSize = edit.end - edit.begin;
-    if (edit.text.size() == oldSize &&
-        edit.text.compare(0, oldSize, reinterpret_cast<const char*>(frame.data() + f.payloadBegin + edit.begin),
-                          oldSize) == 0) {
-        return {};
-    }
-    const int64_t delta = static_cast<int64_t>(edit.text.size()) - static_cast<int64_t>(oldSize);
-    const int64_t newSize = static_cast<int64_t>(f.payloadEnd) + delta;
-    if (newSize > static_cast<int64_t>(kMaxFrameSize)) return {};
-    frame.resize(f.payloadEnd);
-    auto at = frame.begin() + static_cast<std::ptrdiff_t>(f.payloadBegin + edit.begin);
-    at = frame.erase(at, at + static_cast<std::ptrdiff_t>(oldSize));
-    frame.insert(at, edit.text.begin(), edit.text.end());
-    PU::SetIpPacketTotalLength(frame, static_cast<uint16_t>(frame.size() - kEthernetHeaderSize));
-    return {true, static_cast<int32_t>(delta)};
-}
-
-struct HeaderValues {
-    MacAddress srcMac;
-    MacAddress dstMac;
-    Ipv4Address srcIp;
-    Ipv4Address dstIp;
-    uint32_t srcPort;
-    uint32_t dstPort;
-};
-
-// A partial checksum holds the folded pseudo-header sum, uncomplemented: it takes the
-// address changes as a complete checksum would, but complemented, and nothing for the
-// ports and sequence numbers, which are summed later with the rest of the segment.
-void RewriteHeaders(Frame& frame, const FrameFacts& f, const HeaderValues& v,
-                    const EntryView& entry, bool payloadChanged, bool partialChecksum) {
-    if (partialChecksum) PU::SetTransportHeaderChecksum(frame, static_cast<uint16_t>(~PU::GetTransportHeaderChecksum(frame)));
-    PU::SetSourceMac(frame, v.srcMac);
-    PU::SetDestinationMac(frame, v.dstMac);
-    PU::UpdateSourceIp(frame, v.srcIp);
-    PU::UpdateDestinationIp(frame, v.dstIp);
-    const uint16_t afterAddresses = partialChecksum ? PU::GetTransportHeaderChecksum(frame) : 0;
-    PU::SetSourcePort(frame, static_cast<uint16_t>(v.srcPort));
-    PU::SetDestinationPort(frame, static_cast<uint16_t>(v.dstPort));
-    if (f.segment.tcp) {
-        if (entry.sequence != f.segment.sequence) PU::SetTcpSequenceNumber(frame, entry.sequence);
-        if (entry.acknowledgment != f.segment.acknowledgment) PU::SetAcknowledgmentNumber(frame, entry.acknowledgment);
-    }
-    PU::FixIpHeaderChecksum(frame);
-    if (partialChecksum) {
-        PU::SetTransportHeaderChecksum(frame, static_cast<uint16_t>(~afterAddresses));
-        return;
-    }
-    if (payloadChanged) {
-        PU::FixTransportHeaderChecksum(frame);
-    } else if (f.udpWithoutChecksum) {
-        // A datagram sent without a checksum stays without one: the incremental
-        // updates above would otherwise leave a wrong non-zero value in it.
-        PU::UpdateTransportHeaderChecksum(frame, 0xFFFF, 0, 0);
-    }
-}
-
-// Later fragments carry no transport header: addresses and IP header checksum only.
-void RewriteFragments(FragmentList* fragments, size_t headIndex, const HeaderValues& v) {
-    if (fragments == nullptr) return;
-    const Bytes srcIp = ToBytes(v.srcIp);
-    const Bytes dstIp = ToBytes(v.dstIp);
-    for (size_t i = 0; i < fragments->size(); ++i) {
-        if (i == headIndex) continue;
-        Frame& fragment = (*fragments)[i];
-        PU::SetSourceMac(fragment, v.srcMac);
-        PU::SetDestinationMac(fragment, v.dstMac);
-        PU::SetSourceIpAddress(fragment, srcIp);
-        PU::SetDestinationIpAddress(fragment, dstIp);
-        PU::FixIpHeaderChecksum(fragment);
-    }
+Segment SegmentOf(const FrameView& view) {
+    Segment segment;
+    if (!view.Tcp()) return segment;
+    segment.tcp = true;
+    segment.sequence = view.sequence;
+    segment.acknowledgment = view.acknowledgment;
+    segment.fin = view.TcpFin();
+    segment.rst = view.TcpRst();
+    segment.ack = view.TcpAck();
+    const uint32_t headers = view.ipHeaderSize + view.tcpHeaderSize;
+    segment.payloadLength = view.totalLength > headers ? view.totalLength - headers : 0;
+    return segment;
 }
 
 // Every fragment must be an IPv4 frame with a whole IP header; the head is the one at
-// offset 0, wherever it sits in the list.
+// offset 0, wherever it sits in the list. Later fragments come without a view of their
+// own: a look at their IP header is all they need.
 size_t CheckFragments(const FragmentList& fragments) {
     if (fragments.empty()) throw Exception("The fragments list is empty.");
     size_t head = fragments.size();
     for (size_t i = 0; i < fragments.size(); ++i) {
-        CheckNetworkHeader(fragments[i]);
-        if (head == fragments.size() && FragmentOffset(fragments[i]) == 0) head = i;
+        const FrameView view = ReadFrameView(fragments[i]);
+        ThrowUnlessIpv4Header(view);
+        if (head == fragments.size() && view.fragmentOffset == 0) head = i;
     }
     if (head == fragments.size()) throw Exception("The fragments list holds no first fragment.");
     return head;
@@ -358,50 +228,73 @@ bool NetworkAddressTranslator::HasExternalEntry(uint8_t protocol, const MacAddre
     return table->HasInbound(key);
 }
 
-TranslationKind NetworkAddressTranslator::ClassifyInternalPacket(uint8_t protocol, const MacAddress& srcMac,
-                                                                 const MacAddress& dstMac, const Ipv4Address& srcIp,
-                                                                 const Ipv4Address& dstIp, uint32_t srcPort,
-                                                                 uint32_t dstPort) {
-    if (!WhiteListed(srcMac)) return TranslationKind::None;
-    if (SelectMapping(dstMac, dstIp) != nullptr) return TranslationKind::Snat;
-    if (rules_.empty()) return TranslationKind::None;
-    RedirectRule* rule = FindInternalRule(protocol, srcPort, srcIp, dstMac, dstIp);
-    if (rule == nullptr && !(ftpEnabled_ && protocol == IpProtocol::kTcp)) return TranslationKind::None;
-    NatTable* table = TableFor(protocol);
-    if (table == nullptr) return TranslationKind::None;
+Decision NetworkAddressTranslator::ClassifyInternalPacket(const FrameView& v) {
+    if (!WhiteListed(v.srcMac)) return {};
+    if (const AdapterMapping* mapping = SelectMapping(v.dstMac, v.dstIp)) {
+        return Decision::Of(TranslationKind::Snat, nullptr, mapping);
+    }
+    if (rules_.empty()) return {};
+    RedirectRule* rule = FindInternalRule(v.protocol, v.srcPort, v.srcIp, v.dstMac, v.dstIp);
+    if (rule == nullptr && !(ftpEnabled_ && v.Tcp())) return {};
+    NatTable* table = TableFor(v.protocol);
+    if (table == nullptr) return {};
     // A reply of a published service, or a data connection its FTP server opens.
-    InternalKey key;
-    key.hostMac = srcMac;
-    key.hostIp = srcIp;
-    key.internalPort = srcPort;
-    key.adapterMac = dstMac;
-    key.destinationIp = dstIp;
-    key.destinationPort = dstPort;
-    return table->HasOutbound(key) ? TranslationKind::Dnat : TranslationKind::None;
+    const InternalKey key{v.srcMac, v.srcIp, v.srcPort, v.dstMac, v.dstIp, v.dstPort};
+    if (!table->HasOutbound(key)) return {};
+    return Decision::Of(TranslationKind::Dnat, rule);
 }
 
-TranslationKind NetworkAddressTranslator::ClassifyExternalPacket(uint8_t protocol, const MacAddress& dstMac,
-                                                                 const Ipv4Address& srcIp, uint32_t srcPort,
-                                                                 uint32_t dstPort) {
+Decision NetworkAddressTranslator::ClassifyExternalPacket(const FrameView& v) {
     for (const AdapterMapping& mapping : mappings_) {
-        if (!SameMac(mapping.external.mac, dstMac)) continue;
-        if (HasExternalEntry(protocol, dstMac, srcIp, srcPort, dstPort)) {
-            if (macWhiteList_.empty()) return TranslationKind::Snat;
-            ExternalKey key;
-            key.externalPort = dstPort;
-            key.externalAdapterMac = dstMac;
-            key.remoteIp = srcIp;
-            key.remotePort = srcPort;
-            return WhiteListed(TableFor(protocol)->GetInternalHostMac(key)) ? TranslationKind::Snat
-                                                                            : TranslationKind::None;
+        if (!SameMac(mapping.external.mac, v.dstMac)) continue;
+        if (HasExternalEntry(v.protocol, v.dstMac, v.srcIp, v.srcPort, v.dstPort)) {
+            if (macWhiteList_.empty()) return Decision::Of(TranslationKind::Snat);
+            const ExternalKey key{v.dstPort, v.dstMac, v.srcIp, v.srcPort};
+            if (!WhiteListed(TableFor(v.protocol)->GetInternalHostMac(key))) return {};
+            return Decision::Of(TranslationKind::Snat);
         }
         break;  // the entry check is the same for every further mapping
     }
-    if (rules_.empty()) return TranslationKind::None;
-    if (MatchExternalRule(protocol, dstMac, srcIp, dstPort) != nullptr) return TranslationKind::Dnat;
-    if (ftpEnabled_ && protocol == IpProtocol::kTcp && HasExternalEntry(protocol, dstMac, srcIp, srcPort, dstPort))
-        return TranslationKind::Dnat;
-    return TranslationKind::None;
+    if (rules_.empty()) return {};
+    if (RedirectRule* rule = MatchExternalRule(v.protocol, v.dstMac, v.srcIp, v.dstPort)) {
+        return Decision::Of(TranslationKind::Dnat, rule);
+    }
+    if (ftpEnabled_ && v.Tcp() && HasExternalEntry(v.protocol, v.dstMac, v.srcIp, v.srcPort, v.dstPort)) {
+        return Decision::Of(TranslationKind::Dnat);
+    }
+    return {};
+}
+
+Decision NetworkAddressTranslator::Decide(bool fromExternal, const Frame& frame, const FrameView& view) {
+    if (!view.Translatable()) return {};
+    if (view.protocol == IpProtocol::kIcmp) return ClassifyIcmpPacket(frame, view, fromExternal);
+    return fromExternal ? ClassifyExternalPacket(view) : ClassifyInternalPacket(view);
+}
+
+const AdapterInfo& NetworkAddressTranslator::Apply(const Decision& decision, bool fromExternal, Frame& frame,
+                                                   const FrameView& view, const std::string& receivedOnGuid,
+                                                   bool partialChecksum) {
+    return fromExternal ? TranslateInbound(decision, frame, view, nullptr, 0, receivedOnGuid, partialChecksum)
+                        : TranslateOutbound(decision, frame, view, nullptr, 0, receivedOnGuid, partialChecksum);
+}
+
+const AdapterInfo* NetworkAddressTranslator::Translate(bool fromExternal, Frame& frame, const FrameView& view,
+                                                       const std::string& receivedOnGuid, bool partialChecksum) {
+    const Decision decision = Decide(fromExternal, frame, view);
+    if (decision.kind == TranslationKind::None) return nullptr;
+    return &Apply(decision, fromExternal, frame, view, receivedOnGuid, partialChecksum);
+}
+
+const AdapterInfo* NetworkAddressTranslator::Translate(bool fromExternal, FragmentList& fragments,
+                                                       const FrameView& head, const std::string& receivedOnGuid) {
+    const size_t index = CheckFragments(fragments);
+    // The view must be the first fragment's: a later one has no ports to decide by.
+    if (head.fragmentOffset != 0) throw Exception("Unexpected IP fragment");
+    Frame& frame = fragments[index];
+    const Decision decision = Decide(fromExternal, frame, head);
+    if (decision.kind == TranslationKind::None) return nullptr;
+    return fromExternal ? &TranslateInbound(decision, frame, head, &fragments, index, receivedOnGuid, false)
+                        : &TranslateOutbound(decision, frame, head, &fragments, index, receivedOnGuid, false);
 }
 
 std::optional<MacAddress> NetworkAddressTranslator::ResolveOrHold(const Ipv4Address& ip, const Frame& head,
@@ -439,62 +332,31 @@ NetworkAddressTranslator::NextHop NetworkAddressTranslator::ResolveExternalNextH
     return hop;
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(TranslationKind kind, Frame& frame,
-                                                                         const std::string& receivedOnGuid,
-                                                                         bool partialChecksum) {
-    return TranslateOutbound(kind, frame, nullptr, 0, receivedOnGuid, partialChecksum);
-}
-
-const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(TranslationKind kind, Frame& frame,
-                                                                         const std::string& receivedOnGuid,
-                                                                         bool partialChecksum) {
-    return TranslateInbound(kind, frame, nullptr, 0, receivedOnGuid, partialChecksum);
-}
-
 bool NetworkAddressTranslator::RewritesPayloads() const {
     return ftpEnabled_ || std::any_of(rules_.begin(), rules_.end(), [](const RedirectRule& rule) {
                return rule.httpHostTranslation || rule.ftpSupport;
            });
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateInternalToExternal(TranslationKind kind, FragmentList& fragments,
-                                                                         const std::string& receivedOnGuid) {
-    const size_t head = CheckFragments(fragments);
-    return TranslateOutbound(kind, fragments[head], &fragments, head, receivedOnGuid, false);
-}
-
-const AdapterInfo& NetworkAddressTranslator::TranslateExternalToInternal(TranslationKind kind, FragmentList& fragments,
-                                                                         const std::string& receivedOnGuid) {
-    const size_t head = CheckFragments(fragments);
-    return TranslateInbound(kind, fragments[head], &fragments, head, receivedOnGuid, false);
-}
-
-const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(TranslationKind kind, Frame& head,
-                                                               FragmentList* fragments, size_t headIndex,
-                                                               const std::string& receivedOnGuid,
+const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(const Decision& decision, Frame& head,
+                                                               const FrameView& f, FragmentList* fragments,
+                                                               size_t headIndex, const std::string& receivedOnGuid,
                                                                bool partialChecksum) {
-    if (kind != TranslationKind::Snat && kind != TranslationKind::Dnat) throw Exception("Invalid translation rule");
-    FrameFacts f;
-    ReadFacts(head, fragments == nullptr, f);
-    if (f.protocol == IpProtocol::kIcmp) return TranslateIcmp(true, head, fragments, headIndex, receivedOnGuid);
-    if (partialChecksum) f.payloadIntact = false;
+    CheckKind(decision.kind);
+    CheckHead(f);
+    if (f.protocol == IpProtocol::kIcmp) {
+        return TranslateIcmp(true, decision, head, f, fragments, headIndex, receivedOnGuid);
+    }
+    const bool payloadIntact = f.payloadIntact && fragments == nullptr && !partialChecksum;
+    const Segment segment = SegmentOf(f);
 
-    InternalKey key;
-    key.hostMac = f.srcMac;
-    key.hostIp = f.srcIp;
-    key.internalPort = f.srcPort;
-    key.adapterMac = f.dstMac;
-    key.destinationIp = f.dstIp;
-    key.destinationPort = f.dstPort;
-
+    const InternalKey key{f.srcMac, f.srcIp, f.srcPort, f.dstMac, f.dstIp, f.dstPort};
     const AdapterInfo* external = nullptr;
-    RedirectRule* rule = nullptr;
-    if (kind == TranslationKind::Snat) {
-        const AdapterMapping* mapping = SelectMapping(f.dstMac, f.dstIp);
-        if (mapping == nullptr) throw Exception("SNat internal to external adapters not found");
-        external = &mapping->external;
+    RedirectRule* rule = decision.rule;
+    if (decision.kind == TranslationKind::Snat) {
+        if (decision.mapping == nullptr) throw Exception("SNat internal to external adapters not found");
+        external = &decision.mapping->external;
     } else {
-        rule = FindInternalRule(f.protocol, f.srcPort, f.srcIp, f.dstMac, f.dstIp);
         if (rule != nullptr) {
             external = &rule->fromAdapter;
         } else {
@@ -506,13 +368,13 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(TranslationKind k
             if (external == nullptr) throw Exception("DNat mapped external adapter not found");
         }
     }
-    const bool ftp = rule != nullptr && rule->ftpSupport && f.segment.tcp;
+    const bool ftp = rule != nullptr && rule->ftpSupport && segment.tcp;
 
     NatTable* table = TableFor(f.protocol);
     if (table == nullptr) throw Exception("Unsupported port type");
     const MacAddress externalMac = AdapterMac(*external);
     EntryView entry;
-    if (!table->LookupOutbound(key, kind == TranslationKind::Snat ? &externalMac : nullptr, f.segment, entry)) {
+    if (!table->LookupOutbound(key, decision.kind == TranslationKind::Snat ? &externalMac : nullptr, segment, entry)) {
         throw Exception("Not found external host info for DNAT packet");
     }
 
@@ -520,45 +382,45 @@ const AdapterInfo& NetworkAddressTranslator::TranslateOutbound(TranslationKind k
                                                head, fragments, receivedOnGuid, partialChecksum);
 
     PayloadChange change;
-    if (ftp && f.payloadIntact) change = RewritePassiveReply(head, f, *external, entry);
+    if (ftp && payloadIntact) change = RewritePassiveReply(head, f, *external, entry);
 
     const HeaderValues values{externalMac,          hop.mac, hop.sourceIp, entry.external.remoteIp,
                               entry.external.externalPort, entry.external.remotePort};
     RewriteHeaders(head, f, values, entry, change.changed, partialChecksum);
     if (change.delta != 0) {
-        tcpTable_.UpdateReceivedBytesInfo(entry.external, entry.internal, true, f.segment.sequence, change.delta);
+        tcpTable_.UpdateReceivedBytesInfo(entry.external, entry.internal, true, segment.sequence, change.delta);
     }
     if (entry.closeAfter) table->Remove(entry.external);
     RewriteFragments(fragments, headIndex, values);
     return *external;
 }
 
-const AdapterInfo& NetworkAddressTranslator::TranslateInbound(TranslationKind kind, Frame& head,
-                                                              FragmentList* fragments, size_t headIndex,
-                                                              const std::string& receivedOnGuid, bool partialChecksum) {
-    if (kind != TranslationKind::Snat && kind != TranslationKind::Dnat) throw Exception("Invalid translation rule");
-    FrameFacts f;
-    ReadFacts(head, fragments == nullptr, f);
-    if (f.protocol == IpProtocol::kIcmp) return TranslateIcmp(false, head, fragments, headIndex, receivedOnGuid);
-    if (partialChecksum) f.payloadIntact = false;
+const AdapterInfo& NetworkAddressTranslator::TranslateInbound(const Decision& decision, Frame& head,
+                                                              const FrameView& f, FragmentList* fragments,
+                                                              size_t headIndex, const std::string& receivedOnGuid,
+                                                              bool partialChecksum) {
+    CheckKind(decision.kind);
+    CheckHead(f);
+    if (f.protocol == IpProtocol::kIcmp) {
+        return TranslateIcmp(false, decision, head, f, fragments, headIndex, receivedOnGuid);
+    }
+    const bool payloadIntact = f.payloadIntact && fragments == nullptr && !partialChecksum;
+    const Segment segment = SegmentOf(f);
 
-    ExternalKey key;
-    key.externalPort = f.dstPort;
-    key.externalAdapterMac = f.dstMac;
-    key.remoteIp = f.srcIp;
-    key.remotePort = f.srcPort;
-
+    const ExternalKey key{f.dstPort, f.dstMac, f.srcIp, f.srcPort};
     EntryView entry;
     const AdapterInfo* internal = nullptr;
     RedirectRule* rule = nullptr;
     NatTable* table = nullptr;
-    if (kind == TranslationKind::Snat) {
+    if (decision.kind == TranslationKind::Snat) {
         table = TableFor(f.protocol);
         if (table == nullptr) throw Exception("Unexpected IP protocol");
-        table->LookupInbound(key, "SNAT", f.segment, entry);
+        table->LookupInbound(key, "SNAT", segment, entry);
         internal = &InternalAdapterFor(f.dstMac, entry);
     } else {
-        rule = MatchExternalRule(f.protocol, f.dstMac, f.srcIp, f.dstPort);
+        // The rule matched once, when the frame was decided on: its expiry and refresh
+        // happen once per frame.
+        rule = decision.rule;
         if (rule == nullptr && (!ftpEnabled_ || f.protocol != IpProtocol::kTcp))
             throw Exception("DNat matching rule not found");
         table = TableFor(f.protocol);
@@ -585,13 +447,13 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(TranslationKind ki
             table->AddDnatEntry(key, host, rule->translateSource ? &sourceIp : nullptr, rule->linkedKeys);
             if (toSubnet == nullptr) throw Exception("Not found any IP matching with " + IpText(toIp));
         }
-        table->LookupInbound(key, "DNAT", f.segment, entry);
+        table->LookupInbound(key, "DNAT", segment, entry);
         internal = rule != nullptr ? &rule->toAdapter : AdapterByMac(entry.internal.adapterMac);
         if (internal == nullptr) throw Exception("DNat matching rule not found");
     }
 
     PayloadChange change;
-    if (rule != nullptr && f.segment.tcp && f.payloadIntact) {
+    if (rule != nullptr && segment.tcp && payloadIntact) {
         if (rule->httpHostTranslation) {
             auto edit = ApplicationLayer::HostFieldEdit(head.data() + f.payloadBegin, f.payloadEnd - f.payloadBegin,
                                                         entry.internal.hostIp, entry.internal.internalPort);
@@ -605,7 +467,7 @@ const AdapterInfo& NetworkAddressTranslator::TranslateInbound(TranslationKind ki
                               entry.internal.internalPort};
     RewriteHeaders(head, f, values, entry, change.changed, partialChecksum);
     if (change.delta != 0) {
-        tcpTable_.UpdateReceivedBytesInfo(entry.external, entry.internal, false, f.segment.sequence, change.delta);
+        tcpTable_.UpdateReceivedBytesInfo(entry.external, entry.internal, false, segment.sequence, change.delta);
     }
     if (entry.closeAfter) table->Remove(entry.external);
     RewriteFragments(fragments, headIndex, values);
@@ -626,7 +488,7 @@ const AdapterInfo& NetworkAddressTranslator::InternalAdapterFor(const MacAddress
 
 // A passive reply of a published FTP server: the client is told to connect to this
 // adapter on a pool port, which a temporary rule leads on to the server's data port.
-PayloadChange NetworkAddressTranslator::RewritePassiveReply(Frame& frame, const FrameFacts& f,
+PayloadChange NetworkAddressTranslator::RewritePassiveReply(Frame& frame, const FrameView& f,
                                                             const AdapterInfo& external, const EntryView& entry) {
     auto reply = ApplicationLayer::ParsePassiveReply(frame.data() + f.payloadBegin, f.payloadEnd - f.payloadBegin);
     if (!reply) return {};
@@ -677,7 +539,7 @@ PayloadChange NetworkAddressTranslator::RewritePassiveReply(Frame& frame, const 
 // connect from its data port (control port - 1) to the address the command names; a
 // DNATv2 entry leads that connection out to the client. With translate source the
 // server is given this adapter's address and a pool port, as it knows the client by.
-PayloadChange NetworkAddressTranslator::RewritePortCommand(Frame& frame, const FrameFacts& f,
+PayloadChange NetworkAddressTranslator::RewritePortCommand(Frame& frame, const FrameView& f,
                                                            const EntryView& entry, const RedirectRule& rule) {
     auto command = ApplicationLayer::ParsePortCommand(frame.data() + f.payloadBegin, f.payloadEnd - f.payloadBegin);
     if (!command || entry.internal.internalPort == 0) return {};

@@ -33,11 +33,13 @@ ArpCache::~ArpCache() {
     table_.reset();
 }
 
-bool ArpCache::OnSentFragments(const Nat::FragmentList&, const std::string&) { return false; }
-bool ArpCache::OnSentFrame(Nat::Frame&, const Nat::FrameOffload&, const std::string&) { return false; }
-bool ArpCache::OnReceivedFragments(const Nat::FragmentList&, const std::string&) { return false; }
+bool ArpCache::OnSentFragments(Nat::FragmentList&, const Nat::FrameView&, const std::string&) { return false; }
+bool ArpCache::OnSentFrame(Nat::Frame&, const Nat::FrameView&,
+                           const Nat::FrameOffload&, const std::string&) { return false; }
+bool ArpCache::OnReceivedFragments(Nat::FragmentList&, const Nat::FrameView&, const std::string&) { return false; }
 
-bool ArpCache::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload&, const std::string&) {
+bool ArpCache::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&, const Nat::FrameOffload&,
+                               const std::string&) {
     if (!table_ || !Nat::PacketUtils::IsArpReply(frame)) return false;
     const Nat::PacketUtils::Bytes mac = Nat::PacketUtils::GetArpSenderMacAddress(frame);
     const Nat::PacketUtils::Bytes ip = Nat::PacketUtils::GetArpSenderIpAddress(frame);

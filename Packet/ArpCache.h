@@ -24,11 +24,13 @@ public:
     ArpCache(const ArpCache&) = delete;
     ArpCache& operator=(const ArpCache&) = delete;
 
-    bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
-    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
-    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
+    bool OnSentFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override;
+    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameView&,
+                     const Nat::FrameOffload& offload, const std::string& guid) override;
+    bool OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override;
     // Learns from ARP replies; codec errors on runt frames go to the publisher.
-    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&,
+                         const Nat::FrameOffload& offload, const std::string& guid) override;
 
     bool RegisterDrivers(const void* session, const std::set<std::string>& adapterGuids) override;
     void UnregisterDrivers(const void* session) override;

@@ -7,7 +7,6 @@ namespace Nat::Icmp {
 
 namespace {
 
-constexpr size_t kEthernetHeaderSize = 14;
 constexpr size_t kMinIpHeaderSize = 20;
 
 uint16_t U16(const Frame& frame, size_t at) { return static_cast<uint16_t>((frame[at] << 8) | frame[at + 1]); }
@@ -19,23 +18,6 @@ Ipv4Address IpAt(const Frame& frame, size_t at) {
 }
 
 }  // namespace
-
-bool ReadMessage(const Frame& frame, Message& message) {
-    const size_t ip = kEthernetHeaderSize;
-    if (frame.size() < ip + kMinIpHeaderSize || frame[12] != 0x08 || frame[13] != 0x00) return false;
-    const size_t headerSize = static_cast<size_t>(frame[ip] & 0x0F) * 4;
-    if (headerSize < kMinIpHeaderSize || frame[ip + 9] != IpProtocol::kIcmp) return false;
-    if (((frame[ip + 6] & 0x1F) | frame[ip + 7]) != 0) return false;  // a later fragment
-    const size_t end = std::min(frame.size(), ip + U16(frame, ip + 2));
-    message.begin = ip + headerSize;
-    if (end < message.begin + kHeaderSize) return false;
-    message.end = end;
-    message.type = frame[message.begin];
-    message.code = frame[message.begin + 1];
-    const bool echo = message.type == kEchoRequest || message.type == kEchoReply;
-    message.identifier = echo ? U16(frame, message.begin + kIdentifierAt) : 0;
-    return true;
-}
 
 bool ReadQuote(const Frame& frame, const Message& message, Quote& quote) {
     if (!IsError(message.type)) return false;

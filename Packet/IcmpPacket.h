@@ -26,7 +26,8 @@ inline bool IsError(uint8_t type) {
     return type == kDestinationUnreachable || type == kTimeExceeded || type == kParameterProblem;
 }
 
-// An unfragmented (or first-fragment) ICMP message of an IPv4 frame.
+// An unfragmented (or first-fragment) ICMP message of an IPv4 frame, as the frame view
+// (Packet/FrameView.h) reads it.
 struct Message {
     size_t begin = 0;  // the ICMP header
     size_t end = 0;    // end of the message bytes present in the frame
@@ -50,8 +51,6 @@ struct Quote {
     bool pseudoHeader = false;  // the transport checksum covers the quoted addresses
 };
 
-// False unless the frame is IPv4, protocol 1, not a later fragment and holds the 8-byte header.
-bool ReadMessage(const Frame& frame, Message& message);
 // False unless `message` is an error whose quote reaches its flow's ports or identifier.
 bool ReadQuote(const Frame& frame, const Message& message, Quote& quote);
 

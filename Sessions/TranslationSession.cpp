@@ -6,46 +6,11 @@
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Logging/Logger.h"
 #include "Packet/ArpTable.h"
-#include "Packet/IpProtocol.h"
-#include "Packet/PacketUtils.h"
 #include "Platform/SocketStartup.h"
 
 namespace NativeNetworkDriver {
 
 namespace {
-
-// The fields classification needs, read from an IPv4 TCP or UDP frame.
-struct FrameFields {
-    uint8_t protocol = 0;
-    Nat::MacAddress srcMac{}, dstMac{};
-    Nat::Ipv4Address srcIp{}, dstIp{};
-    uint32_t srcPort = 0, dstPort = 0;
-};
-
-// False for anything that is not a whole enough IPv4 TCP or UDP frame: such frames are
-// not for translation and go on unchanged.
-bool ReadFields(const Nat::Frame& frame, FrameFields& f) {
-    using namespace Nat::PacketUtils;
-    if (frame.size() < 34 || frame[12] != 0x08 || frame[13] != 0x00) return false;
-    try {
-        const uint32_t headerSize = GetIpHeaderSize(frame);
-        f.protocol = GetIpProtocol(frame);
-        // ICMP frames are classified by the engine from the frame itself.
-        const bool known = f.protocol == Nat::IpProtocol::kTcp || f.protocol == Nat::IpProtocol::kUdp ||
-                           f.protocol == Nat::IpProtocol::kIcmp;
-        if (headerSize < 20 || !known || frame.size() < 14 + headerSize + 4)
-            return false;
-        f.srcMac = GetSourceMac(frame);
-        f.dstMac = GetDestinationMac(frame);
-        f.srcIp = GetSourceIp(frame);
-        f.dstIp = GetDestinationIp(frame);
-        f.srcPort = GetSourcePort(frame);
-        f.dstPort = GetDestinationPort(frame);
-        return true;
-    } catch (const Nat::Exception&) {
-        return false;
-    }
-}
 
 bool InSubnet(const Nat::IpEntry& entry, const std::vector<uint8_t>& ip) {
     if (entry.address.size() != 4 || entry.mask.size() != 4 || ip.size() != 4) return false;
@@ -224,68 +189,74 @@ bool TranslationSession::Guarded(bool inbound, Step&& step) {
     return false;
 }
 
-template <typename RewriteAndSend>
-bool TranslationSession::Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend) {
-    if (!engine_) return false;
-    const bool inbound = externalGuids_.count(guid) != 0;
-    if (!inbound && internalGuids_.count(guid) == 0) return false;
-    FrameFields f;
-    if (!ReadFields(head, f)) return false;
-    bool classified = false;
-    auto kind = Nat::TranslationKind::None;
-    (void)Guarded(inbound, [&] {
-        kind = f.protocol == Nat::IpProtocol::kIcmp ? engine_->ClassifyIcmpPacket(head, inbound)
-               : inbound           ? engine_->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort)
-                                   : engine_->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
-                                                                     f.srcPort, f.dstPort);
-        classified = true;
-        if (kind != Nat::TranslationKind::None) rewriteAndSend(kind, inbound);
-    });
-    // A frame the engine failed to classify is dropped like one it failed to translate.
-    return !classified || kind != Nat::TranslationKind::None;
-}
-
-void TranslationSession::TranslateAndSend(Nat::TranslationKind kind, bool inbound, Nat::Frame& frame,
-                                          const Nat::FrameOffload& offload, const std::string& guid) {
-    const bool partial = offload.PartialChecksum();
-    const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, frame, guid, partial)
-                                          : engine_->TranslateInternalToExternal(kind, frame, guid, partial);
-    publisher_->SendToAdapter(this, out.id, frame, offload);
+int TranslationSession::Side(const std::string& guid) const {
+    if (!engine_) return -1;
+    if (externalGuids_.count(guid) != 0) return 1;
+    return internalGuids_.count(guid) != 0 ? 0 : -1;
 }
 
 // Each wire frame is translated as if it had come alone, so a payload rewrite sees whole
-// segments and the wire carries what it would without offloads.
-void TranslationSession::TranslateSegments(Nat::TranslationKind kind, bool inbound, const Nat::Frame& frame,
+// segments and the wire carries what it would without offloads. The super-frame's decision
+// holds for all of them.
+void TranslationSession::TranslateSegments(const Nat::Decision& decision, bool inbound, const Nat::Frame& frame,
                                            const Nat::FrameOffload& offload, const std::string& guid) {
     Nat::SuperFrameSplitter splitter;
     if (!splitter.Start(offload, frame.data(), frame.size(), Nat::kMaxFrameSize)) return;
     std::array<uint8_t, Nat::kMaxFrameSize> buffer;
     for (size_t n; (n = splitter.Next(buffer.data(), buffer.size())) > 0;) {
         segment_.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(n));
-        (void)Guarded(inbound, [&] { TranslateAndSend(kind, inbound, segment_, {}, guid); });
+        const Nat::FrameView view = Nat::ReadFrameView(segment_);
+        (void)Guarded(inbound, [&] {
+            const Nat::AdapterInfo& out = engine_->Apply(decision, inbound, segment_, view, guid);
+            publisher_->SendToAdapter(this, out.id, segment_);
+        });
     }
 }
 
-bool TranslationSession::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload,
-                                         const std::string& guid) {
-    return Handle(guid, frame, [&](Nat::TranslationKind kind, bool inbound) {
-        if (offload.Any() && kind == Nat::TranslationKind::Dnat && engine_->RewritesPayloads()) {
-            TranslateSegments(kind, inbound, frame, offload, guid);
-        } else {
-            TranslateAndSend(kind, inbound, frame, offload, guid);
+// A frame the engine claimed and then failed on, in deciding as in translating, is
+// dropped: true (consumed) unless the engine said it is not its own.
+bool TranslationSession::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView& view,
+                                         const Nat::FrameOffload& offload, const std::string& guid) {
+    const int side = Side(guid);
+    if (side < 0 || !view.Translatable()) return false;
+    const bool inbound = side == 1;
+    bool mine = true;
+    (void)Guarded(inbound, [&] {
+        const bool partial = offload.PartialChecksum();
+        if (offload.Any() && engine_->RewritesPayloads()) {
+            // A payload may be rewritten: a DNAT super-frame goes as wire frames.
+            const Nat::Decision decision = engine_->Decide(inbound, frame, view);
+            mine = decision.kind != Nat::TranslationKind::None;
+            if (!mine) return;
+            if (decision.kind == Nat::TranslationKind::Dnat) {
+                TranslateSegments(decision, inbound, frame, offload, guid);
+                return;
+            }
+            const Nat::AdapterInfo& out = engine_->Apply(decision, inbound, frame, view, guid, partial);
+            publisher_->SendToAdapter(this, out.id, frame, offload);
+            return;
         }
+        const Nat::AdapterInfo* out = engine_->Translate(inbound, frame, view, guid, partial);
+        mine = out != nullptr;
+        if (mine) publisher_->SendToAdapter(this, out->id, frame, offload);
     });
+    return mine;
 }
 
 // The first fragment decides; the others follow it.
-bool TranslationSession::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) {
-    if (fragments.empty()) return false;
-    return Handle(guid, fragments.front(), [&](Nat::TranslationKind kind, bool inbound) {
-        Nat::FragmentList copy = fragments;
-        const Nat::AdapterInfo& out = inbound ? engine_->TranslateExternalToInternal(kind, copy, guid)
-                                              : engine_->TranslateInternalToExternal(kind, copy, guid);
-        for (const auto& fragment : copy) publisher_->SendToAdapter(this, out.id, fragment);
+bool TranslationSession::OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView& head,
+                                             const std::string& guid) {
+    const int side = Side(guid);
+    if (side < 0 || fragments.empty() || !head.Translatable()) return false;
+    const bool inbound = side == 1;
+    bool mine = true;
+    (void)Guarded(inbound, [&] {
+        const Nat::AdapterInfo* out = engine_->Translate(inbound, fragments, head, guid);
+        mine = out != nullptr;
+        if (mine)
+            for (const auto& fragment : fragments) publisher_->SendToAdapter(this, out->id, fragment);
     });
+    return mine;
 }
 
 }  // namespace NativeNetworkDriver

@@ -31,12 +31,16 @@ public:
     Nat::NetworkAddressTranslator* Engine() { return engine_.get(); }
 
     // Frames the local stack sends are never translated.
-    bool OnSentFragments(const Nat::FragmentList&, const std::string&) override { return false; }
-    bool OnSentFrame(Nat::Frame&, const Nat::FrameOffload&, const std::string&) override { return false; }
-    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
+    bool OnSentFragments(Nat::FragmentList&, const Nat::FrameView&, const std::string&) override { return false; }
+    bool OnSentFrame(Nat::Frame&, const Nat::FrameView&, const Nat::FrameOffload&, const std::string&) override {
+        return false;
+    }
+    bool OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView& head,
+                             const std::string& guid) override;
     // Translates in place and sends the frame on. A super-frame is translated whole
     // (headers only) unless its payload may be rewritten: then it goes as wire frames.
-    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView& view, const Nat::FrameOffload& offload,
+                         const std::string& guid) override;
 
 protected:
     using EngineFactory = std::function<std::unique_ptr<Nat::NetworkAddressTranslator>(
@@ -61,18 +65,14 @@ protected:
 private:
     bool ReservePorts(const OpenSettings& settings);
     std::vector<uint32_t> ReserveEchoIdentifiers(uint32_t count);
-    // Classifies a frame (or a datagram's first fragment) by the side it arrived on; for a
-    // frame the engine claims, runs rewriteAndSend(kind, inbound). Failures, in classifying
-    // as in translating, are logged and cost the frame. True when the frame is consumed.
-    template <typename RewriteAndSend>
-    bool Handle(const std::string& guid, const Nat::Frame& head, RewriteAndSend&& rewriteAndSend);
+    // 1 for an external adapter, 0 for an internal one, -1 when the frame is none of this
+    // session's (not its adapter, or no engine).
+    int Side(const std::string& guid) const;
     // Runs one translation step; its failures are logged (or answered with an ARP
     // request) and cost the frame. False when it failed.
     template <typename Step>
     bool Guarded(bool inbound, Step&& step);
-    void TranslateAndSend(Nat::TranslationKind kind, bool inbound, Nat::Frame& frame, const Nat::FrameOffload& offload,
-                          const std::string& guid);
-    void TranslateSegments(Nat::TranslationKind kind, bool inbound, const Nat::Frame& frame,
+    void TranslateSegments(const Nat::Decision& decision, bool inbound, const Nat::Frame& frame,
                            const Nat::FrameOffload& offload, const std::string& guid);
     void RequestMac(const Nat::UnknownMacException& unknown);
     const Nat::AdapterInfo* AdapterByMac(const std::vector<uint8_t>& mac) const;

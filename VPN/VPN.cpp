@@ -26,23 +26,24 @@ VPN::~VPN() {
     supervisors_.clear();
 }
 
-bool VPN::OnSentFragments(const Nat::FragmentList& fragments, const std::string&) {
+bool VPN::OnSentFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string&) {
     bool consumed = false;
     for (const auto& fragment : fragments) consumed = Classify(fragment) || consumed;
     return consumed;
 }
 
-bool VPN::OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string&) {
+bool VPN::OnSentFrame(Nat::Frame& frame, const Nat::FrameView&, const Nat::FrameOffload& offload, const std::string&) {
     return Classify(frame, offload);
 }
 
-bool VPN::OnReceivedFragments(const Nat::FragmentList& fragments, const std::string&) {
+bool VPN::OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string&) {
     bool consumed = false;
     for (const auto& fragment : fragments) consumed = Classify(fragment) || consumed;
     return consumed;
 }
 
-bool VPN::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string&) {
+bool VPN::OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&,
+                          const Nat::FrameOffload& offload, const std::string&) {
     return Classify(frame, offload);
 }
 

@@ -40,10 +40,12 @@ public:
     VPN(const VPN&) = delete;
     VPN& operator=(const VPN&) = delete;
 
-    bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
-    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
-    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override;
-    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload& offload, const std::string& guid) override;
+    bool OnSentFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override;
+    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameView&,
+                     const Nat::FrameOffload& offload, const std::string& guid) override;
+    bool OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override;
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&,
+                         const Nat::FrameOffload& offload, const std::string& guid) override;
 
     void Open(const std::set<std::string>& guids);
     VpnState State() const { return state_; }

@@ -21,56 +21,53 @@ struct IcsRig {
     static Nat::AdapterInfo Second() {
         return {"int1", "Second", ToBytes(Mac(0x05)), {{ToBytes(Ip(192, 168, 2, 1)), {255, 255, 255, 0}}}, {}, {}};
     }
-    Nat::TranslationKind Classify(const Ipv4Address& dst, uint32_t port, const MacAddress& dstMac = kIntMac) {
-        return ics.ClassifyInternalPacket(17, kHostMac, dstMac, kHostIp, dst, 50000, port);
-    }
 };
 
 }  // namespace
 
-TEST(Ics, PrivateDestinationsAreLeftAloneExceptNameLookups) {
-    IcsRig rig;
-    EXPECT_EQ(rig.Classify(Ip(192, 168, 1, 10), 80), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.Classify(Ip(192, 168, 1, 10), 53), Nat::TranslationKind::Snat);
-    // Not sent to this machine.
-    EXPECT_EQ(rig.Classify(Ip(192, 168, 1, 10), 53, Mac(0x77)), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.Classify(Ip(10, 1, 2, 3), 443), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.Classify(Ip(172, 16, 0, 1), 80), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.Classify(Ip(172, 31, 255, 255), 80), Nat::TranslationKind::None);
-    EXPECT_EQ(rig.Classify(Ip(172, 15, 0, 1), 80), Nat::TranslationKind::Snat);
-    EXPECT_EQ(rig.Classify(Ip(172, 32, 0, 1), 80), Nat::TranslationKind::Snat);
-    EXPECT_EQ(rig.Classify(Ip(192, 169, 0, 1), 80), Nat::TranslationKind::Snat);
-    EXPECT_EQ(rig.ics.ClassifyExternalPacket(6, kExtMac, kFarIp, 80, 5000), Nat::TranslationKind::None);
+TEST(Ics, SharesPublicDestinationsNameLookupsAndTheProxy) {
+    const Nat::ProxyInfo proxy{true, ToBytes(Mac(0x55)), ToBytes(Ip(10, 9, 9, 9)), 8080};
+    struct Case {
+        Ipv4Address dst;
+        uint16_t port;
+        MacAddress dstMac;
+        bool shared;
+    } cases[] = {
+        {Ip(192, 168, 1, 10), 80, kIntMac, false},  {Ip(192, 168, 1, 10), 53, kIntMac, true},
+        {Ip(192, 168, 1, 10), 53, Mac(0x77), false},  // not sent to this machine
+        {Ip(10, 1, 2, 3), 443, kIntMac, false},     {Ip(172, 16, 0, 1), 80, kIntMac, false},
+        {Ip(172, 31, 255, 255), 80, kIntMac, false}, {Ip(172, 15, 0, 1), 80, kIntMac, true},
+        {Ip(172, 32, 0, 1), 80, kIntMac, true},     {Ip(192, 169, 0, 1), 80, kIntMac, true},
+        {Ip(10, 9, 9, 9), 8080, kIntMac, true},     {Ip(10, 9, 9, 9), 8081, kIntMac, false},
+    };
+    IcsRig rig(proxy);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.dst[0]) + "." + std::to_string(c.dst[1]) + ":" + std::to_string(c.port));
+        const auto kind = rig.ics.ClassifyInternalPacket(FlowView(17, kHostMac, c.dstMac, kHostIp, c.dst, 50000, c.port)).kind;
+        EXPECT_EQ(kind, c.shared ? Nat::TranslationKind::Snat : Nat::TranslationKind::None);
+    }
+    EXPECT_EQ(rig.ics.ClassifyExternalPacket(FlowView(6, kGatewayMac, kExtMac, kFarIp, kExtIp, 80, 5000)).kind,
+              Nat::TranslationKind::None);
     EXPECT_TRUE(rig.ics.Rules().empty());
     EXPECT_FALSE(rig.ics.FtpEnabled());
 }
 
-TEST(Ics, ProxyOnAPrivateAddressIsShared) {
-    IcsRig rig(Nat::ProxyInfo{true, ToBytes(Mac(0x55)), ToBytes(Ip(10, 9, 9, 9)), 8080});
-    EXPECT_EQ(rig.Classify(Ip(10, 9, 9, 9), 8080), Nat::TranslationKind::Snat);
-    EXPECT_EQ(rig.Classify(Ip(10, 9, 9, 9), 8081), Nat::TranslationKind::None);
-}
-
 TEST(Ics, EachInternalAdapterGetsItsRepliesBack) {
     IcsRig rig;
-    ASSERT_EQ(rig.ics.Mappings().size(), 2u);
-    EXPECT_EQ(rig.ics.Mappings()[0].internal.id, "int0");
-    EXPECT_EQ(rig.ics.Mappings()[1].internal.id, "int1");
-
     const MacAddress secondHost = Mac(0x41);
     Frame a = Udp({kHostMac, kIntMac, kHostIp, kFarIp, 50000, 53, "a"});
     Frame b = Udp({secondHost, Mac(0x05), Ip(192, 168, 2, 10), kFarIp, 50000, 53, "b"});
     for (Frame* f : {&a, &b}) {
-        Fields in = Parse(*f);
-        ASSERT_EQ(rig.ics.ClassifyInternalPacket(17, in.srcMac, in.dstMac, in.srcIp, in.dstIp, in.srcPort, in.dstPort),
-                  Nat::TranslationKind::Snat);
-        EXPECT_EQ(rig.ics.TranslateInternalToExternal(Nat::TranslationKind::Snat, *f, "x").id, "ext0");
+        const Nat::AdapterInfo* out = rig.ics.Translate(false, *f, Nat::ReadFrameView(*f), "x");
+        ASSERT_NE(out, nullptr);
+        EXPECT_EQ(out->id, "ext0");
     }
     EXPECT_EQ(Parse(a).srcPort, 6000);
     EXPECT_EQ(Parse(b).srcPort, 6001);
 
     Frame reply = Udp({kGatewayMac, kExtMac, kFarIp, kExtIp, 53, 6001, "r"});
-    ASSERT_EQ(rig.ics.ClassifyExternalPacket(17, kExtMac, kFarIp, 53, 6001), Nat::TranslationKind::Snat);
-    EXPECT_EQ(rig.ics.TranslateExternalToInternal(Nat::TranslationKind::Snat, reply, "ext0").id, "int1");
+    const Nat::AdapterInfo* back = rig.ics.Translate(true, reply, Nat::ReadFrameView(reply), "ext0");
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(back->id, "int1");
     EXPECT_EQ(reply, Udp({Mac(0x05), secondHost, kFarIp, Ip(192, 168, 2, 10), 53, 50000, "r"}));
 }

@@ -9,24 +9,14 @@ using namespace NatTest;
 
 namespace {
 
-// Classifies and translates `original` the way a session does, `rounds` times, into
-// `work` (whose capacity is already there), and answers how many allocations that took.
+// Reads and translates `original` the way the publisher and a session do, `rounds` times,
+// into `work` (whose capacity is already there), and answers how many allocations that took.
 size_t Allocations(Nat::NetworkAddressTranslator& nat, const Frame& original, Frame& work, bool outbound,
                    int rounds) {
-    const Fields f = Parse(original);
     return AllocationsOf([&] {
         for (int i = 0; i < rounds; ++i) {
             work.assign(original.begin(), original.end());
-            const auto kind =
-                f.protocol == 1 ? nat.ClassifyIcmpPacket(work, !outbound)
-                : outbound      ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort,
-                                                      f.dstPort)
-                         : nat.ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-            if (kind == Nat::TranslationKind::None) return;
-            if (outbound)
-                nat.TranslateInternalToExternal(kind, work, "int0");
-            else
-                nat.TranslateExternalToInternal(kind, work, "ext0");
+            if (nat.Translate(!outbound, work, Nat::ReadFrameView(work), outbound ? "int0" : "ext0") == nullptr) return;
         }
     });
 }

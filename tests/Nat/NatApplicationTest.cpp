@@ -11,20 +11,6 @@ namespace App = Nat::ApplicationLayer;
 namespace {
 
 
-std::string Apply(const std::string& payload, const std::optional<App::Edit>& edit) {
-    if (!edit) return payload;
-    return payload.substr(0, edit->begin) + edit->text + payload.substr(edit->end);
-}
-
-std::optional<App::Edit> HostEdit(const std::string& payload, uint32_t port) {
-    return App::HostFieldEdit(reinterpret_cast<const uint8_t*>(payload.data()), payload.size(), kServerIp, port);
-}
-
-template <typename Parser>
-auto ParseText(Parser parser, const std::string& text) {
-    return parser(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-}
-
 // A client out on the far side talking to the published server.
 struct Conversation {
     Rig& rig;
@@ -52,14 +38,56 @@ struct Conversation {
 
 }  // namespace
 
-TEST(NatHttp, HostValueNamesTheInternalServer) {
+// Each row: a payload and what it becomes (HTTP Host for the server on port 80 or 8081,
+// a passive reply for this machine's port 5000, an active command for the server side's
+// port 5001), or nothing when it is not for rewriting.
+TEST(NatApplicationLayer, ParsersFindWhatToRewriteAndNothingElse) {
+    enum Kind { Host80, Host8081, Passive, Port };
     const std::string get = "GET / HTTP/1.1\r\nHost: 10.0.0.5:8080\r\nAccept: */*\r\n\r\n";
-    EXPECT_EQ(Apply(get, HostEdit(get, 80)), "GET / HTTP/1.1\r\nHost: 172.20.0.20\r\nAccept: */*\r\n\r\n");
-    EXPECT_EQ(Apply(get, HostEdit(get, 8081)), "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\nAccept: */*\r\n\r\n");
-    EXPECT_FALSE(HostEdit("POST / HTTP/1.1\r\nHost: 10.0.0.5\r\n\r\n", 80));
-    EXPECT_FALSE(HostEdit("GET / HTTP/1.1\r\nHost: example.com:8080\r\n\r\n", 80));
-    EXPECT_FALSE(HostEdit("GET / HTTP/1.1\r\nHost: 10.0.0.5", 80));  // value not ended
-    EXPECT_FALSE(HostEdit("GE", 80));
+    const struct {
+        Kind kind;
+        std::string in;
+        std::optional<std::string> out;
+    } cases[] = {
+        {Host80, get, "GET / HTTP/1.1\r\nHost: 172.20.0.20\r\nAccept: */*\r\n\r\n"},
+        {Host8081, get, "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\nAccept: */*\r\n\r\n"},
+        {Host80, "POST / HTTP/1.1\r\nHost: 10.0.0.5\r\n\r\n", std::nullopt},
+        {Host80, "GET / HTTP/1.1\r\nHost: example.com:8080\r\n\r\n", std::nullopt},
+        {Host80, "GET / HTTP/1.1\r\nHost: 10.0.0.5", std::nullopt},  // value not ended
+        {Host80, "GE", std::nullopt},
+        {Passive, "227 Entering Passive Mode (192,168,1,20,19,137).\r\n",
+         "227 Entering Passive Mode (10,0,0,2,19,136).\r\n"},
+        {Passive, "229 Entering Extended Passive Mode (|||6446|)\r\n",
+         "229 Entering Extended Passive Mode (|||5000|)\r\n"},
+        {Passive, "227 Entering Passive Mode (192,168,1,20,19).\r\n", std::nullopt},
+        {Passive, "227 Entering Passive Mode (192,168,1,256,19,1).\r\n", std::nullopt},
+        {Passive, "227 Entering Passive Mode (0,0,0,0,19,1).\r\n", std::nullopt},
+        {Passive, "226 Done (1,2,3,4,5,6)\r\n", std::nullopt},
+        {Passive, "227 no parenthesis", std::nullopt},
+        {Port, "port 93,184,216,34,156,64\r\n", "port 172,20,0,1,19,137\r\n"},
+        {Port, "EPRT |1|93.184.216.34|40000|\r\n", "EPRT |1|172.20.0.1|5001|\r\n"},
+        {Port, "EPRT |2|::1|40000|\r\n", std::nullopt},
+        {Port, "EPRT |1|93.184.216.34|040000|\r\n", std::nullopt},  // six digits
+        {Port, "PORT 93,184,216,34,156,64", std::nullopt},           // line not complete
+        {Port, "PORT 93,184,216,34,0,0\r\n", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        const auto* data = reinterpret_cast<const uint8_t*>(c.in.data());
+        std::optional<App::Edit> edit;
+        if (c.kind == Host80 || c.kind == Host8081) {
+            edit = App::HostFieldEdit(data, c.in.size(), kServerIp, c.kind == Host80 ? 80 : 8081);
+        } else if (c.kind == Passive) {
+            if (auto reply = App::ParsePassiveReply(data, c.in.size())) {
+                edit = App::Edit{reply->begin, reply->end, App::PassiveReplyText(*reply, kExtIp, 5000)};
+            }
+        } else if (auto command = App::ParsePortCommand(data, c.in.size())) {
+            edit = App::Edit{command->begin, command->end, App::PortCommandText(*command, kSrvSideIp, 5001)};
+        }
+        ASSERT_EQ(edit.has_value(), c.out.has_value()) << c.in;
+        if (edit) {
+            EXPECT_EQ(c.in.substr(0, edit->begin) + edit->text + c.in.substr(edit->end), *c.out);
+        }
+    }
 }
 
 TEST(NatHttp, RewrittenRequestsKeepBothEndsSequenceNumbersConsistent) {
@@ -115,35 +143,6 @@ TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
               "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\n\r\n");
 }
 
-TEST(NatFtp, PassiveAndActiveCommandsParse) {
-    auto reply = ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (192,168,1,20,19,137).\r\n");
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->port, 5001);
-    EXPECT_EQ(reply->address, Ip(192, 168, 1, 20));
-    EXPECT_EQ(App::PassiveReplyText(*reply, kExtIp, 5000), "10,0,0,2,19,136");
-    auto extended = ParseText(App::ParsePassiveReply, "229 Entering Extended Passive Mode (|||6446|)\r\n");
-    ASSERT_TRUE(extended);
-    EXPECT_EQ(extended->port, 6446);
-    EXPECT_EQ(App::PassiveReplyText(*extended, {}, 5000), "|||5000|");
-    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (192,168,1,20,19).\r\n"));
-    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (192,168,1,256,19,1).\r\n"));
-    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 Entering Passive Mode (0,0,0,0,19,1).\r\n"));
-    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "226 Done (1,2,3,4,5,6)\r\n"));
-    EXPECT_FALSE(ParseText(App::ParsePassiveReply, "227 no parenthesis"));
-
-    auto port = ParseText(App::ParsePortCommand, "port 93,184,216,34,156,64\r\n");
-    ASSERT_TRUE(port);
-    EXPECT_EQ(port->port, 40000);
-    EXPECT_EQ(App::PortCommandText(*port, kSrvSideIp, 5001), "172,20,0,1,19,137");
-    auto eprt = ParseText(App::ParsePortCommand, "EPRT |1|93.184.216.34|40000|\r\n");
-    ASSERT_TRUE(eprt);
-    EXPECT_EQ(eprt->address, kFarIp);
-    EXPECT_EQ(App::PortCommandText(*eprt, kSrvSideIp, 5001), "|1|172.20.0.1|5001|");
-    EXPECT_FALSE(ParseText(App::ParsePortCommand, "EPRT |2|::1|40000|\r\n"));
-    EXPECT_FALSE(ParseText(App::ParsePortCommand, "PORT 93,184,216,34,156,64"));  // line not complete
-    EXPECT_FALSE(ParseText(App::ParsePortCommand, "PORT 93,184,216,34,0,0\r\n"));
-}
-
 TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     Nat::RedirectRule rule = Rule(6, 21, 21, false);
     rule.ftpSupport = true;
@@ -178,7 +177,7 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     EXPECT_EQ(syn.dstPort, 5001);
     EXPECT_EQ(syn.srcIp, kFarIp);
     EXPECT_EQ(data.FromServer(9, 2, kSyn | kAck).srcPort, 5000);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, Ip(8, 8, 8, 8), 40001, 5000),
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, Ip(8, 8, 8, 8), {}, 40001, 5000)).kind,
               Nat::TranslationKind::None);  // not the client
 
     // Data activity keeps the idle control connection alive: its own last frame is
@@ -193,9 +192,9 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     // The temporary rule lives 30 s past its last match, then its port returns.
     data.FromClient(2, 10, kRst);
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40002, 5000), Nat::TranslationKind::Dnat);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40002, 5000)).kind, Nat::TranslationKind::Dnat);
     rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(6, kExtMac, kFarIp, 40002, 5000), Nat::TranslationKind::None);
+    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40002, 5000)).kind, Nat::TranslationKind::None);
     EXPECT_EQ(rig.nat->Rules().size(), 1u);
     EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
 }

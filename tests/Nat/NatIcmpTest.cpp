@@ -60,33 +60,6 @@ TEST(NatIcmp, EchoTakesItsOwnIdentifierPerHostAndComesBackWithTheHostsOne) {
     EXPECT_EQ(rig.nat->EchoTable().FreePortCount(), 2u);
 }
 
-TEST(NatIcmp, EchoesThatAreNotAnInternalHostsFlowAreLeftAlone) {
-    Rig rig({}, {Rig::DefaultMapping()});
-    const struct {
-        const char* what;
-        Frame frame;
-        bool out;
-    } cases[] = {
-        {"echo to this machine's external address",
-         Icmp(kHostMac, kIntMac, kHostIp, kExtIp, EchoMessage(8, 1, 1, "")), true},
-        {"echo to this machine's internal address",
-         Icmp(kHostMac, kIntMac, kHostIp, kIntIp, EchoMessage(8, 1, 1, "")), true},
-        {"echo request from outside", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(8, 6000, 1, "")), false},
-        {"reply to the host's own ping", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, 6000, 1, "")),
-         false},
-        {"a later fragment", [] {
-             Frame f = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 1, 1, ""));
-             f[21] = 1;
-             return f;
-         }(), true},
-    };
-    for (const auto& c : cases) {
-        Frame frame = c.frame;
-        EXPECT_EQ(c.out ? rig.Out(frame) : rig.In(frame), 0u) << c.what;
-        EXPECT_EQ(frame, c.frame) << c.what;
-    }
-}
-
 // Each row: an error about a translated flow, sent towards the internal host by a router
 // or the remote (inbound), or by the internal host towards the remote (outbound), quoting
 // `quote` bytes of the datagram. The translated error must carry exactly the quote of the
@@ -138,28 +111,36 @@ TEST(NatIcmp, ErrorsFollowTheFlowTheyQuoteWithEveryChecksumKept) {
     }
 }
 
-TEST(NatIcmp, ErrorsThatNameNoKnownFlowPassOnUnchanged) {
+// Echoes that are not an internal host's flow, and errors that name no translated flow.
+TEST(NatIcmp, IcmpOfNoTranslatedFlowPassesOnUnchanged) {
     Rig rig({}, {Rig::DefaultMapping()});
     Frame sent = HostSends(Flow::Udp);
     ASSERT_EQ(rig.Out(sent), 1u);
     Frame otherPort = sent;
     otherPort[14 + 20 + 2] ^= 1;  // destination port: not the flow (checksums do not matter here)
     Frame unreachable = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, sent, 28));
-    Frame aboutError = Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, unreachable, 100));
+    Frame laterFragment = Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 1, 1, ""));
+    laterFragment[21] = 1;
+    auto toHost = [&](Bytes message) { return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, std::move(message)); };
     const struct {
         const char* what;
         Frame frame;
         bool out;
     } cases[] = {
-        {"another port", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, otherPort, 28)), false},
-        {"quote cut inside the ports", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, sent, 22)),
-         false},
-        {"quote cut inside the IP header", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(3, 3, 0, sent, 16)),
-         false},
-        {"an error about an error", aboutError, false},
-        {"an error about the host's own datagram", Icmp(kHostMac, kIntMac, kHostIp, kFarIp, ErrorMessage(3, 3, 0, sent, 28)),
+        {"echo to this machine's external address", Icmp(kHostMac, kIntMac, kHostIp, kExtIp, EchoMessage(8, 1, 1, "")),
          true},
-        {"an unknown type", Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, ErrorMessage(5, 0, 0, sent, 28)), false},
+        {"echo to this machine's internal address", Icmp(kHostMac, kIntMac, kHostIp, kIntIp, EchoMessage(8, 1, 1, "")),
+         true},
+        {"echo request from outside", toHost(EchoMessage(8, 6000, 1, "")), false},
+        {"reply to the host's own ping", toHost(EchoMessage(0, 6000, 1, "")), false},
+        {"a later fragment", laterFragment, true},
+        {"another port", toHost(ErrorMessage(3, 3, 0, otherPort, 28)), false},
+        {"quote cut inside the ports", toHost(ErrorMessage(3, 3, 0, sent, 22)), false},
+        {"quote cut inside the IP header", toHost(ErrorMessage(3, 3, 0, sent, 16)), false},
+        {"an error about an error", toHost(ErrorMessage(3, 3, 0, unreachable, 100)), false},
+        {"an error about the host's own datagram",
+         Icmp(kHostMac, kIntMac, kHostIp, kFarIp, ErrorMessage(3, 3, 0, sent, 28)), true},
+        {"an unknown type", toHost(ErrorMessage(5, 0, 0, sent, 28)), false},
     };
     for (const auto& c : cases) {
         Frame frame = c.frame;

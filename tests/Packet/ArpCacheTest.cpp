@@ -56,9 +56,9 @@ TEST_F(ArpCacheTest, WithoutPublisherTheCacheIsInert) {
     EXPECT_EQ(cache.GetArpTable(), nullptr);
     Frame reply = ReplyFrom(kGateway, kGatewayMac, kMacA);
     Frame runt(3);
-    EXPECT_FALSE(cache.OnReceivedFrame(reply, {}, kGuidA));
-    EXPECT_FALSE(cache.OnReceivedFrame(runt, {}, kGuidA));  // not even looked at
-    EXPECT_FALSE(cache.OnSentFrame(runt, {}, kGuidA));
+    EXPECT_FALSE(cache.OnReceivedFrame(reply, {}, {}, kGuidA));
+    EXPECT_FALSE(cache.OnReceivedFrame(runt, {}, {}, kGuidA));  // not even looked at
+    EXPECT_FALSE(cache.OnSentFrame(runt, {}, {}, kGuidA));
     EXPECT_EQ(log.Text().find("Arp process"), std::string::npos);
 }
 

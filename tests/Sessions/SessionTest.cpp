@@ -6,9 +6,11 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
+#include "Packet/ArpTable.h"
 #include "Sessions/NAT.h"
 #include "support/AllocationCounter.h"
 #include "support/InMemoryFilterDriverApi.h"
+#include "support/LogCapture.h"
 #include "support/NatRig.h"
 
 using namespace NativeNetworkDriver;
@@ -136,6 +138,30 @@ TEST_F(SessionTest, SuperFramesLeaveWholeWithTheirOffloadOrAsWireFramesWhereTheB
     }
 }
 
+// The next hop of a frame leaving on the external side is unknown: the session asks for
+// it on that adapter, from the adapter's own address, and the held frame goes out once the
+// answer comes. Frames of neither side, and ones the engine does not take, pass untouched.
+TEST_F(SessionTest, AnUnknownNextHopIsAskedForAndTheHeldFrameFollowsTheAnswer) {
+    const Frame query = Udp({kHostMac, kIntMac, kHostIp, kPeerIp, 53000, 53, "query"});
+    Pass({{kInt, query}});
+    ASSERT_EQ(Wire(kExt), std::vector<Frame>{BuildArpRequest(kExtMac, kExtIp, kPeerIp)});
+    network->ClearSent(kExt);
+
+    Pass({{kExt, FrameBuilder::Arp().ArpOpcode(2).EthDst(kExtMac).EthSrc(kPeerMac).ArpSender(kPeerMac, kPeerIp)
+                     .ArpTarget(kExtMac, kExtIp).Build()}});
+    const auto sent = Wire(kExt);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0], Udp({kExtMac, kPeerMac, kExtIp, kPeerIp, Parse(sent[0]).srcPort, 53, "query"}));
+
+    // Not this session's flow: from the outside to a port nobody holds, and a frame of
+    // the internal side to this machine itself, go on to the stack as they came.
+    const Frame stray = Udp({kGatewayMac, kExtMac, kFarIp, kExtIp, 53, 6001, "x"});
+    const Frame own = Udp({kHostMac, kIntMac, kHostIp, kIntIp, 53000, 53, "y"});
+    Pass({{kExt, stray}, {kInt, own}});
+    EXPECT_EQ(network->SentToStack(kExt).back(), stray);
+    EXPECT_EQ(network->SentToStack(kInt).back(), own);
+}
+
 TEST(SessionOpen, ARefusedAdapterGivesBackTheOnesRegisteredBeforeIt) {
     auto network = InMemoryNetwork::Create();
     auto guard = network->Install();
@@ -155,8 +181,7 @@ namespace {
 class FailingEngine : public Nat::NetworkAddressTranslator {
 public:
     using NetworkAddressTranslator::NetworkAddressTranslator;
-    Nat::TranslationKind ClassifyInternalPacket(uint8_t, const MacAddress&, const MacAddress&, const Ipv4Address&,
-                                                const Ipv4Address&, uint32_t, uint32_t) override {
+    Nat::Decision ClassifyInternalPacket(const Nat::FrameView&) override {
         throw Nat::Exception("classification failed");
     }
 };
@@ -181,7 +206,8 @@ public:
 
 }  // namespace
 
-TEST(SessionReceive, AFrameWhoseClassificationFailsIsDropped) {
+TEST(SessionReceive, AFrameWhoseClassificationFailsIsLoggedAndDropped) {
+    ndtest::LogCapture log;
     auto network = InMemoryNetwork::Create();
     auto guard = network->Install();
     network->AddAdapter(kInt, kIntMac);
@@ -195,4 +221,5 @@ TEST(SessionReceive, AFrameWhoseClassificationFailsIsDropped) {
     ASSERT_TRUE(network->Settle(kExt));
     EXPECT_TRUE(network->SentToStack(kInt).empty()) << "passed on to the stack";
     EXPECT_TRUE(network->SentToWire(kExt).empty());
+    EXPECT_TRUE(log.Has("ERROR;Error translating a NAT packet from internal to external: classification failed"));
 }

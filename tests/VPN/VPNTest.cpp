@@ -184,9 +184,10 @@ TEST_F(VPNTest, FragmentsAreOfferedOneByOne) {
     const Nat::Frame a = Ipv4Fragment(kSupervisor, kAdapterMac, 5, 0, true, 16, 1);
     const Nat::Frame b = Ipv4Fragment(kThirdHost, kAdapterMac, 5, 16, true, 16, 2);
     const Nat::Frame c = Ipv4Fragment(kSupervisor, kAdapterMac, 5, 32, false, 4, 3);
-    EXPECT_TRUE(vpn->OnSentFragments({a, b, c}, guid));
+    Nat::FragmentList sent{a, b, c}, received{b, b};
+    EXPECT_TRUE(vpn->OnSentFragments(sent, {}, guid));
     EXPECT_EQ(tunnel.Frames(), (std::vector<Nat::Frame>{a, c}));
-    EXPECT_FALSE(vpn->OnReceivedFragments({b, b}, guid));
+    EXPECT_FALSE(vpn->OnReceivedFragments(received, {}, guid));
 
     // Through the publisher: a datagram to the supervisor goes whole to the tunnel only.
     const Nat::Frame head = Ipv4Fragment(kSupervisor, kAdapterMac, 6, 0, true, 16, 4);

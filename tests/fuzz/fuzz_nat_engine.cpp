@@ -1,4 +1,4 @@
-// Feeds frames through classification and translation in both directions: raw bytes,
+// Feeds frames through the engine's decision and translation in both directions: raw bytes,
 // and real frames (SNAT, replies, published services, HTTP, FTP, fragments, ICMP echo
 // and errors quoting translated flows, whole or cut) with
 // fuzzer-chosen bytes overwritten. The engine must answer or throw Nat::Exception; at
@@ -97,16 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             for (size_t i = 0; i < length && !in.Empty(); ++i) frame.push_back(in.Byte());
         }
         try {
-            auto kind = static_cast<Nat::TranslationKind>((op >> 3) & 3);  // with bit 2: any kind, claimed or not
-            if (!(op & 4)) {
-                if (frame.size() < 34) continue;
-                const Fields f = Parse(frame);
-                kind = f.protocol == 1 ? nat.ClassifyIcmpPacket(frame, !outbound)
-                       : outbound      ? nat.ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp,
-                                                             f.srcPort, f.dstPort)
-                                : nat.ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-                if (kind == Nat::TranslationKind::None) continue;
-            }
+            const bool fromExternal = !outbound;
+            const std::string guid = outbound ? "int0" : "ext0";
             if (op & 0x10) {
                 // Cut into fragments at an 8-byte boundary; the tail may come first.
                 Nat::FragmentList fragments{frame};
@@ -121,13 +113,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     if (op & 0x40) fragments.insert(fragments.begin(), tail);
                     else fragments.push_back(tail);
                 }
-                if (outbound) nat.TranslateInternalToExternal(kind, fragments, "int0");
-                else nat.TranslateExternalToInternal(kind, fragments, "ext0");
+                // Bit 2: the view of whichever fragment comes first, head or not.
+                const Frame& viewed = (op & 4) ? fragments.front() : fragments[(op & 0x40) && fragments.size() > 1];
+                nat.Translate(fromExternal, fragments, Nat::ReadFrameView(viewed), guid);
+            } else if (op & 4) {
+                // Any decision, handed in without deciding.
+                const auto kind = static_cast<Nat::TranslationKind>((op >> 3) & 3);
+                const bool mapped = kind == Nat::TranslationKind::Snat && outbound;
+                const auto decision = Nat::Decision::Of(kind, nullptr, mapped ? &nat.Mappings()[0] : nullptr);
+                nat.Apply(decision, fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
             } else {
                 // Bit 6 without fragments: the frame carries a partial (offloaded) checksum.
-                const bool partial = (op & 0x40) != 0;
-                if (outbound) nat.TranslateInternalToExternal(kind, frame, "int0", partial);
-                else nat.TranslateExternalToInternal(kind, frame, "ext0", partial);
+                nat.Translate(fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
             }
         } catch (const Nat::Exception&) {
         }
@@ -139,7 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     nat.TcpTable().Sweep();
     nat.UdpTable().Sweep();
     nat.EchoTable().Sweep();
-    nat.ClassifyExternalPacket(6, kExtMac, {1, 1, 1, 1}, 1, 1);  // the scan drops expired temporary rules
+    nat.ClassifyExternalPacket(FlowView(6, kGatewayMac, kExtMac, {1, 1, 1, 1}, kExtIp, 1, 1));  // drops expired temporary rules
     std::vector<uint32_t> tcpFree = nat.TcpTable().FreePorts(), udpFree = nat.UdpTable().FreePorts();
     std::sort(tcpFree.begin(), tcpFree.end());
     std::vector<uint32_t> echoFree = nat.EchoTable().FreePorts();

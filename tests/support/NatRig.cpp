@@ -141,31 +141,38 @@ Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about,
     return message;
 }
 
-Bytes IcmpPart(const Frame& frame) {
-    const size_t begin = 14 + (frame[14] & 0x0F) * 4u;
-    const size_t end = std::min<size_t>(frame.size(), 14 + Be16(frame, 16));
-    return Bytes(frame.begin() + static_cast<std::ptrdiff_t>(begin), frame.begin() + static_cast<std::ptrdiff_t>(end));
+uint32_t Rig::Pass(bool fromExternal, Frame& frame, const std::string& guid, bool partialChecksum) {
+    const Nat::FrameView view = Nat::ReadFrameView(frame);
+    const Nat::Decision decision = nat->Decide(fromExternal, frame, view);
+    if (decision.kind != Nat::TranslationKind::None)
+        lastAdapter = &nat->Apply(decision, fromExternal, frame, view, guid, partialChecksum);
+    return static_cast<uint32_t>(decision.kind);
 }
 
-uint32_t Rig::Out(Frame& frame, const std::string& guid, bool partialChecksum) {
-    const Fields f = Parse(frame);
-    const auto kind =
-        f.protocol == 1
-            ? nat->ClassifyIcmpPacket(frame, false)
-            : nat->ClassifyInternalPacket(f.protocol, f.srcMac, f.dstMac, f.srcIp, f.dstIp, f.srcPort, f.dstPort);
-    if (kind != Nat::TranslationKind::None)
-        lastAdapter = &nat->TranslateInternalToExternal(kind, frame, guid, partialChecksum);
-    return static_cast<uint32_t>(kind);
+const Nat::AdapterInfo& Rig::Forced(Nat::TranslationKind kind, bool fromExternal, Frame& frame,
+                                    const std::string& guid) {
+    // SNAT out leaves by the first mapping, as a decision on a frame to its adapter would.
+    const bool mapped = kind == Nat::TranslationKind::Snat && !fromExternal && !nat->Mappings().empty();
+    const Nat::Decision decision = Nat::Decision::Of(kind, nullptr, mapped ? &nat->Mappings()[0] : nullptr);
+    return nat->Apply(decision, fromExternal, frame, Nat::ReadFrameView(frame), guid);
 }
 
-uint32_t Rig::In(Frame& frame, const std::string& guid, bool partialChecksum) {
-    const Fields f = Parse(frame);
-    const auto kind = f.protocol == 1
-                              ? nat->ClassifyIcmpPacket(frame, true)
-                              : nat->ClassifyExternalPacket(f.protocol, f.dstMac, f.srcIp, f.srcPort, f.dstPort);
-    if (kind != Nat::TranslationKind::None)
-        lastAdapter = &nat->TranslateExternalToInternal(kind, frame, guid, partialChecksum);
-    return static_cast<uint32_t>(kind);
+Nat::FrameView FlowView(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                    const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort) {
+    Nat::FrameView view;
+    view.size = 60;
+    view.etherType = 0x0800;
+    view.ipv4 = view.ports = view.transportHeader = true;
+    view.ipHeaderSize = 20;
+    view.tcpHeaderSize = protocol == 6 ? 20 : 0;
+    view.protocol = protocol;
+    view.srcMac = srcMac;
+    view.dstMac = dstMac;
+    view.srcIp = srcIp;
+    view.dstIp = dstIp;
+    view.srcPort = srcPort;
+    view.dstPort = dstPort;
+    return view;
 }
 
 }  // namespace NatTest

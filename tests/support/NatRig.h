@@ -82,8 +82,6 @@ Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const st
 // An error message quoting the first `quoteBytes` bytes of the IP datagram of `about`;
 // `mtu` goes in bytes 6-7 (fragmentation needed).
 Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about, size_t quoteBytes);
-// The ICMP message of an IPv4 frame as its IP header bounds it.
-Bytes IcmpPart(const Frame& frame);
 
 // Independent field reading; ports and what follows only from a first fragment.
 struct Fields {
@@ -96,6 +94,10 @@ struct Fields {
     std::string payload;
 };
 Fields Parse(const Frame& frame);  // the frame holds at least an Ethernet and an IPv4 header
+
+// The view of a TCP (6) or UDP (17) frame with these fields, for the decision steps.
+Nat::FrameView FlowView(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                    const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort);
 
 // The ARP cache face that sessions give the translator, over a real table.
 class FakeArpCache : public NativeNetworkDriver::IArpCache, public Nat::IResolvedPacketSubscriber {
@@ -124,9 +126,17 @@ struct Rig {
     static std::vector<uint32_t> Ports(uint32_t first, uint32_t count);
     static Nat::AdapterMapping DefaultMapping() { return {Net::External(), Net::Internal()}; }
 
-    // Classify as the session does, then translate; the kind as its number, 0 when not claimed.
-    uint32_t Out(Frame& frame, const std::string& guid = "int0", bool partialChecksum = false);
-    uint32_t In(Frame& frame, const std::string& guid = "ext0", bool partialChecksum = false);
+    // Decide, then translate; the kind as its number, 0 when not claimed.
+    uint32_t Out(Frame& frame, const std::string& guid = "int0", bool partialChecksum = false) {
+        return Pass(false, frame, guid, partialChecksum);
+    }
+    uint32_t In(Frame& frame, const std::string& guid = "ext0", bool partialChecksum = false) {
+        return Pass(true, frame, guid, partialChecksum);
+    }
+    uint32_t Pass(bool fromExternal, Frame& frame, const std::string& guid, bool partialChecksum);
+    // Translation as a decision of `kind` would have it, without deciding (mapping and rule
+    // left to find): for the refusals of frames no decision would hand over.
+    const Nat::AdapterInfo& Forced(Nat::TranslationKind kind, bool fromExternal, Frame& frame, const std::string& guid);
     const Nat::AdapterInfo* lastAdapter = nullptr;
 
     void Learn(const Ipv4Address& ip, const MacAddress& mac) { arp.table.LearnFromArpReply(ip, mac); }

@@ -28,16 +28,18 @@ public:
 
     std::function<bool(const Nat::Frame&)> consume = [](const Nat::Frame&) { return false; };
 
-    bool OnSentFragments(const Nat::FragmentList& fragments, const std::string& guid) override {
+    bool OnSentFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override {
         return Record("sentFragments", fragments, guid);
     }
-    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameOffload&, const std::string& guid) override {
+    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameView&,
+                     const Nat::FrameOffload&, const std::string& guid) override {
         return Record("sent", {frame}, guid);
     }
-    bool OnReceivedFragments(const Nat::FragmentList& fragments, const std::string& guid) override {
+    bool OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override {
         return Record("receivedFragments", fragments, guid);
     }
-    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameOffload&, const std::string& guid) override {
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&,
+                         const Nat::FrameOffload&, const std::string& guid) override {
         return Record("received", {frame}, guid);
     }
 
