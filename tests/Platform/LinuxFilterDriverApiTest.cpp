@@ -270,6 +270,7 @@ TEST_F(LinuxDriver, ListsInterfacesAndFollowsTheHardwareFilter) {
         EXPECT_EQ(t.api.CreateAdapterEvent(999999), 0u);
         const NdisApi::ADAPTER_MODE mode{999999, kTunnelMode};
         EXPECT_FALSE(t.api.SetAdapterMode(&mode));
+        EXPECT_FALSE(t.api.SetPacketEvent(999999, 1));
 
         // Promiscuous mode follows the hardware filter, with one membership however often set.
         ASSERT_TRUE(t.api.GetHwPacketFilter(handle, &filter));

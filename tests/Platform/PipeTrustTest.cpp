@@ -130,10 +130,17 @@ TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
     EXPECT_FALSE(client.IsValid());
     Stop(listener);
 
-    // A folder that is not there is a plain open failure.
+    // A folder that is not there is a plain open failure; a path one byte too long for a
+    // socket address (108 with its terminator) fails before anything is looked at.
     setenv("NETWORKDRIVER_PIPE_DIR", (dir.Path() + "/none").c_str(), 1);
     opened = client.Open(name, false);
     EXPECT_EQ(opened.error, ENOENT);
     EXPECT_EQ(opened.refusal, "");
+    for (const size_t size : {107, 108}) {
+        setenv("NETWORKDRIVER_PIPE_DIR", ("/" + std::string(size - name.size() - 2, 'x')).c_str(), 1);
+        opened = client.Open(name, false);
+        EXPECT_EQ(opened.path.size(), size);
+        EXPECT_EQ(opened.error, size == 108 ? ENAMETOOLONG : ENOENT);
+    }
     unsetenv("NETWORKDRIVER_PIPE_DIR");
 }
