@@ -139,18 +139,14 @@ nat_topology() {
   in_ns nd ping -q -c 1 -W 2 198.51.100.2 > /dev/null
 }
 
-# start_daemon SCENARIO: ndpeer in the daemon's namespace starts the daemon and keeps serving.
-start_daemon() {
-  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$1" --hold -1 > "$WORK/peer.log" 2>&1
-}
-
-# start_session NAT|ICS FIELDS: a daemon whose one request, StartNAT or StartICS with these
-# fields, must succeed; waits until the session's drivers are registered.
+# start_session NAT|ICS FIELDS: ndpeer in the daemon's namespace starts the daemon and keeps
+# serving; its one request, StartNAT or StartICS with these fields, must succeed. Waits until
+# the session's drivers are registered.
 MAP='"mappings": [{"external": "nd-ext", "internal": "nd-int"}]'
 pools() { echo "\"tcpPortPoolSize\": $1, \"udpPortPoolSize\": $2, \"timeout\": ${3:-30}"; }
 start_session() {
   echo "{\"steps\": [{\"send\": \"Start$1\", $2, \"expect\": {\"result\": 1}}]}" > "$WORK/start.json"
-  start_daemon "$WORK/start.json"
+  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/start.json" --hold -1 > "$WORK/peer.log" 2>&1
   wait_for 10 log_has "$1: drivers successfully registered" || { cat "$WORK/peer.log"; exit 1; }
   check "$1 started" grep -q "result 1" "$WORK/peer.log"
 }
@@ -231,7 +227,7 @@ udp_ask() {
 import os, socket, sys, time
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-if os.environ.get("UDP_FROM"): s.bind((os.environ["UDP_FROM"].split(":")[0], int(os.environ["UDP_FROM"].split(":")[1])))
+if os.environ.get("UDP_FROM"): ip, port = os.environ["UDP_FROM"].split(":"); s.bind((ip, int(port)))
 for t in sys.argv[3:]: s.sendto(t.encode(), (sys.argv[1], int(sys.argv[2])))
 deadline, got = time.time() + float(os.environ.get("UDP_WAIT", 3)), 0
 while got < len(sys.argv) - 3 and time.time() < deadline:
