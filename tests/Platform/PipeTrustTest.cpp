@@ -68,43 +68,34 @@ TEST(PipeTrust, WindowsServerMustBeSystemAdministratorOrSelf) {
 
 namespace {
 
-// A listener on `dir`/name, created as root and listening as `uid` (the kernel takes the
-// peer credentials at listen()), alive until the object goes.
-class Listener {
-public:
-    Listener(const std::string& path, uid_t uid) {
-        int ready[2];
-        if (pipe(ready) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            sockaddr_un address{};
-            address.sun_family = AF_UNIX;
-            std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-            const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-            const bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-                            setresuid(uid, uid, uid) == 0 && listen(fd, 4) == 0;
-            (void)!write(ready[1], ok ? "1" : "0", 1);
-            if (ok) pause();
-            _exit(0);
-        }
-        char answer = '0';
-        (void)!read(ready[0], &answer, 1);
-        ok_ = answer == '1';
-        close(ready[0]);
-        close(ready[1]);
+// A listener on path, bound as root and listening as uid (the kernel takes the peer
+// credentials at listen()); its process id, or -1.
+pid_t Listen(const std::string& path, uid_t uid) {
+    int ready[2];
+    if (pipe(ready) != 0) return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        const bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+                        setresuid(uid, uid, uid) == 0 && listen(fd, 4) == 0;
+        (void)!write(ready[1], ok ? "1" : "0", 1);
+        if (ok) pause();
+        _exit(0);
     }
-    ~Listener() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    bool Ok() const { return ok_; }
+    char answer = '0';
+    (void)!read(ready[0], &answer, 1);
+    close(ready[0]);
+    close(ready[1]);
+    return answer == '1' ? pid : -1;
+}
 
-private:
-    pid_t pid_ = -1;
-    bool ok_ = false;
-};
+void Stop(pid_t pid) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
 
 }  // namespace
 
@@ -116,37 +107,40 @@ TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
     const std::string path = dir.Path() + "/" + name;
     PipeClient client;
 
-    {
-        ASSERT_EQ(chmod(dir.Path().c_str(), 0755), 0);
-        Listener root(path, 0);
-        ASSERT_TRUE(root.Ok());
-        const auto opened = client.Open(name, false);
-        EXPECT_EQ(opened.path, path);
-        EXPECT_EQ(opened.error, 0);
-        EXPECT_EQ(opened.refusal, "");
-        EXPECT_TRUE(client.IsValid());
-    }
+    ASSERT_EQ(chmod(dir.Path().c_str(), 0755), 0);
+    pid_t listener = Listen(path, 0);
+    ASSERT_GT(listener, 0);
+    auto opened = client.Open(name, false);
+    EXPECT_EQ(opened.path, path);
+    EXPECT_EQ(opened.error, 0);
+    EXPECT_EQ(opened.refusal, "");
+    EXPECT_TRUE(client.IsValid());
+    Stop(listener);
     unlink(path.c_str());
-    {
-        Listener nobody(path, 65534);
-        ASSERT_TRUE(nobody.Ok());
-        const auto opened = client.Open(name, false);
-        EXPECT_EQ(opened.refusal, "server runs as user 65534");
-        EXPECT_FALSE(client.IsValid());
 
-        ASSERT_EQ(chmod(dir.Path().c_str(), 0777), 0);  // checked before any connect
-        EXPECT_EQ(client.Open(name, false).refusal, "folder writable by group or others (mode 0777)");
-        ASSERT_EQ(chmod(dir.Path().c_str(), 0700), 0);
-        ASSERT_EQ(chown(dir.Path().c_str(), 65534, 65534), 0);
-        EXPECT_EQ(client.Open(name, false).refusal, "folder owned by user 65534");
-        EXPECT_FALSE(client.IsValid());
+    listener = Listen(path, 65534);
+    ASSERT_GT(listener, 0);
+    EXPECT_EQ(client.Open(name, false).refusal, "server runs as user 65534");
+    EXPECT_FALSE(client.IsValid());
+    ASSERT_EQ(chmod(dir.Path().c_str(), 0777), 0);  // checked before any connect
+    EXPECT_EQ(client.Open(name, false).refusal, "folder writable by group or others (mode 0777)");
+    ASSERT_EQ(chmod(dir.Path().c_str(), 0700), 0);
+    ASSERT_EQ(chown(dir.Path().c_str(), 65534, 65534), 0);
+    EXPECT_EQ(client.Open(name, false).refusal, "folder owned by user 65534");
+    EXPECT_FALSE(client.IsValid());
+    Stop(listener);
+
+    // A folder that is not there is a plain open failure; a path one byte too long for a
+    // socket address (108 with its terminator) fails before anything is looked at.
+    setenv("NETWORKDRIVER_PIPE_DIR", (dir.Path() + "/none").c_str(), 1);
+    opened = client.Open(name, false);
+    EXPECT_EQ(opened.error, ENOENT);
+    EXPECT_EQ(opened.refusal, "");
+    for (const size_t size : {107, 108}) {
+        setenv("NETWORKDRIVER_PIPE_DIR", ("/" + std::string(size - name.size() - 2, 'x')).c_str(), 1);
+        opened = client.Open(name, false);
+        EXPECT_EQ(opened.path.size(), size);
+        EXPECT_EQ(opened.error, size == 108 ? ENAMETOOLONG : ENOENT);
     }
-    // A folder that is not there is a plain open failure, as before.
-    const auto missing = [&] {
-        setenv("NETWORKDRIVER_PIPE_DIR", (dir.Path() + "/none").c_str(), 1);
-        return client.Open(name, false);
-    }();
-    EXPECT_EQ(missing.error, ENOENT);
-    EXPECT_EQ(missing.refusal, "");
     unsetenv("NETWORKDRIVER_PIPE_DIR");
 }

@@ -45,18 +45,20 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-# ns NAME: a fresh namespace with loopback up; its real name is NAME$TAG.
+# ns NAME...: fresh namespaces with loopback up; their real names are NAME$TAG.
 ns() {
-  local name=$1$TAG
-  ip netns add "$name"
-  _namespaces+=("$name")
-  ip -n "$name" link set lo up
+  local name
+  for name; do
+    ip netns add "$name$TAG"
+    _namespaces+=("$name$TAG")
+    ip -n "$name$TAG" link set lo up
+  done
 }
 in_ns() { local name=$1$TAG; shift; ip netns exec "$name" "$@"; }
 
-# veth A NS_A B NS_B: a cable between two namespaces. Segmentation offloads stay as the
-# kernel sets them (super-frames on the wire) unless ND_OFFLOADS=off turns them off at both
-# ends, so that the suite runs in either mode.
+# veth A NS_A B NS_B [ADDRESS_A ADDRESS_B]: a cable between two namespaces. Segmentation
+# offloads stay as the kernel sets them (super-frames on the wire) unless ND_OFFLOADS=off
+# turns them off at both ends, so that the suite runs in either mode.
 veth() {
   ip link add "$1" netns "$2$TAG" type veth peer name "$3" netns "$4$TAG"
   if [ "${ND_OFFLOADS:-on}" = off ]; then
@@ -65,6 +67,8 @@ veth() {
   fi
   ip -n "$2$TAG" link set "$1" up
   ip -n "$4$TAG" link set "$3" up
+  if [ -n "${5:-}" ]; then ip -n "$2$TAG" addr add "$5" dev "$1"; fi
+  if [ -n "${6:-}" ]; then ip -n "$4$TAG" addr add "$6" dev "$3"; fi
 }
 
 bg() { "$@" & _pids+=($!); }
@@ -82,35 +86,33 @@ check() {
   local what=$1; shift
   if "$@"; then echo "ok   - $what"; else echo "FAIL - $what"; exit 1; fi
 }
+fails() { ! "$@" 2>/dev/null; }
 
-log_has() { grep -qF -- "$1" "$LOG"; }
+# log_has LINE...: the daemon's log holds every one of these texts.
+log_has() { local line; for line; do grep -qF -- "$line" "$LOG" || return 1; done; }
+
+# daemon_pids NS: the daemons running in that namespace.
+daemon_pids() {
+  local pid
+  for pid in $(ip netns pids "$1$TAG"); do
+    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && echo "$pid"
+  done
+  return 0
+}
+daemon_running() { [ -n "$(daemon_pids "$1")" ]; }
 
 # kill_daemon NS: SIGKILL for the daemon running in that namespace, and waits until it has
 # really ended. Its executable link goes first and its main thread turns zombie while the
 # other threads still hold the descriptors (and with them the adapter hooks); they are all
 # closed once the process is gone or is a zombie without other threads.
 kill_daemon() {
-  local pid killed=()
-  for pid in $(ip netns pids "$1$TAG"); do
-    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && kill -9 "$pid" && killed+=("$pid")
-  done
-  for pid in "${killed[@]:-}"; do
-    [ -n "$pid" ] && wait_for 10 _ended "$pid"
-  done
+  local pid
+  for pid in $(daemon_pids "$1"); do kill -9 "$pid" && wait_for 10 _ended "$pid"; done
   return 0
 }
 _ended() {
   [ ! -e "/proc/$1/stat" ] ||
     { [ "$(cut -d' ' -f3 "/proc/$1/stat" 2>/dev/null)" = Z ] && [ "$(ls "/proc/$1/task" 2>/dev/null)" = "$1" ]; }
-}
-
-# daemon_running NS: true while a daemon runs in that namespace.
-daemon_running() {
-  local pid
-  for pid in $(ip netns pids "$1$TAG"); do
-    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$(readlink -f "$DAEMON")" ] && return 0
-  done
-  return 1
 }
 
 # reaches NS ADDRESS...: one ping from the namespace is answered by each address.
@@ -125,26 +127,40 @@ reaches() {
 #   nd:  nd-int 10.1.0.1/24 | nd-ext 198.51.100.1/24, default via 198.51.100.2   (daemon)
 #   ext: ext0 198.51.100.2/24, and 203.0.113.10/32 on lo (a host behind the gateway)
 nat_topology() {
-  ns in; ns nd; ns ext
-  veth in0 in nd-int nd
-  veth nd-ext nd ext0 ext
-  in_ns in ip addr add 10.1.0.2/24 dev in0
+  ns in nd ext
+  veth in0 in nd-int nd 10.1.0.2/24 10.1.0.1/24
+  veth nd-ext nd ext0 ext 198.51.100.1/24 198.51.100.2/24
   in_ns in ip route add default via 10.1.0.1
-  in_ns nd ip addr add 10.1.0.1/24 dev nd-int
-  in_ns nd ip addr add 198.51.100.1/24 dev nd-ext
   in_ns nd ip route add default via 198.51.100.2
   in_ns nd sysctl -qw net.ipv4.ip_forward=0
-  in_ns ext ip addr add 198.51.100.2/24 dev ext0
   in_ns ext ip addr add 203.0.113.10/32 dev lo
   in_ns ext sysctl -qw net.ipv4.conf.all.rp_filter=0
   # The peer reads the gateway's MAC from the daemon host's neighbour table.
   in_ns nd ping -q -c 1 -W 2 198.51.100.2 > /dev/null
 }
 
-# start_daemon SCENARIO: ndpeer in the daemon's namespace starts the daemon and keeps serving.
-start_daemon() {
-  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$1" --hold -1 > "$WORK/peer.log" 2>&1
+# start_session NAT|ICS FIELDS: ndpeer in the daemon's namespace starts the daemon and keeps
+# serving; its one request, StartNAT or StartICS with these fields, must succeed. Waits until
+# the session's drivers are registered.
+MAP='"mappings": [{"external": "nd-ext", "internal": "nd-int"}]'
+pools() { echo "\"tcpPortPoolSize\": $1, \"udpPortPoolSize\": $2, \"timeout\": ${3:-30}"; }
+start_session() {
+  echo "{\"steps\": [{\"send\": \"Start$1\", $2, \"expect\": {\"result\": 1}}]}" > "$WORK/start.json"
+  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/start.json" --hold -1 > "$WORK/peer.log" 2>&1
+  wait_for 10 log_has "$1: drivers successfully registered" || { cat "$WORK/peer.log"; exit 1; }
+  check "$1 started" grep -q "result 1" "$WORK/peer.log"
 }
+
+# make_www TEXT [BYTES]: $WORK/www with page.html holding TEXT and a random big.bin.
+make_www() {
+  mkdir -p "$WORK/www"
+  echo "$1" > "$WORK/www/page.html"
+  head -c "${2:-3000000}" /dev/urandom > "$WORK/www/big.bin"
+}
+# fetched NS URL: downloads URL from NS and compares it with $WORK/www/big.bin.
+fetched() { in_ns "$1" curl -sS --max-time 60 -o "$WORK/fetched" "$2" && cmp -s "$WORK/www/big.bin" "$WORK/fetched"; }
+# page NS URL: the body of a page fetched from NS.
+page() { in_ns "$1" curl -sS --max-time 10 "$2"; }
 
 # serve_http NS ADDRESS PORT DIR: a web server that logs each request's client and Host.
 serve_http() {
@@ -169,27 +185,53 @@ PY
     { echo "web server in $ns did not start:"; cat "$WORK/http_$ns.log"; return 1; }
 }
 
-# udp_echo NS ADDRESS PORT: answers every datagram with "echo:" + its text, logging the sender.
-udp_echo() {
-  cat > "$WORK/udp_echo.py" <<'PY'
-import socket, sys
+# udp_service NS ADDRESS PORT [dns]: answers "echo:" + each datagram ("delay=N:text" N seconds
+# late), or as a resolver every A query with 203.0.113.10; logs each client and text, and the
+# late answers, to $WORK/udp_ADDRESS_PORT.log.
+udp_service() {
+  cat > "$WORK/udp_service.py" <<'PY'
+import socket, struct, sys, threading, time
+address, port, mode, log = sys.argv[1], int(sys.argv[2]), sys.argv[3], open(sys.argv[4], "a", buffering=1)
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind((sys.argv[1], int(sys.argv[2])))
+s.bind((address, port))
+log.write("ready\n")
+def answer(data, peer):
+    if mode == "dns":
+        end = 12
+        while end < len(data) and data[end] != 0:
+            end += data[end] + 1
+        answer = b"\xc0\x0c" + struct.pack(">HHIH", 1, 1, 60, 4) + socket.inet_aton("203.0.113.10")
+        return s.sendto(data[:2] + struct.pack(">HHHHH", 0x8180, 1, 1, 0, 0) + data[12:end + 5] + answer, peer)
+    text = data.decode(errors="replace")
+    if text.startswith("delay="):
+        delay = float(text[6:].split(":", 1)[0])
+        time.sleep(delay)
+        log.write("late answer sent to %s:%d after %g s\n" % (peer[0], peer[1], delay))
+    s.sendto(b"echo:" + data, peer)
 while True:
     data, peer = s.recvfrom(2048)
-    sys.stderr.write("client=%s:%d\n" % peer); sys.stderr.flush()
-    s.sendto(b"echo:" + data, peer)
+    log.write("client=%s:%d %s\n" % (peer[0], peer[1], data.decode(errors="replace") if mode == "echo" else ""))
+    threading.Thread(target=answer, args=(data, peer), daemon=True).start()
 PY
-  bg ip netns exec "$1$TAG" python3 "$WORK/udp_echo.py" "$2" "$3" 2>> "$WORK/udp_$1.log"
-  sleep 0.3
+  local log=$WORK/udp_$2_$3.log
+  bg ip netns exec "$1$TAG" python3 "$WORK/udp_service.py" "$2" "$3" "${4:-echo}" "$log"
+  wait_for 10 grep -q ready "$log" || { echo "UDP service $2:$3 did not start"; return 1; }
 }
+# udp_clients ADDRESS PORT: the distinct client addresses a UDP service saw.
+udp_clients() { grep -o 'client=[0-9.]*' "$WORK/udp_$1_$2.log" | sort -u | tr '\n' ' '; }
 
-# udp_ask NS ADDRESS PORT TEXT: one request, prints the answer (empty on time-out).
+# udp_ask NS ADDRESS PORT TEXT...: sends the texts back to back (from $UDP_FROM, "ip:port",
+# when set) and prints the answers that come within ${UDP_WAIT:-3} seconds.
 udp_ask() {
   ip netns exec "$1$TAG" python3 -c '
-import socket, sys
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.settimeout(3)
-s.sendto(sys.argv[3].encode(), (sys.argv[1], int(sys.argv[2])))
-try: print(s.recvfrom(2048)[0].decode())
-except socket.timeout: print("")' "$2" "$3" "$4"
+import os, socket, sys, time
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+if os.environ.get("UDP_FROM"): ip, port = os.environ["UDP_FROM"].split(":"); s.bind((ip, int(port)))
+for t in sys.argv[3:]: s.sendto(t.encode(), (sys.argv[1], int(sys.argv[2])))
+deadline, got = time.time() + float(os.environ.get("UDP_WAIT", 3)), 0
+while got < len(sys.argv) - 3 and time.time() < deadline:
+    s.settimeout(max(0.01, deadline - time.time()))
+    try: print(s.recvfrom(2048)[0].decode()); got += 1
+    except socket.timeout: break' "${@:2}"
 }

@@ -7,33 +7,28 @@ source "$(dirname "$0")/lib.sh"
 require_namespaces
 nat_topology
 
-mkdir -p "$WORK/www80" "$WORK/www81"
-echo "port 80" > "$WORK/www80/index.html"
-echo "port 81" > "$WORK/www81/index.html"
+for port in 80 81; do mkdir -p "$WORK/www$port" && echo "port $port" > "$WORK/www$port/index.html"; done
 serve_http in 10.1.0.2 80 "$WORK/www80"
 serve_http in 10.1.0.2 81 "$WORK/www81"
 serve_http ext 0.0.0.0 8000 "$WORK/www80"
-udp_echo ext 0.0.0.0 5353
+udp_service ext 0.0.0.0 5353
 
-# answer N: the daemon's Nth answer as the peer printed it; waits for it.
-answers_at_least() { test "$(grep -c '^<- ' "$WORK/peer.log")" -ge "$1"; }
+# answer N PREFIX: the daemon's Nth answer, as the peer printed it, begins with PREFIX.
 answer() {
-  wait_for 10 answers_at_least "$1" || true
-  grep '^<- ' "$WORK/peer.log" | sed -n "${1}p"
+  wait_for 10 eval "[ \$(grep -c '^<- ' '$WORK/peer.log') -ge $1 ]" || true
+  [[ "$(grep '^<- ' "$WORK/peer.log" | sed -n "${1}p")" == "<- $2"* ]]
 }
 go_on() { touch "$WORK/$1"; }
 nat_works() {
-  test "$(in_ns in curl -sS --max-time 10 http://198.51.100.2:8000/index.html)" = "port 80" &&
-    test "$(udp_ask in 198.51.100.2 5353 ping)" = "echo:ping"
+  test "$(page in http://198.51.100.2:8000/index.html)" = "port 80" && test "$(udp_ask in 198.51.100.2 5353 ping)" = "echo:ping"
 }
+published_works() { test "$(page ext http://198.51.100.1:8080/index.html)" = "port 80"; }
 
 # --- 1. Descriptors run out: a daemon allowed 64 open files asked for 100 TCP ports.
 cat > "$WORK/nofile.json" <<JSON
 {"steps": [
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}],
-   "tcpPortPoolSize": 100, "udpPortPoolSize": 5, "timeout": 30, "expect": {"result": 0}},
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}],
-   "tcpPortPoolSize": 10, "udpPortPoolSize": 10, "timeout": 30, "expect": {"result": 1}},
+  {"send": "StartNAT", $MAP, $(pools 100 5), "expect": {"result": 0}},
+  {"send": "StartNAT", $MAP, $(pools 10 10), "expect": {"result": 1}},
   {"closePipe": true},
   {"expectExit": {"code": 0, "within": 10}}
 ]}
@@ -45,13 +40,10 @@ if ldd "$DAEMON" | grep -qE "libasan|libubsan"; then
 else
   in_ns nd prlimit --nofile=64:64 "$PEER" --daemon "$DAEMON" --scenario "$WORK/nofile.json" > "$WORK/peer.log" 2>&1 &&
     status=0 || status=$?
-  check "with 64 descriptors a 100-port TCP pool is refused: result 0" \
-    grep -q "^<- type 9 (StartNAT), result 0 " "$WORK/peer.log"
-  check "the log gives required and reserved counts" \
-    grep -qE "ERROR;NAT: error reserving TCP ports, required: 100 reserved: [0-9]+$" "$LOG"
-  reserved=$(sed -n 's/.*NAT: error reserving TCP ports, required: 100 reserved: \([0-9]*\)$/\1/p' "$LOG")
-  check "fewer were reserved than asked (here $reserved)" test "${reserved:-100}" -lt 100
-  check "and the failure line" log_has "ERROR;Error opening NAT: error reserving TCP/UDP ports"
+  reserved=$(sed -n 's/.*ERROR;NAT: error reserving TCP ports, required: 100 reserved: \([0-9]*\)$/\1/p' "$LOG")
+  check "with 64 descriptors a 100-port TCP pool is refused: result 0, $reserved reserved, the failure logged" \
+    bash -c "grep -q '^<- type 9 (StartNAT), result 0 ' '$WORK/peer.log' && [ '${reserved:-100}' -lt 100 ] &&
+             grep -q 'ERROR;Error opening NAT: error reserving TCP/UDP ports' '$LOG'"
   check "the next start fits once the failed pool is gone: result 1, clean exit" \
     bash -c "[ $status -eq 0 ] && grep -q '^<- type 9 (StartNAT), result 1 ' '$WORK/peer.log'"
   mv "$LOG" "$WORK/nofile_log.txt"
@@ -67,14 +59,11 @@ rule() {  # rule TO_PORT
 cat > "$WORK/bad.json" <<JSON
 {"steps": [
   {"send": "StartVPN", "SupervisorMACAddress": "02:00:00:00:0e:01", "adapters": ["nope0"], "expect": {}},
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": $absent}],
-   "tcpPortPoolSize": 5, "udpPortPoolSize": 5, "timeout": 30, "expect": {}},
+  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": $absent}], $(pools 5 5), "expect": {}},
   {"waitFile": "$WORK/absent-checked", "within": 60},
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}],
-   "tcpPortPoolSize": 5, "udpPortPoolSize": 20, "timeout": 30, "expect": {}},
+  {"send": "StartNAT", $MAP, $(pools 5 20), "expect": {}},
   {"waitFile": "$WORK/ports-restored", "within": 60},
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}], "rules": [$(rule 80), $(rule 81)],
-   "tcpPortPoolSize": 300, "udpPortPoolSize": 300, "timeout": 30, "expect": {}},
+  {"send": "StartNAT", $MAP, "rules": [$(rule 80), $(rule 81)], $(pools 300 300), "expect": {}},
   {"waitFile": "$WORK/blasted", "within": 90},
   {"send": "StopNAT", "expect": {}},
   {"send": "InitializeConfiguration", "HandleVirtualMachine": false, "expect": {"result": 1}},
@@ -86,29 +75,23 @@ in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/bad.json" > "$WORK/peer.lo
 peer=$!
 _pids+=($peer)
 
-check "StartVPN on a missing interface: result 0" \
-  bash -c "[[ '$(answer 1)' == '<- type 3 (StartVPN), result 0 '* ]]"
-check "the log names the adapter that could not be opened" \
-  log_has "Error opening Virtual Ethernet adapter (GUID: {65706F6E-0030-0000-0000-000000000000})."
-check "StartNAT with a missing internal adapter: result 0" \
-  bash -c "[[ '$(answer 2)' == '<- type 9 (StartNAT), result 0 '* ]]"
-check "the log says why" \
-  bash -c "grep -q 'ERROR;Unable to register the drivers for Arp cache.' '$LOG' && grep -q 'ERROR;Error opening NAT: ArpCache registration failed' '$LOG'"
+check "StartVPN on a missing interface: result 0, the adapter named in the log" eval 'answer 1 "type 3 (StartVPN), result 0 " &&
+  log_has "Error opening Virtual Ethernet adapter (GUID: {65706F6E-0030-0000-0000-000000000000})."'
+check "StartNAT with a missing internal adapter: result 0, and why" eval 'answer 2 "type 9 (StartNAT), result 0 " &&
+  log_has "ERROR;Unable to register the drivers for Arp cache." "ERROR;Error opening NAT: ArpCache registration failed"'
 check "the daemon host still reaches both sides" reaches nd 198.51.100.2 10.1.0.2
 go_on absent-checked
 
-check "a UDP pool of 20 with ten ephemeral ports: result 0" \
-  bash -c "[[ '$(answer 3)' == '<- type 9 (StartNAT), result 0 '* ]]"
-check "the log has the shortage line with the real counts" log_has "ERROR;NAT: error reserving UDP ports, required: 20 reserved: 10"
-check "and the failure line" log_has "ERROR;Error opening NAT: error reserving TCP/UDP ports"
-check "the TCP pool of 5 was not reported short" bash -c "! grep -q 'error reserving TCP ports' '$LOG'"
+check "a UDP pool of 20 with ten ephemeral ports: result 0, the shortage with the real counts" \
+  eval 'answer 3 "type 9 (StartNAT), result 0 " && log_has "ERROR;NAT: error reserving UDP ports, required: 20 reserved: 10" \
+                                                            "ERROR;Error opening NAT: error reserving TCP/UDP ports"'
+check "the TCP pool of 5 was not reported short" fails log_has "error reserving TCP ports"
 in_ns nd sysctl -qw net.ipv4.ip_local_port_range="32768 60999"
 go_on ports-restored
 
 # Two rules publish the same port: the session comes up and the first rule wins.
-check "overlapping rules: result 1" bash -c "[[ '$(answer 4)' == '<- type 9 (StartNAT), result 1 '* ]]"
-check "the published port leads to the first rule's target" \
-  test "$(in_ns ext curl -sS --max-time 10 http://198.51.100.1:8080/index.html)" = "port 80"
+check "overlapping rules: result 1" answer 4 "type 9 (StartNAT), result 1 "
+check "the published port leads to the first rule's target" published_works
 check "source translation works" nat_works
 
 # --- 3. Random and lying frames at the opened NAT from both sides.
@@ -183,15 +166,13 @@ echo "     ($translated of them translated out of nd-ext)"
 check "thousands of frames went out" test $((from_inside + from_outside)) -ge 5000
 check "and the daemon translated a good share of them (not all refused at the door)" test "$translated" -ge 200
 check "the daemon is still running" daemon_running nd
-check "source translation still works" nat_works
-check "the published port still works" \
-  test "$(in_ns ext curl -sS --max-time 10 http://198.51.100.1:8080/index.html)" = "port 80"
-check "the daemon host's own traffic still works" reaches nd 198.51.100.2 10.1.0.2
+check "source translation, the published port and the daemon host's own traffic still work" \
+  eval "nat_works && published_works && reaches nd 198.51.100.2 10.1.0.2"
 go_on blasted
 
-check "StopNAT is answered" bash -c "[[ '$(answer 5)' == '<- type 10 (StopNAT), empty' ]]"
-check "and so is a request after it" bash -c "[[ '$(answer 6)' == '<- type 1 (InitializeConfiguration), result 1 '* ]]"
+check "StopNAT is answered, and so is a request after it" eval 'answer 5 "type 10 (StopNAT), empty" &&
+  answer 6 "type 1 (InitializeConfiguration), result 1 "'
 wait "$peer" && status=0 || status=$?
-check "a last request is answered and the daemon exits with 0 when the pipe closes" \
+check "the daemon exits with 0 when the pipe closes" \
   bash -c "[ $status -eq 0 ] && grep -q -- '-- daemon exited with status 0' '$WORK/peer.log'"
 echo PASS

@@ -13,54 +13,17 @@ EXT_MAC=$(in_ns ext cat /sys/class/net/ext0/address)
 ND_EXT_MAC=$(in_ns nd cat /sys/class/net/nd-ext/address)
 in_ns nd ip neigh replace 198.51.100.2 lladdr "$EXT_MAC" dev nd-ext nud permanent
 
-# Answers "delay=N:text" N seconds late (logging when it did), anything else at once.
-cat > "$WORK/udp_server.py" <<'PY'
-import socket, sys, threading, time
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind(("0.0.0.0", 5353))
-def answer(data, peer):
-    text = data.decode(errors="replace")
-    if text.startswith("delay="):
-        delay = float(text[6:].split(":", 1)[0])
-        time.sleep(delay)
-        sys.stderr.write("late answer sent to %s:%d after %g s\n" % (peer[0], peer[1], delay)); sys.stderr.flush()
-    s.sendto(b"echo:" + data, peer)
-while True:
-    data, peer = s.recvfrom(2048)
-    sys.stderr.write("client=%s:%d %s\n" % (peer[0], peer[1], data.decode(errors="replace"))); sys.stderr.flush()
-    threading.Thread(target=answer, args=(data, peer), daemon=True).start()
-PY
-bg ip netns exec "ext$TAG" python3 "$WORK/udp_server.py" 2>> "$WORK/udp_ext.log"
+udp_service ext 0.0.0.0 5353
+udp_log=$WORK/udp_0.0.0.0_5353.log
 
-# ask SOURCE_PORT WAIT TEXT...: sends the texts back to back from the internal host and
-# prints the answers that come within WAIT seconds (stops early once all have come).
-ask() {
-  in_ns in python3 -c '
-import socket, sys, time
-port, wait, texts = int(sys.argv[1]), float(sys.argv[2]), sys.argv[3:]
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-s.bind(("10.1.0.2", port))
-for t in texts: s.sendto(t.encode(), ("198.51.100.2", 5353))
-deadline, got = time.time() + wait, 0
-while got < len(texts) and time.time() < deadline:
-    s.settimeout(max(0.01, deadline - time.time()))
-    try: print(s.recvfrom(2048)[0].decode()); got += 1
-    except socket.timeout: break' "$@"
-}
+# ask SOURCE_PORT WAIT TEXT...: the answers to the texts sent from that port of the internal host.
+ask() { UDP_FROM=10.1.0.2:$1 UDP_WAIT=$2 udp_ask in 198.51.100.2 5353 "${@:3}"; }
 
 ip netns exec "ext$TAG" tcpdump -i ext0 -n -e -l --immediate-mode 'arp or (udp and port 5353)' > "$WORK/wire.txt" 2> "$WORK/tcpdump.err" &
 _pids+=($!)
 wait_for 10 grep -q "listening on" "$WORK/tcpdump.err"
 
-cat > "$WORK/nat.json" <<JSON
-{"steps": [
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}],
-   "tcpPortPoolSize": 10, "udpPortPoolSize": 1, "timeout": 3, "expect": {"result": 1}}
-]}
-JSON
-start_daemon "$WORK/nat.json"
-wait_for 10 log_has "NAT: drivers successfully registered" || { cat "$WORK/peer.log"; exit 1; }
+start_session NAT "$MAP, $(pools 10 1 3)"
 
 # 1. Five datagrams sent at once to a host the daemon has never resolved.
 ask 40001 5 one two three four five > "$WORK/burst.txt"
@@ -69,13 +32,13 @@ ask 40001 5 one two three four five > "$WORK/burst.txt"
 check "all five first datagrams to an unresolved host are answered" \
   test "$(sort "$WORK/burst.txt" | tr '\n' ' ')" = "echo:five echo:four echo:one echo:three echo:two "
 check "the server received each of them exactly once, in the order they were sent" \
-  test "$(grep -oE ' (one|two|three|four|five)$' "$WORK/udp_ext.log" | tr -d ' ' | tr '\n' ' ')" = "one two three four five "
+  test "$(grep -oE ' (one|two|three|four|five)$' "$udp_log" | tr -d ' ' | tr '\n' ' ')" = "one two three four five "
 wait_for 5 grep -q "198.51.100.1.[0-9]* > 198.51.100.2.5353" "$WORK/wire.txt" || true
 first_request=$(grep -n "$ND_EXT_MAC > ff:ff:ff:ff:ff:ff.*Request who-has 198.51.100.2 tell 198.51.100.1" "$WORK/wire.txt" | head -1 | cut -d: -f1)
 first_datagram=$(grep -n "198.51.100.1.[0-9]* > 198.51.100.2.5353" "$WORK/wire.txt" | head -1 | cut -d: -f1)
 check "the daemon sent an ARP request for the host before the first datagram went out" \
   test -n "$first_request" -a -n "$first_datagram" -a "${first_request:-0}" -lt "${first_datagram:-0}"
-PORT=$(sed -n 's/^client=198\.51\.100\.1:\([0-9]*\) one$/\1/p' "$WORK/udp_ext.log")
+PORT=$(sed -n 's/^client=198\.51\.100\.1:\([0-9]*\) one$/\1/p' "$udp_log")
 check "the flow left on a pool port" test -n "$PORT"
 
 # 2. The one-port pool is taken: a second flow is refused while the first is fresh.
@@ -86,17 +49,17 @@ check "and the log says so" log_has "Error translating a NAT packet from interna
 #    an expired entry and is dropped.
 check "an answer 1 s late still arrives" test "$(ask 40001 3 delay=1:soon)" = "echo:delay=1:soon"
 check "an answer 5 s late (timeout 3 s) never reaches the client" test -z "$(ask 40001 7 delay=5:late)"
-check "the server did send the late answer" grep -q "late answer sent to 198.51.100.1:$PORT after 5 s" "$WORK/udp_ext.log"
+check "the server did send the late answer" grep -q "late answer sent to 198.51.100.1:$PORT after 5 s" "$udp_log"
 check "the log names the expired entry" \
   log_has "Internal host info timeout exceeded for remoteIP: 198.51.100.2 remotePort: 5353 externalPort: $PORT. The packet will be discarded"
 
 # 4. The expired entry's port is free again: a new flow gets it at once.
 check "a new flow works after the old one expired" test "$(ask 40003 3 third)" = "echo:third"
-check "and it left on the same, only, pool port" grep -q "^client=198.51.100.1:$PORT third$" "$WORK/udp_ext.log"
+check "and it left on the same, only, pool port" grep -q "^client=198.51.100.1:$PORT third$" "$udp_log"
 
 # 5. An entry that just goes idle is swept when the next flow needs its port.
 sleep 3.5
 check "after 3.5 s idle the next flow takes the idle flow's port" test "$(ask 40004 3 fourth)" = "echo:fourth"
-check "the same port again" grep -q "^client=198.51.100.1:$PORT fourth$" "$WORK/udp_ext.log"
+check "the same port again" grep -q "^client=198.51.100.1:$PORT fourth$" "$udp_log"
 check "the daemon is still running" daemon_running nd
 echo PASS

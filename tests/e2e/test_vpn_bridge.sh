@@ -6,10 +6,8 @@
 source "$(dirname "$0")/lib.sh"
 require_namespaces
 
-ns lan; ns gw; ns remote
-veth lan0 lan gw0 gw
-in_ns lan ip addr add 10.9.0.2/24 dev lan0
-in_ns gw ip addr add 10.9.0.1/24 dev gw0
+ns lan gw remote
+veth lan0 lan gw0 gw 10.9.0.2/24 10.9.0.1/24
 SUPERVISOR=02:00:00:00:0e:01
 
 cat > "$WORK/vpn.json" <<JSON
@@ -32,19 +30,10 @@ check "the LAN host pings the remote back" in_ns lan ping -q -c 3 -W 2 10.9.0.50
 check "broadcast ARP crossed: the remote learnt the LAN host's MAC" \
   bash -c "ip netns exec remote$TAG ip neigh show 10.9.0.2 | grep -q lladdr"
 
-# A TCP transfer across the tunnel, checked by hash.
-mkdir -p "$WORK/www"
-head -c 3000000 /dev/urandom > "$WORK/www/blob"
-serve_http lan 10.9.0.2 8080 "$WORK/www"
-in_ns remote curl -sS --max-time 30 -o "$WORK/fetched" http://10.9.0.2:8080/blob
-check "a 3 MB download across the tunnel arrives intact" \
-  test "$(sha256sum < "$WORK/www/blob")" = "$(sha256sum < "$WORK/fetched")"
-
 # The daemon host's own traffic on the opened adapter is passed on, super-frames included.
+make_www "page"
 serve_http gw 10.9.0.1 8081 "$WORK/www"
-in_ns lan curl -sS --max-time 30 -o "$WORK/own.bin" http://10.9.0.1:8081/blob
-check "a 3 MB download from the daemon host itself, passed on, arrives intact" \
-  test "$(sha256sum < "$WORK/www/blob")" = "$(sha256sum < "$WORK/own.bin")"
+check "a 3 MB download from the daemon host itself, passed on, arrives intact" fetched lan http://10.9.0.1:8081/big.bin
 
 # A frame for the daemon host's own MAC goes up its stack only, never out to the LAN.
 in_ns lan tcpdump -i lan0 -n -c 1 icmp and dst host 10.9.0.1 > "$WORK/leak.txt" 2>/dev/null &
@@ -55,18 +44,13 @@ sleep 0.5
 kill "$dump" 2>/dev/null || true
 check "its frames did not reach the LAN wire" test ! -s "$WORK/leak.txt"
 
-# A crash leaves the interface working.
+# The capture, whole once the peer ended with the daemon, holds both directions of the pings
+# between the remote and the LAN host: three requests and three replies each way.
 kill_daemon gw
-sleep 0.5
-check "after SIGKILL the daemon host reaches the LAN directly again" in_ns gw ping -q -c 2 -W 2 10.9.0.2
-
-# The capture holds both directions of the pings between the remote and the LAN host: three
-# requests and three replies each way.
 check "the peer ended when the daemon went" wait_for 10 _ended "$peer"
 echoes() { tcpdump -n -r "$WORK/tunnel.pcap" "icmp[icmptype] == $1 and src $2 and dst $3" 2>/dev/null | wc -l; }
 check "the capture reads whole" tcpdump -n -r "$WORK/tunnel.pcap" -w /dev/null
-check "3 echo requests and 3 replies from the remote's pings in the capture" \
-  test "$(echoes icmp-echo 10.9.0.50 10.9.0.2) $(echoes icmp-echoreply 10.9.0.2 10.9.0.50)" = "3 3"
-check "3 echo requests and 3 replies from the LAN host's pings in the capture" \
-  test "$(echoes icmp-echo 10.9.0.2 10.9.0.50) $(echoes icmp-echoreply 10.9.0.50 10.9.0.2)" = "3 3"
+check "3 echo requests and 3 replies each way in the capture" \
+  test "$(echoes icmp-echo 10.9.0.50 10.9.0.2) $(echoes icmp-echoreply 10.9.0.2 10.9.0.50) $(echoes icmp-echo \
+          10.9.0.2 10.9.0.50) $(echoes icmp-echoreply 10.9.0.50 10.9.0.2)" = "3 3 3 3"
 echo "PASS"

@@ -105,20 +105,15 @@ void QueueCapturedFrames(NdisApi::Handle adapter) {
     if (packetEvent != nullptr) SetEvent(packetEvent);
 }
 
+// Every frame handed over is traced, an oversize one as well (its len= gives it away), and
+// refused where a driver would refuse it.
 BOOL TraceSend(const char* call, ETH_REQUEST* request) {
-    if (request == nullptr || request->EthPacket == nullptr) {
-        Trace("%s without a buffer", call);
-        return FALSE;
-    }
+    if (request == nullptr || request->EthPacket == nullptr) return FALSE;
     const INTERMEDIATE_BUFFER& b = *request->EthPacket;
-    if (b.m_Length < 14 || b.m_Length > NdisApi::kMaxEtherFrame) {
-        Trace("%s %016llx bad length %u", call, request->hAdapterHandle, b.m_Length);
-        return FALSE;
-    }
     Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Hex(b.m_IBuffer, 6).c_str(),
           Hex(b.m_IBuffer + 6, 6).c_str(), b.m_Length);
-    const uint16_t type = static_cast<uint16_t>(b.m_IBuffer[12] << 8 | b.m_IBuffer[13]);
-    if (type == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
+    if (b.m_Length < 14 || b.m_Length > NdisApi::kMaxEtherFrame) return FALSE;
+    if ((b.m_IBuffer[12] << 8 | b.m_IBuffer[13]) == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
     return TRUE;
 }
 
