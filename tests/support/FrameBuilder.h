@@ -19,7 +19,7 @@ using Nat::MacAddress;
 using Bytes = std::vector<uint8_t>;
 
 // TCP flag bits.
-inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kUrg = 0x20, kCwr = 0x80;
+inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kCwr = 0x80;
 inline constexpr uint16_t kEtherIpv4 = 0x0800, kEtherArp = 0x0806, kEtherIpv6 = 0x86DD;
 inline constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17;
 
@@ -39,8 +39,6 @@ uint32_t Be32(const Frame& frame, size_t offset);
 // RFC 1071: one's complement of the one's-complement sum of big-endian 16-bit words
 // (an odd last byte padded with zero), starting from `initial`.
 uint16_t InternetChecksum(const uint8_t* data, size_t length, uint32_t initial = 0);
-// The header checksum that belongs in an IPv4 frame (its checksum field counted as zero).
-uint16_t ReferenceIpChecksum(const Frame& frame);
 // The TCP or UDP checksum that belongs in an IPv4 or IPv6 frame: pseudo-header plus
 // segment, the checksum field counted as zero; the segment is what the IP header says.
 uint16_t ReferenceTransportChecksum(const Frame& frame);
