@@ -16,6 +16,14 @@ namespace {
 // A copy whose storage ends at `size`, so that the sanitizer sees any read past it.
 Frame Cut(const Frame& frame, size_t size) { return Frame(frame.begin(), frame.begin() + static_cast<long>(size)); }
 
+uint16_t U16(const Bytes& v) { return static_cast<uint16_t>(v[0] << 8 | v[1]); }
+template <size_t N>
+std::array<uint8_t, N> Array(const Bytes& v) {
+    std::array<uint8_t, N> a;
+    std::copy_n(v.begin(), N, a.begin());
+    return a;
+}
+
 const std::string kIcmpRefusal = std::string("Unsupported IP protocol: ") + '\x01';
 
 // A TCP or UDP frame with correct checksums: random addresses, ports, numbers, IP and TCP
@@ -192,18 +200,20 @@ TEST(PacketChecksum, WritersAndFixersAgreeWithAFromScratchComputation) {
         size_t at, width;
         void (*write)(Frame&, const Bytes&);
     };
+    using V = const Bytes&;
     static const Writer writers[] = {
-        {"SetSourcePort", false, true, true, 0, 2, [](Frame& f, const Bytes& v) { pu::SetSourcePort(f, uint16_t(v[0] << 8 | v[1])); }},
-        {"SetDestinationPort", false, true, true, 2, 2, [](Frame& f, const Bytes& v) { pu::SetDestinationPort(f, uint16_t(v[0] << 8 | v[1])); }},
-        {"SetTcpSequenceNumber", true, true, true, 4, 4, [](Frame& f, const Bytes& v) { pu::SetTcpSequenceNumber(f, Be32(v, 0)); }},
-        {"SetAcknowledgmentNumber", true, true, true, 8, 4, [](Frame& f, const Bytes& v) { pu::SetAcknowledgmentNumber(f, Be32(v, 0)); }},
-        {"UpdateSourceIp", false, true, false, 26, 4, [](Frame& f, const Bytes& v) { pu::UpdateSourceIp(f, {v[0], v[1], v[2], v[3]}); }},
-        {"UpdateDestinationIp", false, true, false, 30, 4, [](Frame& f, const Bytes& v) { pu::UpdateDestinationIp(f, {v[0], v[1], v[2], v[3]}); }},
-        {"SetSourceIpAddress", false, false, false, 26, 4, [](Frame& f, const Bytes& v) { pu::SetSourceIpAddress(f, v); }},
-        {"SetDestinationIpAddress", false, false, false, 30, 4, [](Frame& f, const Bytes& v) { pu::SetDestinationIpAddress(f, v); }},
-        {"SetIpPacketTotalLength", false, false, false, 16, 2, [](Frame& f, const Bytes& v) { pu::SetIpPacketTotalLength(f, uint16_t(v[0] << 8 | v[1])); }},
-        {"SetDestinationMac", false, false, false, 0, 6, [](Frame& f, const Bytes& v) { pu::SetDestinationMac(f, {v[0], v[1], v[2], v[3], v[4], v[5]}); }},
-        {"SetSourceMac", false, false, false, 6, 6, [](Frame& f, const Bytes& v) { pu::SetSourceMac(f, {v[0], v[1], v[2], v[3], v[4], v[5]}); }},
+        {"SetSourcePort", false, true, true, 0, 2, [](Frame& f, V v) { pu::SetSourcePort(f, U16(v)); }},
+        {"SetDestinationPort", false, true, true, 2, 2, [](Frame& f, V v) { pu::SetDestinationPort(f, U16(v)); }},
+        {"SetTcpSequenceNumber", true, true, true, 4, 4, [](Frame& f, V v) { pu::SetTcpSequenceNumber(f, Be32(v, 0)); }},
+        {"SetAcknowledgmentNumber", true, true, true, 8, 4,
+         [](Frame& f, V v) { pu::SetAcknowledgmentNumber(f, Be32(v, 0)); }},
+        {"UpdateSourceIp", false, true, false, 26, 4, [](Frame& f, V v) { pu::UpdateSourceIp(f, Array<4>(v)); }},
+        {"UpdateDestinationIp", false, true, false, 30, 4, [](Frame& f, V v) { pu::UpdateDestinationIp(f, Array<4>(v)); }},
+        {"SetSourceIpAddress", false, false, false, 26, 4, [](Frame& f, V v) { pu::SetSourceIpAddress(f, v); }},
+        {"SetDestinationIpAddress", false, false, false, 30, 4, [](Frame& f, V v) { pu::SetDestinationIpAddress(f, v); }},
+        {"SetIpPacketTotalLength", false, false, false, 16, 2, [](Frame& f, V v) { pu::SetIpPacketTotalLength(f, U16(v)); }},
+        {"SetDestinationMac", false, false, false, 0, 6, [](Frame& f, V v) { pu::SetDestinationMac(f, Array<6>(v)); }},
+        {"SetSourceMac", false, false, false, 6, 6, [](Frame& f, V v) { pu::SetSourceMac(f, Array<6>(v)); }},
     };
     std::mt19937 rng(1071);
     for (int i = 0; i < 6000; ++i) {
@@ -305,16 +315,6 @@ TEST(PacketFields, KernelFramesReadAndReproduceExactly) {
         pu::FixIpHeaderChecksum(f);
         pu::FixTransportHeaderChecksum(f);
         EXPECT_EQ(f, original);
-    }
-    // Header sizes follow IHL and data offset.
-    for (size_t options = 0; options <= 40; options += 8) {
-        const Frame f = FrameBuilder::Tcp().IpOptions(Bytes(options, 1)).TcpOptions(Bytes(40 - options, 1))
-                            .SrcPort(7).DstPort(9).Seq(11).AckNumber(13).Build();
-        EXPECT_EQ(pu::GetIpHeaderSize(f), 20 + options);
-        EXPECT_EQ(pu::GetTransportHeaderLength(f), 60 - options);
-        EXPECT_EQ(pu::GetSourcePort(f) + pu::GetDestinationPort(f) * 100 + pu::GetTcpSequenceNumber(f) * 10000 +
-                      pu::GetAcknowledgmentNumber(f) * 1000000,
-                  13110907u);
     }
 }
 

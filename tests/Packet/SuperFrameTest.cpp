@@ -38,26 +38,14 @@ std::vector<Bytes> SplitAll(const FrameOffload& h, const Bytes& frame) {
     return out;
 }
 
-// The frame as the stack hands it over when the hardware completes the checksum.
-Bytes LeaveChecksumToHardware(Bytes f, FrameOffload& h) {
-    const size_t field = TransportChecksumOffset(f);
-    const uint16_t pseudo = PseudoHeaderChecksum(f);
-    f[field] = static_cast<uint8_t>(pseudo >> 8);
-    f[field + 1] = static_cast<uint8_t>(pseudo);
-    h.flags = kOffloadNeedsChecksum;
-    h.csumStart = static_cast<uint16_t>(TransportOffset(f));
-    h.csumOffset = static_cast<uint16_t>(field - h.csumStart);
-    return f;
-}
-
 }  // namespace
 
 TEST(SuperFrame, ChecksumLeftToHardwareIsCompletedAndPlainFramesPassUnchanged) {
     for (bool ipv6 : {false, true}) {
         for (const Bytes& good : {Udp(ipv6, Pattern(0)), Udp(ipv6, Pattern(17)), Udp(ipv6, Pattern(1000)),
                                   Tcp(ipv6, Pattern(333))}) {
-            FrameOffload h;
-            const Bytes partial = LeaveChecksumToHardware(good, h);
+            Bytes partial = good;
+            const FrameOffload h = LeaveChecksumToHardware(partial);
             ASSERT_NE(good, partial);
             EXPECT_EQ(SplitAll(h, partial), std::vector<Bytes>{good}) << "ipv6 " << ipv6 << " size " << good.size();
             EXPECT_EQ(SplitAll(FrameOffload{}, good), std::vector<Bytes>{good});
@@ -89,8 +77,8 @@ TEST(SuperFrame, TcpSuperFrameIsCutIntoWireSizedSegments) {
         SCOPED_TRACE(c.payload + c.ipv6);
         const Bytes payload = Pattern(c.payload);
         const uint8_t superFlags = kAck | kPsh | kFin | kCwr;
-        FrameOffload h;
-        const Bytes super = LeaveChecksumToHardware(Tcp(c.ipv6, payload, 0xFFFFF000, superFlags, c.options), h);  // seq wraps
+        Bytes super = Tcp(c.ipv6, payload, 0xFFFFF000, superFlags, c.options);  // the sequence wraps
+        FrameOffload h = LeaveChecksumToHardware(super);
         h.gsoType = c.gsoType;
         h.gsoSize = c.gsoSize;
         h.hdrLen = 200;  // the kernel's linear length, not a header length

@@ -54,12 +54,12 @@ protected:
         publisher.reset();
     }
 
-    void Open(bool promiscuous, bool withReader = true) {
+    void Open(bool promiscuous) {
         vpn = std::make_unique<VPN>(publisher.get());
         vpn->Open({guid});
         ASSERT_EQ(vpn->State(), VpnState::Opened);
         vpn->AddSupervisorMAC({ToBytes(kSupervisor), promiscuous});
-        if (withReader) vpn->SetReader(&tunnel);
+        vpn->SetReader(&tunnel);
     }
     // Injects (true: from the wire, false: from the stack) and waits until all is dispatched.
     void Run(const std::vector<std::pair<bool, Nat::Frame>>& frames) {
@@ -89,6 +89,10 @@ TEST_F(VPNTest, OpenRegistersOnceAndAFailedOpenUnregisters) {
     vpn->Open({guid});
     EXPECT_EQ(vpn->State(), VpnState::Opened);
     EXPECT_EQ(network->AdapterMode(guid), 0x43u);
+    // Without a reader frames are classified but go nowhere.
+    vpn->AddSupervisorMAC({ToBytes(kSupervisor), false});
+    EXPECT_TRUE(vpn->Classify(Eth(kSupervisor, kAdapterMac)) && vpn->Classify(Eth(kBroadcastMac, kAdapterMac)));
+    EXPECT_FALSE(vpn->Classify(Eth(kThirdHost, kAdapterMac)));
     vpn->Open({guid});
     EXPECT_EQ(vpn->State(), VpnState::AlreadyOpened);
     EXPECT_TRUE(log.Has("DEBUG;Error opening VPN: drivers already opened."));
@@ -125,14 +129,6 @@ TEST_F(VPNTest, CapturedFramesTowardsTheTunnel) {
     EXPECT_FALSE(vpn->Classify(Nat::Frame{0x02, 0, 0}));
     EXPECT_FALSE(vpn->Classify(Nat::Frame{}));
     EXPECT_FALSE(vpn->Classify(Nat::Frame(kSupervisor.begin(), kSupervisor.begin() + 5)));
-}
-
-TEST_F(VPNTest, WithoutAReaderFramesAreClassifiedButNotForwarded) {
-    Open(false, false);
-    EXPECT_TRUE(vpn->Classify(Eth(kSupervisor, kAdapterMac)));
-    EXPECT_TRUE(vpn->Classify(Eth(kBroadcastMac, kAdapterMac)));
-    EXPECT_FALSE(vpn->Classify(Eth(kThirdHost, kAdapterMac)));
-    EXPECT_TRUE(tunnel.Received().empty());
 }
 
 TEST_F(VPNTest, SupervisorListKeepsTheFirstEntryOfAMac) {
@@ -228,16 +224,9 @@ TEST_F(VPNTest, ASuperFrameGoesToTheTunnelAsTheWireFramesItStandsFor) {
     Open(false);
     Nat::Frame big = ndtest::FrameBuilder::Tcp().EthDst(kSupervisor).EthSrc(kThirdHost).Seq(1000)
                          .Payload(ndtest::Pattern(3 * 1448 + 10)).Build();
-    Nat::FrameOffload offload;
-    offload.flags = Nat::kOffloadNeedsChecksum;
+    Nat::FrameOffload offload = ndtest::LeaveChecksumToHardware(big);
     offload.gsoType = Nat::kGsoTcpV4;
     offload.gsoSize = 1448;
-    offload.csumStart = static_cast<uint16_t>(ndtest::TransportOffset(big));
-    offload.csumOffset = 16;
-    const size_t field = ndtest::TransportChecksumOffset(big);
-    const uint16_t pseudo = ndtest::PseudoHeaderChecksum(big);
-    big[field] = static_cast<uint8_t>(pseudo >> 8);
-    big[field + 1] = static_cast<uint8_t>(pseudo);
     network->InjectFromWire(guid, big, offload);
     ASSERT_TRUE(network->Settle(guid));
     const Frames frames = tunnel.Received();

@@ -147,6 +147,16 @@ size_t TransportOffset(const Frame& frame) { return RequireLayout(frame).segment
 size_t TransportChecksumOffset(const Frame& frame) { return RequireLayout(frame).checksumOffset; }
 uint16_t PseudoHeaderChecksum(const Frame& frame) { return Fold(RequireLayout(frame).pseudo); }
 
+Nat::FrameOffload LeaveChecksumToHardware(Frame& frame) {
+    const Layout l = RequireLayout(frame);
+    Put16(frame, l.checksumOffset, Fold(l.pseudo));
+    Nat::FrameOffload offload;
+    offload.flags = Nat::kOffloadNeedsChecksum;
+    offload.csumStart = static_cast<uint16_t>(l.segmentStart);
+    offload.csumOffset = static_cast<uint16_t>(l.checksumOffset - l.segmentStart);
+    return offload;
+}
+
 bool IpChecksumValid(const Frame& frame) {
     if (frame.size() < 34 || Be16(frame, 12) != kEtherIpv4) return false;
     const size_t h = static_cast<size_t>(frame[14] & 0x0F) * 4;

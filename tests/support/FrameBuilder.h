@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Packet/Frame.h"
+#include "Packet/SuperFrame.h"
 
 namespace ndtest {
 
@@ -48,6 +49,9 @@ size_t TransportChecksumOffset(const Frame& frame);
 // The folded pseudo-header sum, not complemented: what a stack leaves in the checksum
 // field of a frame whose checksum it leaves to the hardware.
 uint16_t PseudoHeaderChecksum(const Frame& frame);
+// Leaves the TCP or UDP checksum to the hardware, as a stack with checksum offload does: the
+// field gets the pseudo-header sum, and the offload state returned says where to complete it.
+Nat::FrameOffload LeaveChecksumToHardware(Frame& frame);
 // True when the stored checksums verify; false also for frames they cannot be read from.
 bool IpChecksumValid(const Frame& frame);
 bool TransportChecksumValid(const Frame& frame);
