@@ -28,6 +28,7 @@ protected:
         auto& logger = Logger::Instance();
         logger.SetThreshold(2);
         logger.SetMaxFileSize(5000000);
+        logger.SetFileCount(3);
         logger.SetDirectory("");
         logger.SetPrefix("log_");
     }
@@ -82,6 +83,15 @@ TEST_F(LoggerTest, LinesCarryAUtcStampAndTheRingRotatesAndResumes) {
     Logger::Instance().SetDirectory(dir_.Path() + "/");
     Log("after restart", LogLevel::Info);
     EXPECT_EQ(ndtest::LogEntries(File(1)).back(), "INFO;after restart");
+}
+
+TEST_F(LoggerTest, AShorterRingClosesTheFileBeyondIt) {
+    Logger::Instance().SetMaxFileSize(100);
+    const std::string text(60, 'z');
+    for (int i = 0; i < 5; ++i) Log(text + std::to_string(i), LogLevel::Info);  // 0,1 | 2,3 | 4
+    Logger::Instance().SetFileCount(2);
+    Log("two files now", LogLevel::Info);
+    EXPECT_EQ(ndtest::LogEntries(File(2)), std::vector<std::string>{"INFO;" + text + "4"});
 }
 
 TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {

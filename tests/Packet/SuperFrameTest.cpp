@@ -52,6 +52,12 @@ TEST(SuperFrame, ChecksumLeftToHardwareIsCompletedAndPlainFramesPassUnchanged) {
         }
     }
     const Bytes frame = Udp(false, Pattern(100));
+    // Nothing comes out into a missing or short buffer; the frame is still there afterwards.
+    SuperFrameSplitter splitter;
+    ASSERT_TRUE(splitter.Start(FrameOffload{}, frame.data(), frame.size(), kMax));
+    uint8_t buffer[kMax];
+    EXPECT_EQ(splitter.Next(nullptr, kMax) + splitter.Next(buffer, kMax - 1), 0u);
+    EXPECT_EQ(splitter.Next(buffer, kMax), frame.size());
     EXPECT_FALSE(Starts(FrameOffload{}, Bytes(kMax + 1, 0)));
     EXPECT_FALSE(Starts(FrameOffload{}, frame, 13));
     // Checksum fields that would start at or run past the end.
