@@ -1,15 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <set>
 #include <stdexcept>
@@ -121,55 +118,31 @@ INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPo
                          [](const auto& info) { return info.param == PortPool::Kind::Tcp ? "Tcp" : "Udp"; });
 
 // More ports than descriptors: the pool ends short, logs one INFO line per missing port,
-// and returns. Run in a child with a small descriptor limit (and an alarm against hangs).
+// and returns.
 TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
     LogCapture log(2);
     Log("descriptor limit test", LogLevel::Info);  // opens the log file before the limit is lowered
-    int channel[2];
-    ASSERT_EQ(pipe(channel), 0);
+    // The sanitizers' vptr check needs a descriptor the first time it meets a type: let it
+    // meet the pool's error type while descriptors are still there.
+    EXPECT_EQ(ndtest::Thrown<std::runtime_error>([] { throw std::runtime_error("warm-up"); }), "warm-up");
+    long openCount = 0;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
+        ++openCount;
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = static_cast<rlim_t>(openCount + 10);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     const uint32_t wanted = 40;
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        alarm(30);
-        close(channel[0]);
-        long openCount = 0;
-        for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
-            ++openCount;
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = static_cast<rlim_t>(openCount + 10);
-        // The sanitizers' vptr check needs a descriptor the first time it meets a type:
-        // let it meet the pool's error type while descriptors are still there.
-        try {
-            throw std::runtime_error("warm-up");
-        } catch (const std::exception& e) {
-            if (std::strlen(e.what()) == 0) _exit(4);
-        }
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
-        uint32_t got = 0;
-        {
-            SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
-            std::vector<uint32_t> ports;
-            pool.GetPorts(ports);
-            got = static_cast<uint32_t>(ports.size());
-        }
-        if (write(channel[1], &got, sizeof(got)) != sizeof(got)) _exit(3);
-        _exit(0);
+    std::vector<uint32_t> ports;
+    {
+        SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
+        pool.GetPorts(ports);
     }
-    close(channel[1]);
-    pollfd wait{channel[0], POLLIN, 0};
-    ASSERT_EQ(poll(&wait, 1, 60000), 1) << "pool did not finish";
-    uint32_t got = 0;
-    const ssize_t n = read(channel[0], &got, sizeof(got));
-    close(channel[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    ASSERT_EQ(n, static_cast<ssize_t>(sizeof(got)));
-    EXPECT_GT(got, 0u);
-    EXPECT_LT(got, wanted);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_GT(ports.size(), 0u);
+    EXPECT_LT(ports.size(), wanted);
     EXPECT_EQ(log.Count("INFO;Error creating socket at port 0, socket() failed: " + std::to_string(EMFILE)),
-              static_cast<int>(wanted - got))
+              static_cast<int>(wanted - ports.size()))
         << log.Text();
 }
