@@ -129,7 +129,8 @@ TEST_F(FilterDriverTest, WriteTargets) {
     FilterDriver driver(guid, &reader);
     driver.Open();
     const Nat::Frame full = ndtest::EthernetFrame(kOtherMac, kAdapterMac, 0x0800, 1500, 9);  // 1514 bytes
-    for (uint32_t target : {uint32_t{ToAdapter}, uint32_t{ToStack}, uint32_t{ToBoth}, 3u}) driver.WriteFrame(full, target);
+    for (uint32_t target : {uint32_t{ToAdapter}, uint32_t{ToStack}, uint32_t{ToBoth}, 3u})
+        driver.WriteFrame(full, target);
     EXPECT_EQ(network->SentToWire(guid), std::vector<Nat::Frame>(2, full));
     EXPECT_EQ(network->SentToStack(guid), std::vector<Nat::Frame>(2, full));
 

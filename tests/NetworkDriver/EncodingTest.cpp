@@ -14,8 +14,8 @@ TEST(Encoding, ValuesHaveTheirWireFormAndReadBackExactly) {
     e.Enum32(0xA1B2C3D4).String("AB").Bytes({}).Bytes({1, 2, 3}).Bool(true).Bool(false).UInt32(65536).ListHeader(0);
     const Bytes payload = e.Take();
     // A tag byte, then little-endian values; strings as UTF-16LE with their byte count.
-    EXPECT_EQ(payload, (Bytes{0, 1, 0xD4, 0xC3, 0xB2, 0xA1, 2, 4, 0, 0, 0, 0x41, 0, 0x42, 0, 3, 0, 0, 0, 0, 3, 3, 0, 0, 0,
-                              1, 2, 3, 5, 1, 5, 0, 7, 0, 0, 1, 0, 13, 0, 0, 0, 0}));
+    EXPECT_EQ(payload, (Bytes{0, 1, 0xD4, 0xC3, 0xB2, 0xA1, 2, 4, 0, 0, 0, 0x41, 0, 0x42, 0, 3, 0, 0, 0, 0, 3, 3,
+                              0, 0, 0, 1, 2, 3, 5, 1, 5, 0, 7, 0, 0, 1, 0, 13, 0, 0, 0, 0}));
     Decoder d(payload, 1);
     EXPECT_EQ(d.ReadEnum32(), 0xA1B2C3D4u);
     EXPECT_EQ(d.ReadString(), "AB");

@@ -190,8 +190,9 @@ TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
     now += 200000;
     table.LearnFromArpReply(Ip("10.1.1.1"), gatewayMac);
     const std::string text = log.Text();
-    for (const std::string& entry : {";DEBUG;Added entry to Arp cache (192.168.1.1)\n" + Line("192.168.1.1", "", 1),
-                                     ";DEBUG;Added unresolved packet to Arp cache (192.168.1.1)\n" + Line("192.168.1.1", "", 2),
+    const std::string held1 = Line("192.168.1.1", "", 1), held2 = Line("192.168.1.1", "", 2);
+    for (const std::string& entry : {";DEBUG;Added entry to Arp cache (192.168.1.1)\n" + held1,
+                                     ";DEBUG;Added unresolved packet to Arp cache (192.168.1.1)\n" + held2,
                                      ";DEBUG;Updated MAC address for Arp entry (192.168.1.1)\n" + kGatewayResolved,
                                      std::string(";DEBUG;Removed entry from Arp cache (192.168.1.1)\n\n"),
                                      ";DEBUG;Removed entry from Arp cache by Cleanup\n" +

@@ -34,7 +34,8 @@ std::vector<Bytes> SplitAll(const FrameOffload& h, const Bytes& frame) {
     std::vector<Bytes> out;
     EXPECT_TRUE(splitter.Start(h, frame.data(), frame.size(), kMax));
     uint8_t buffer[kMax];
-    for (size_t n; out.size() <= 100 && (n = splitter.Next(buffer, sizeof(buffer))) > 0;) out.emplace_back(buffer, buffer + n);
+    for (size_t n; out.size() <= 100 && (n = splitter.Next(buffer, sizeof(buffer))) > 0;)
+        out.emplace_back(buffer, buffer + n);
     return out;
 }
 

@@ -88,7 +88,8 @@ TEST_P(SocketPortPoolTest, ReservedAndCustomPortsAreReallyBoundUntilFreed) {
         EXPECT_EQ(log.Count("DEBUG;Opening " + name + " custom port"), 1);
         EXPECT_EQ(log.Count("DEBUG;Opened " + name + " custom port " + std::to_string(custom)), 1);
         EXPECT_EQ(log.Count("DEBUG;Opening " + name + " port"), 2);
-        for (uint32_t port : handedOut) EXPECT_EQ(log.Count("DEBUG;Opened " + name + " port " + std::to_string(port)), 1);
+        for (uint32_t port : handedOut)
+            EXPECT_EQ(log.Count("DEBUG;Opened " + name + " port " + std::to_string(port)), 1);
     }
     EXPECT_EQ(log.Count("DEBUG;Freeing " + name + " ports"), 1);
     handedOut.push_back(custom);
@@ -126,8 +127,7 @@ TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
     // meet the pool's error type while descriptors are still there.
     EXPECT_EQ(ndtest::Thrown<std::runtime_error>([] { throw std::runtime_error("warm-up"); }), "warm-up");
     long openCount = 0;
-    for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
-        ++openCount;
+    for ([[maybe_unused]] const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) ++openCount;
     rlimit saved{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
     rlimit low = saved;
