@@ -59,45 +59,32 @@ const char* const kGuid = "{6B29FC40-CA47-1067-B31D-00DD010662DA}";
 TEST(FindAdapterHandle, TheFirstNameContainingTheGuidTextWins) {
     auto api = std::make_unique<AdapterListApi>();
     AdapterListApi& list = *api;
+    const Handle found = 0x0000003400009ABCull;
     list.Add("\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x11, 1);
     list.Add("\\DEVICE\\{6b29fc40-ca47-1067-b31d-00dd010662da}", 0x22, 2);  // other case: no match
-    list.Add("\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}_NDISWANIP", 0x0000003400009ABCull, 3);
+    list.Add("\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}_NDISWANIP", found, 3);
     list.Add("\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x44, 4);
     FilterDriverApiAdapter adapter(std::move(api));
 
     std::vector<uint8_t> mac;
-    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, &mac), 0x0000003400009ABCull);
+    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, &mac), found);
     EXPECT_EQ(mac, (std::vector<uint8_t>{0x02, 0, 0, 0, 0, 3}));
-    EXPECT_EQ(adapter.AdapterEvent(0x0000003400009ABCull), 100u);
+    EXPECT_EQ(adapter.AdapterEvent(found), 100u);
     EXPECT_EQ(adapter.AdapterEvent(0x44), 0u);
-
     // A second lookup gives the adapter a new event and closes the old one.
-    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, nullptr), 0x0000003400009ABCull);
-    EXPECT_EQ(adapter.AdapterEvent(0x0000003400009ABCull), 101u);
-    ASSERT_EQ(list.closed.size(), 1u);
-    EXPECT_EQ(list.closed[0], (std::pair<Handle, Handle>{0x0000003400009ABCull, 100}));
+    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, nullptr), found);
+    EXPECT_EQ(adapter.AdapterEvent(found), 101u);
+    adapter.ReleaseAdapterEvent(found);
+    EXPECT_EQ(adapter.AdapterEvent(found), 0u);
+    EXPECT_EQ(list.closed, (std::vector<std::pair<Handle, Handle>>{{found, 100}, {found, 101}}));
 
-    adapter.ReleaseAdapterEvent(0x0000003400009ABCull);
-    EXPECT_EQ(adapter.AdapterEvent(0x0000003400009ABCull), 0u);
-    ASSERT_EQ(list.closed.size(), 2u);
-    EXPECT_EQ(list.closed[1].second, 101u);
-}
-
-TEST(FindAdapterHandle, NoMatchNoListOrNoClientIsZero) {
-    auto api = std::make_unique<AdapterListApi>();
-    AdapterListApi& list = *api;
-    list.Add("\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x11, 1);
-    FilterDriverApiAdapter adapter(std::move(api));
-    std::vector<uint8_t> mac(6, 0xEE);
-    EXPECT_EQ(adapter.FindAdapterHandle(kGuid, &mac), 0u);
-    EXPECT_EQ(mac, std::vector<uint8_t>(6, 0xEE));  // untouched
+    std::vector<uint8_t> untouched(6, 0xEE);
+    EXPECT_EQ(adapter.FindAdapterHandle("{6B29FC40-CA47-1067-B31D-00DD010662DB}", &untouched), 0u);
+    EXPECT_EQ(untouched, std::vector<uint8_t>(6, 0xEE));
     EXPECT_EQ(adapter.FindAdapterHandle("", nullptr), 0x11u);  // the empty text is in every name
-
     list.listAvailable = false;
     EXPECT_EQ(adapter.FindAdapterHandle("{11111111-2222-3333-4444-555555555555}", nullptr), 0u);
-
-    FilterDriverApiAdapter noClient(nullptr);
-    EXPECT_EQ(noClient.FindAdapterHandle(kGuid, nullptr), 0u);
+    EXPECT_EQ(FilterDriverApiAdapter(nullptr).FindAdapterHandle(kGuid, nullptr), 0u);
 }
 
 TEST(FindAdapterHandle, TheListIsReadWithinItsBounds) {

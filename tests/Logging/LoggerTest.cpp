@@ -28,6 +28,7 @@ protected:
         auto& logger = Logger::Instance();
         logger.SetThreshold(2);
         logger.SetMaxFileSize(5000000);
+        logger.SetFileCount(3);
         logger.SetDirectory("");
         logger.SetPrefix("log_");
     }
@@ -60,32 +61,37 @@ TEST_F(LoggerTest, ThresholdDecidesWhichLevelsAreWritten) {
                                         "DEBUG;rank three", "UNKNOWN;rank four"}));
 }
 
-TEST_F(LoggerTest, LinesCarryAUtcStampWithABlankBeforeTheT) {
+TEST_F(LoggerTest, LinesCarryAUtcStampAndTheRingRotatesAndResumes) {
     Log("stamped", LogLevel::Info);
     const auto lines = ndtest::ReadLines(File(0));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\d{4}-\d{2}-\d{2} T\d{2}:\d{2}:\d{2},\d{3};INFO;stamped)")))
         << lines[0];
-}
 
-TEST_F(LoggerTest, RingRotatesThroughItsFilesAndTruncatesOnReuse) {
     Logger::Instance().SetMaxFileSize(100);
     const std::string text(60, 'x');  // each line is about 90 bytes with its stamp
-    for (int i = 0; i < 7; ++i) Log(text + std::to_string(i), LogLevel::Info);
-    // Two lines per file: 0,1 | 2,3 | 4,5 | then 6 goes to file 0, which starts empty.
+    for (int i = 1; i < 7; ++i) Log(text + std::to_string(i), LogLevel::Info);
+    // Two lines per file: stamped,1 | 2,3 | 4,5 | then 6 goes to file 0, which starts empty.
     EXPECT_EQ(ndtest::LogEntries(File(0)), (std::vector<std::string>{"INFO;" + text + "6"}));
     EXPECT_EQ(ndtest::LogEntries(File(1)).size(), 2u);
     EXPECT_EQ(ndtest::LogEntries(File(2)).back(), "INFO;" + text + "5");
     EXPECT_FALSE(std::filesystem::exists(File(3)));
-}
-
-TEST_F(LoggerTest, ARestartContinuesTheNewestFileOfTheRing) {
-    Logger::Instance().SetMaxFileSize(100);
-    for (int i = 0; i < 3; ++i) Log(std::string(60, 'y') + std::to_string(i), LogLevel::Info);  // files 0 and 1
-    // Re-pointing the logger makes it scan the ring again, as a new process would.
+    // Re-pointing the logger makes it scan the ring again, as a new process would: it goes
+    // on in the newest file, here file 1 (7 fills file 0, 8 starts file 1 afresh).
+    Log(text + "7", LogLevel::Info);
+    Log(text + "8", LogLevel::Info);
     Logger::Instance().SetDirectory(dir_.Path() + "/");
     Log("after restart", LogLevel::Info);
     EXPECT_EQ(ndtest::LogEntries(File(1)).back(), "INFO;after restart");
+}
+
+TEST_F(LoggerTest, AShorterRingClosesTheFileBeyondIt) {
+    Logger::Instance().SetMaxFileSize(100);
+    const std::string text(60, 'z');
+    for (int i = 0; i < 5; ++i) Log(text + std::to_string(i), LogLevel::Info);  // 0,1 | 2,3 | 4
+    Logger::Instance().SetFileCount(2);
+    Log("two files now", LogLevel::Info);
+    EXPECT_EQ(ndtest::LogEntries(File(2)), std::vector<std::string>{"INFO;" + text + "4"});
 }
 
 TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {

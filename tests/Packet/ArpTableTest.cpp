@@ -10,26 +10,29 @@ using NativeNetworkDriver::ArpTable;
 
 namespace {
 
-struct Released {
-    Frame frame;
-    std::set<Frame> fragments;
-    std::string guid;
-};
-
 class RecordingSubscriber : public Nat::IResolvedPacketSubscriber {
 public:
     void OnResolvedFragments(const std::set<Frame>& fragments, const std::string& guid) override {
-        released.push_back({{}, fragments, guid});
+        fragmentSets.push_back(fragments);
+        guids.push_back(guid);
     }
     void OnResolvedFrame(const Frame& frame, const std::string& guid) override {
-        released.push_back({frame, {}, guid});
+        numbers.push_back(Be16(frame, 36));  // the destination port Numbered() gave it
+        guids.push_back(guid);
         if (onFrame) onFrame(frame);
     }
-    std::vector<Released> released;
+    std::vector<uint16_t> numbers;
+    std::vector<std::set<Frame>> fragmentSets;
+    std::vector<std::string> guids;
     std::function<void(const Frame&)> onFrame;
 };
 
 const std::string kGuid = "{30687465-0000-0000-0000-000000000000}";
+
+std::string Line(const std::string& ip, const std::string& mac, int held) {
+    return "IP " + ip + " MAC " + mac + "  unresolved packets count: " + std::to_string(held) + "\n";
+}
+const std::string kGatewayResolved = Line("192.168.1.1", "02::aa::bb::cc::dd::ee", 0);
 
 class ArpTableTest : public ::testing::Test {
 protected:
@@ -43,198 +46,164 @@ protected:
     void SetUp() override { table.Subscribe(&subscriber); }
 
     static Frame Numbered(uint16_t n) { return FrameBuilder::Udp().IpId(n).DstPort(n).Build(); }
+    std::optional<MacAddress> Hold(uint16_t n, const std::string& guid = kGuid) {
+        return table.ResolveOrHold(gateway, Numbered(n), guid);
+    }
 };
 
 }  // namespace
 
-TEST_F(ArpTableTest, ReplyForUnaskedAddressCreatesResolvedEntry) {
-    table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_TRUE(subscriber.released.empty());
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(1), kGuid), gatewayMac);
-    EXPECT_EQ(table.ToString(), "IP 192.168.1.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n");
-}
-
 TEST_F(ArpTableTest, HeldFramesAreReleasedInOrderWhenTheReplyArrives) {
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(1), kGuid), std::nullopt);
+    EXPECT_EQ(Hold(1), std::nullopt);
     now += 1000;
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(2), "{other}"), std::nullopt);
-    EXPECT_EQ(table.ToString(), "IP 192.168.1.1 MAC   unresolved packets count: 2\n");
-    EXPECT_TRUE(subscriber.released.empty());
-
+    EXPECT_EQ(Hold(2, "{other}"), std::nullopt);
+    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 2));
+    EXPECT_TRUE(subscriber.numbers.empty());
     now += 1000;
     table.LearnFromArpReply(gateway, gatewayMac);
-    ASSERT_EQ(subscriber.released.size(), 2u);
-    EXPECT_EQ(subscriber.released[0].frame, Numbered(1));
-    EXPECT_EQ(subscriber.released[0].guid, kGuid);
-    EXPECT_EQ(subscriber.released[1].frame, Numbered(2));
-    EXPECT_EQ(subscriber.released[1].guid, "{other}");
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(3), kGuid), gatewayMac);
-    EXPECT_EQ(table.ToString(), "IP 192.168.1.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n");
-
-    // A second reply releases nothing more.
-    table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_EQ(subscriber.released.size(), 2u);
+    EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{1, 2}));
+    EXPECT_EQ(subscriber.guids, (std::vector<std::string>{kGuid, "{other}"}));
+    EXPECT_EQ(Hold(3), gatewayMac);
+    EXPECT_EQ(table.ToString(), kGatewayResolved);
+    table.LearnFromArpReply(gateway, gatewayMac);  // a second reply releases nothing more
+    EXPECT_EQ(subscriber.numbers.size(), 2u);
+    // A reply nobody asked for creates a resolved entry.
+    table.LearnFromArpReply(Ip("10.0.0.1"), gatewayMac);
+    EXPECT_EQ(table.ResolveOrHold(Ip("10.0.0.1"), Numbered(4), kGuid), gatewayMac);
 }
 
 TEST_F(ArpTableTest, FragmentedDatagramIsReleasedAsItsFragmentsOnly) {
     const FragmentList parts = FrameBuilder::Udp().Payload(Bytes(100, 3)).BuildFragments(48);
-    ASSERT_EQ(parts.size(), 3u);
     const std::set<Frame> fragments(parts.begin(), parts.end());
     table.ResolveOrHold(gateway, parts[0], kGuid, fragments);
     table.LearnFromArpReply(gateway, gatewayMac);
-    ASSERT_EQ(subscriber.released.size(), 1u);
-    EXPECT_EQ(subscriber.released[0].fragments, fragments);
-    EXPECT_TRUE(subscriber.released[0].frame.empty());
+    EXPECT_EQ(subscriber.fragmentSets, std::vector<std::set<Frame>>{fragments});
+    EXPECT_TRUE(subscriber.numbers.empty());
 }
 
-TEST_F(ArpTableTest, FramesHeldFiveSecondsOrMoreAreDropped) {
-    table.ResolveOrHold(gateway, Numbered(1), kGuid);  // will be 6 s old
+TEST_F(ArpTableTest, HeldFramesExpireAfterFiveSecondsAndAtMostTenAreKept) {
+    Hold(1);  // will be 6 s old
     now += 1000;
-    table.ResolveOrHold(gateway, Numbered(2), kGuid);  // exactly 5 s old
+    Hold(2);  // exactly 5 s old
     now += 1;
-    table.ResolveOrHold(gateway, Numbered(3), kGuid);  // 4.999 s old
+    Hold(3);  // 4.999 s old
     now += 999;
-    table.ResolveOrHold(gateway, Numbered(4), kGuid);  // 4 s old
+    Hold(4);
     now += 4000;
     table.LearnFromArpReply(gateway, gatewayMac);
-    ASSERT_EQ(subscriber.released.size(), 2u);
-    EXPECT_EQ(subscriber.released[0].frame, Numbered(3));
-    EXPECT_EQ(subscriber.released[1].frame, Numbered(4));
-}
+    EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{3, 4}));
 
-TEST_F(ArpTableTest, AtMostTenFramesPerAddress) {
-    for (uint16_t n = 1; n <= 11; ++n) {
-        table.ResolveOrHold(gateway, Numbered(n), kGuid);
-        now += 100;
-    }
-    EXPECT_EQ(table.ToString(), "IP 192.168.1.1 MAC   unresolved packets count: 10\n");
-    table.LearnFromArpReply(gateway, gatewayMac);
-    ASSERT_EQ(subscriber.released.size(), 10u);
-    for (uint16_t i = 0; i < 10; ++i) EXPECT_EQ(subscriber.released[i].frame, Numbered(i + 2));
-}
+    // Eleven frames: the oldest goes.
+    const Ipv4Address busy = Ip("10.9.9.9");
+    subscriber.numbers.clear();
+    for (uint16_t n = 1; n <= 11; ++n, now += 100) table.ResolveOrHold(busy, Numbered(n), kGuid);
+    EXPECT_EQ(table.ToString(), Line("10.9.9.9", "", 10) + kGatewayResolved);
+    table.LearnFromArpReply(busy, gatewayMac);
+    EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
 
-TEST_F(ArpTableTest, OverflowDropsExpiredFramesBeforeTheOldestFresh) {
-    // Three frames, then seven more 4 s later: at the eleventh the first three are 6 s old.
-    for (uint16_t n = 1; n <= 3; ++n) table.ResolveOrHold(gateway, Numbered(n), kGuid);
+    // On overflow the expired frames go before the oldest fresh one: 1-3 are 6 s old at the eleventh.
+    subscriber.numbers.clear();
+    now += 40000;
+    for (uint16_t n = 1; n <= 3; ++n) Hold(n);
     now += 4000;
-    for (uint16_t n = 4; n <= 10; ++n) table.ResolveOrHold(gateway, Numbered(n), kGuid);
+    for (uint16_t n = 4; n <= 10; ++n) Hold(n);
     now += 2000;
-    table.ResolveOrHold(gateway, Numbered(11), kGuid);
-    EXPECT_EQ(table.ToString(), "IP 192.168.1.1 MAC   unresolved packets count: 8\n");
+    Hold(11);
+    EXPECT_NE(table.ToString().find(Line("192.168.1.1", "", 8)), std::string::npos) << table.ToString();
     table.LearnFromArpReply(gateway, gatewayMac);
-    ASSERT_EQ(subscriber.released.size(), 8u);
-    EXPECT_EQ(subscriber.released.front().frame, Numbered(4));
-    EXPECT_EQ(subscriber.released.back().frame, Numbered(11));
+    EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{4, 5, 6, 7, 8, 9, 10, 11}));
 }
 
 TEST_F(ArpTableTest, BindingsAgeAfterThirtySeconds) {
     table.LearnFromArpReply(gateway, gatewayMac);
     now += 29999;
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(1), kGuid), gatewayMac);
+    EXPECT_EQ(Hold(1), gatewayMac);
     now += 1;  // exactly 30 s: stale
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(2), kGuid), std::nullopt);
-    EXPECT_EQ(table.ToString(), "IP 192.168.1.1 MAC   unresolved packets count: 1\n");
+    EXPECT_EQ(Hold(2), std::nullopt);
+    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 1));
     // An unresolved entry ages alike: its held frame goes with it.
     now += 31000;
-    EXPECT_EQ(table.ResolveOrHold(gateway, Numbered(3), kGuid), std::nullopt);
+    EXPECT_EQ(Hold(3), std::nullopt);
     table.LearnFromArpReply(gateway, gatewayMac);
-    ASSERT_EQ(subscriber.released.size(), 1u);
-    EXPECT_EQ(subscriber.released[0].frame, Numbered(3));
+    EXPECT_EQ(subscriber.numbers, std::vector<uint16_t>{3});
 }
 
 TEST_F(ArpTableTest, CleanupRunsAtMostEveryTwoMinutesOnReplies) {
     const Ipv4Address a = Ip("10.0.0.1"), b = Ip("10.0.0.2"), c = Ip("10.0.0.3");
-    table.LearnFromArpReply(a, Mac("02:00:00:00:00:0a"));
+    const std::string macText = "02::aa::bb::cc::dd::ee";
+    table.LearnFromArpReply(a, gatewayMac);
     table.ResolveOrHold(b, Numbered(1), kGuid);
     now += 100000;
-    table.LearnFromArpReply(c, Mac("02:00:00:00:00:0c"));  // 100 s after creation: no pass yet
-    EXPECT_EQ(table.ToString(),
-              "IP 10.0.0.1 MAC 02::00::00::00::00::0a  unresolved packets count: 0\n"
-              "IP 10.0.0.2 MAC   unresolved packets count: 1\n"
-              "IP 10.0.0.3 MAC 02::00::00::00::00::0c  unresolved packets count: 0\n");
+    table.LearnFromArpReply(c, gatewayMac);  // 100 s after creation: no pass yet
+    EXPECT_EQ(table.ToString(), Line("10.0.0.1", macText, 0) + Line("10.0.0.2", "", 1) + Line("10.0.0.3", macText, 0));
     now += 21000;
-    table.LearnFromArpReply(c, Mac("02:00:00:00:00:0c"));  // 121 s: a and b are stale
-    EXPECT_EQ(table.ToString(), "IP 10.0.0.3 MAC 02::00::00::00::00::0c  unresolved packets count: 0\n");
+    table.LearnFromArpReply(c, gatewayMac);  // 121 s: a and b are stale
+    EXPECT_EQ(table.ToString(), Line("10.0.0.3", macText, 0));
     // The next pass is two minutes after this one, not after creation.
-    table.LearnFromArpReply(a, Mac("02:00:00:00:00:0a"));
+    table.LearnFromArpReply(a, gatewayMac);
     now += 119999;
-    table.LearnFromArpReply(b, Mac("02:00:00:00:00:0b"));
+    table.LearnFromArpReply(b, gatewayMac);
     EXPECT_NE(table.ToString().find("10.0.0.3"), std::string::npos);
     now += 1;
-    table.LearnFromArpReply(b, Mac("02:00:00:00:00:0b"));
-    EXPECT_EQ(table.ToString(), "IP 10.0.0.2 MAC 02::00::00::00::00::0b  unresolved packets count: 0\n");
-    EXPECT_TRUE(subscriber.released.empty());
+    table.LearnFromArpReply(b, gatewayMac);
+    EXPECT_EQ(table.ToString(), Line("10.0.0.2", macText, 0));
+    EXPECT_TRUE(subscriber.numbers.empty());
 }
 
 TEST_F(ArpTableTest, OneSubscriberAtATime) {
     RecordingSubscriber second;
-    try {
-        table.Subscribe(&second);
-        FAIL() << "second subscription accepted";
-    } catch (const Nat::Exception& e) {
-        EXPECT_EQ(e.Message(), "Subscription for Arp resolved packets already done.");
-    }
+    EXPECT_EQ(Thrown([&] { table.Subscribe(&second); }), "Subscription for Arp resolved packets already done.");
     table.Unsubscribe(&second);  // not the subscriber: no effect
-    table.ResolveOrHold(gateway, Numbered(1), kGuid);
+    Hold(1);
     table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_EQ(subscriber.released.size(), 1u);
+    EXPECT_EQ(subscriber.numbers.size(), 1u);
 
     table.Unsubscribe(&subscriber);
     table.Subscribe(&second);
     table.Unsubscribe(&second);
     now += 31000;
-    table.ResolveOrHold(gateway, Numbered(2), kGuid);
+    Hold(2);
     table.LearnFromArpReply(gateway, gatewayMac);  // nobody to hand it to: dropped
-    EXPECT_EQ(subscriber.released.size(), 1u);
-    EXPECT_TRUE(second.released.empty());
+    EXPECT_EQ(subscriber.numbers.size(), 1u);
+    EXPECT_TRUE(second.numbers.empty());
 }
 
 TEST_F(ArpTableTest, ReleasedFrameMayReenterTheTableOnTheSameThread) {
-    const Ipv4Address other = Ip("192.168.1.77");
-    std::optional<MacAddress> seen = Nat::MacAddress{};
+    std::optional<MacAddress> seen;
     subscriber.onFrame = [&](const Frame& frame) {
         seen = table.ResolveOrHold(gateway, frame, kGuid);  // would deadlock on a plain mutex
-        table.ResolveOrHold(other, frame, kGuid);
+        table.ResolveOrHold(Ip("192.168.1.77"), frame, kGuid);
     };
-    table.ResolveOrHold(gateway, Numbered(1), kGuid);
+    Hold(1);
     table.LearnFromArpReply(gateway, gatewayMac);
     EXPECT_EQ(seen, gatewayMac);
-    EXPECT_NE(table.ToString().find("IP 192.168.1.77 MAC   unresolved packets count: 1"), std::string::npos);
+    EXPECT_NE(table.ToString().find(Line("192.168.1.77", "", 1)), std::string::npos);
 }
 
 TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
     LogCapture log(3);
-    table.ResolveOrHold(gateway, Numbered(1), kGuid);
-    table.ResolveOrHold(gateway, Numbered(2), kGuid);
+    Hold(1);
+    Hold(2);
     table.LearnFromArpReply(gateway, gatewayMac);
     now += 30000;
-    table.ResolveOrHold(gateway, Numbered(3), kGuid);
+    Hold(3);
     now += 200000;
     table.LearnFromArpReply(Ip("10.1.1.1"), gatewayMac);
     const std::string text = log.Text();
-    for (const char* entry : {";DEBUG;Added entry to Arp cache (192.168.1.1)\n"
-                              "IP 192.168.1.1 MAC   unresolved packets count: 1\n",
-                              ";DEBUG;Added unresolved packet to Arp cache (192.168.1.1)\n"
-                              "IP 192.168.1.1 MAC   unresolved packets count: 2\n",
-                              ";DEBUG;Updated MAC address for Arp entry (192.168.1.1)\n"
-                              "IP 192.168.1.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n",
-                              ";DEBUG;Removed entry from Arp cache (192.168.1.1)\n\n",
-                              ";DEBUG;Removed entry from Arp cache by Cleanup\n"
-                              "IP 10.1.1.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n"})
+    const std::string held1 = Line("192.168.1.1", "", 1), held2 = Line("192.168.1.1", "", 2);
+    for (const std::string& entry : {";DEBUG;Added entry to Arp cache (192.168.1.1)\n" + held1,
+                                     ";DEBUG;Added unresolved packet to Arp cache (192.168.1.1)\n" + held2,
+                                     ";DEBUG;Updated MAC address for Arp entry (192.168.1.1)\n" + kGatewayResolved,
+                                     std::string(";DEBUG;Removed entry from Arp cache (192.168.1.1)\n\n"),
+                                     ";DEBUG;Removed entry from Arp cache by Cleanup\n" +
+                                         Line("10.1.1.1", "02::aa::bb::cc::dd::ee", 0)})
         EXPECT_NE(text.find(entry), std::string::npos) << entry << "\n" << text;
 }
 
 TEST(ArpRequest, BroadcastRequestLayout) {
     const Frame request =
         NativeNetworkDriver::BuildArpRequest(Mac("02:11:22:33:44:55"), Ip("192.168.1.50"), Ip("192.168.1.1"));
-    const Frame expected = FrameBuilder::Arp()
-                               .EthDst(Mac("ff:ff:ff:ff:ff:ff"))
-                               .EthSrc(Mac("02:11:22:33:44:55"))
-                               .ArpOpcode(1)
-                               .ArpSender(Mac("02:11:22:33:44:55"), Ip("192.168.1.50"))
-                               .ArpTarget(MacAddress{}, Ip("192.168.1.1"))
-                               .PadTo(60)
-                               .Build();
-    EXPECT_EQ(request, expected);
-    EXPECT_FALSE(Nat::PacketUtils::IsArpReply(request));
+    EXPECT_EQ(request, FrameBuilder::Arp().EthSrc(Mac("02:11:22:33:44:55")).ArpOpcode(1)
+                           .ArpSender(Mac("02:11:22:33:44:55"), Ip("192.168.1.50"))
+                           .ArpTarget(MacAddress{}, Ip("192.168.1.1")).PadTo(60).Build());
 }

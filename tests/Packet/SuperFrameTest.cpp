@@ -13,7 +13,6 @@ namespace {
 
 constexpr size_t kMax = 1514;
 
-// A TCP frame with 12 bytes of options (NOPs).
 Frame Tcp(bool ipv6, const Bytes& payload, uint32_t seq = 1000, uint8_t flags = kAck, size_t options = 12) {
     FrameBuilder b = FrameBuilder::Tcp().Seq(seq).Flags(flags).TcpOptions(Bytes(options, 1)).Payload(payload);
     return (ipv6 ? b.Ipv6() : b).Build();
@@ -24,144 +23,96 @@ Frame Udp(bool ipv6, const Bytes& payload) {
     return (ipv6 ? b.Ipv6() : b).Build();
 }
 
-std::vector<Bytes> SplitAll(const FrameOffload& h, const Bytes& frame, bool& started) {
+bool Starts(const FrameOffload& h, const Bytes& frame, size_t length = SIZE_MAX) {
     SuperFrameSplitter splitter;
-    std::vector<Bytes> out;
-    started = splitter.Start(h, frame.data(), frame.size(), kMax);
-    if (!started) return out;
-    uint8_t buffer[kMax];
-    for (size_t n; (n = splitter.Next(buffer, sizeof(buffer))) > 0;) {
-        out.emplace_back(buffer, buffer + n);
-        if (out.size() > 100) break;
-    }
-    return out;
+    return splitter.Start(h, frame.data(), std::min(length, frame.size()), kMax);
 }
 
-// The frame as the stack hands it over when the hardware completes the checksum.
-Bytes LeaveChecksumToHardware(Bytes f, FrameOffload& h) {
-    const size_t field = TransportChecksumOffset(f);
-    const uint16_t pseudo = PseudoHeaderChecksum(f);
-    f[field] = static_cast<uint8_t>(pseudo >> 8);
-    f[field + 1] = static_cast<uint8_t>(pseudo);
-    h.flags = kOffloadNeedsChecksum;
-    h.csumStart = static_cast<uint16_t>(TransportOffset(f));
-    h.csumOffset = static_cast<uint16_t>(field - h.csumStart);
-    return f;
+// The frames the splitter makes of `frame`; fails the test when it refuses it.
+std::vector<Bytes> SplitAll(const FrameOffload& h, const Bytes& frame) {
+    SuperFrameSplitter splitter;
+    std::vector<Bytes> out;
+    EXPECT_TRUE(splitter.Start(h, frame.data(), frame.size(), kMax));
+    uint8_t buffer[kMax];
+    for (size_t n; out.size() <= 100 && (n = splitter.Next(buffer, sizeof(buffer))) > 0;)
+        out.emplace_back(buffer, buffer + n);
+    return out;
 }
 
 }  // namespace
 
-TEST(SuperFrame, ChecksumLeftToHardwareIsCompleted) {
+TEST(SuperFrame, ChecksumLeftToHardwareIsCompletedAndPlainFramesPassUnchanged) {
     for (bool ipv6 : {false, true}) {
-        for (size_t payload : {0u, 1u, 17u, 1000u}) {
-            const Bytes good = Udp(ipv6, Pattern(payload));
-            FrameOffload h;
-            const Bytes partial = LeaveChecksumToHardware(good, h);
+        for (const Bytes& good : {Udp(ipv6, Pattern(0)), Udp(ipv6, Pattern(17)), Udp(ipv6, Pattern(1000)),
+                                  Tcp(ipv6, Pattern(333))}) {
+            Bytes partial = good;
+            const FrameOffload h = LeaveChecksumToHardware(partial);
             ASSERT_NE(good, partial);
-            bool started = false;
-            const auto out = SplitAll(h, partial, started);
-            ASSERT_TRUE(started);
-            ASSERT_EQ(out.size(), 1u);
-            EXPECT_EQ(out[0], good) << "ipv6 " << ipv6 << " payload " << payload;
+            EXPECT_EQ(SplitAll(h, partial), std::vector<Bytes>{good}) << "ipv6 " << ipv6 << " size " << good.size();
+            EXPECT_EQ(SplitAll(FrameOffload{}, good), std::vector<Bytes>{good});
         }
-        const Bytes good = Tcp(ipv6, Pattern(333));
-        FrameOffload h;
-        bool started = false;
-        const auto out = SplitAll(h, LeaveChecksumToHardware(good, h), started);
-        ASSERT_EQ(out.size(), 1u);
-        EXPECT_EQ(out[0], good);
     }
-}
-
-TEST(SuperFrame, PlainFramePassesUnchangedAndOversizeOrBadOffsetsAreRefused) {
     const Bytes frame = Udp(false, Pattern(100));
-    bool started = false;
-    auto out = SplitAll(FrameOffload{}, frame, started);
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0], frame);
-
+    // Nothing comes out into a missing or short buffer; the frame is still there afterwards.
     SuperFrameSplitter splitter;
-    const Bytes big(kMax + 1, 0);
-    EXPECT_FALSE(splitter.Start(FrameOffload{}, big.data(), big.size(), kMax));
-    EXPECT_FALSE(splitter.Start(FrameOffload{}, frame.data(), 13, kMax));
-
+    ASSERT_TRUE(splitter.Start(FrameOffload{}, frame.data(), frame.size(), kMax));
+    uint8_t buffer[kMax];
+    EXPECT_EQ(splitter.Next(nullptr, kMax) + splitter.Next(buffer, kMax - 1), 0u);
+    EXPECT_EQ(splitter.Next(buffer, kMax), frame.size());
+    EXPECT_FALSE(Starts(FrameOffload{}, Bytes(kMax + 1, 0)));
+    EXPECT_FALSE(Starts(FrameOffload{}, frame, 13));
+    // Checksum fields that would start at or run past the end.
     FrameOffload h;
     h.flags = kOffloadNeedsChecksum;
-    h.csumStart = static_cast<uint16_t>(frame.size());
-    EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));
-    h.csumStart = static_cast<uint16_t>(frame.size() - 1);
-    h.csumOffset = 0;
-    EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));  // field would run past the end
-    h.csumStart = 34;
-    h.csumOffset = 0xFFFF;
-    EXPECT_FALSE(splitter.Start(h, frame.data(), frame.size(), kMax));
-}
-
-// Checks every segment of a split TCP super-frame against the original.
-void CheckTcpSegments(const Bytes& super, const std::vector<Bytes>& segments, size_t expectedCount,
-                      const Bytes& payload) {
-    ASSERT_EQ(segments.size(), expectedCount);
-    const bool ipv6 = Be16(super, 12) == kEtherIpv6;
-    const size_t l4 = TransportOffset(super);
-    const size_t header = l4 + (super[l4 + 12] >> 4) * 4;
-    const uint8_t superFlags = super[l4 + 13];
-    Bytes joined;
-    for (size_t i = 0; i < segments.size(); ++i) {
-        const Bytes& s = segments[i];
-        SCOPED_TRACE("segment " + std::to_string(i));
-        ASSERT_LE(s.size(), kMax);
-        ASSERT_GT(s.size(), header);
-        EXPECT_TRUE(std::equal(s.begin(), s.begin() + 14, super.begin()));  // Ethernet header kept
-        if (ipv6) {
-            EXPECT_EQ(Be16(s, 18), s.size() - 54);
-        } else {
-            EXPECT_EQ(Be16(s, 16), s.size() - 14);
-            EXPECT_EQ(Be16(s, 18), static_cast<uint16_t>(Be16(super, 18) + i));
-            EXPECT_TRUE(IpChecksumValid(s));
-        }
-        EXPECT_TRUE(TransportChecksumValid(s));
-        EXPECT_EQ(Be32(s, l4 + 4), static_cast<uint32_t>(Be32(super, l4 + 4) + joined.size()));
-        const uint8_t flags = s[l4 + 13];
-        const bool last = i + 1 == segments.size();
-        EXPECT_EQ((flags & (kFin | kPsh)) != 0, last && (superFlags & (kFin | kPsh)) != 0);
-        EXPECT_EQ((flags & kCwr) != 0, i == 0 && (superFlags & kCwr) != 0);  // CWR only at the start
-        EXPECT_EQ(flags & kAck, kAck);
-        joined.insert(joined.end(), s.begin() + static_cast<long>(header), s.end());
+    for (auto [start, offset] : {std::pair<size_t, uint16_t>{frame.size(), 0}, {frame.size() - 1, 0}, {34, 0xFFFF}}) {
+        h.csumStart = static_cast<uint16_t>(start);
+        h.csumOffset = offset;
+        EXPECT_FALSE(Starts(h, frame)) << start << " " << offset;
     }
-    EXPECT_EQ(joined, payload);
 }
 
+// A TCP super-frame is cut into wire-sized segments: each with its headers, lengths, IP ID,
+// sequence number and checksums right, FIN/PSH on the last only, CWR on the first only.
 TEST(SuperFrame, TcpSuperFrameIsCutIntoWireSizedSegments) {
-    for (bool ipv6 : {false, true}) {
-        SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
-        const Bytes payload = Pattern(10000);
-        Bytes super = Tcp(ipv6, payload, 0xFFFFF000, kAck | kPsh | kFin | kCwr);  // the sequence wraps
-        FrameOffload h;
-        super = LeaveChecksumToHardware(super, h);
-        h.gsoType = static_cast<uint8_t>((ipv6 ? kGsoTcpV6 : kGsoTcpV4) | kGsoEcn);
+    struct Case { bool ipv6; size_t payload, options; uint16_t gsoSize; uint8_t gsoType; size_t perSegment; };
+    const Case cases[] = {
+        {false, 10000, 12, kMax - 66, kGsoTcpV4 | kGsoEcn, kMax - 66},
+        {true, 10000, 12, kMax - 86, kGsoTcpV6 | kGsoEcn, kMax - 86},
+        {false, 20000, 0, 8948, kGsoTcpV4, kMax - 54},  // jumbo segments are capped at the wire size
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.payload + c.ipv6);
+        const Bytes payload = Pattern(c.payload);
+        const uint8_t superFlags = kAck | kPsh | kFin | kCwr;
+        Bytes super = Tcp(c.ipv6, payload, 0xFFFFF000, superFlags, c.options);  // the sequence wraps
+        FrameOffload h = LeaveChecksumToHardware(super);
+        h.gsoType = c.gsoType;
+        h.gsoSize = c.gsoSize;
         h.hdrLen = 200;  // the kernel's linear length, not a header length
-        const size_t header = (ipv6 ? 54 : 34) + 32;
-        h.gsoSize = static_cast<uint16_t>(kMax - (ipv6 ? 86 : 66));
-        bool started = false;
-        const auto segments = SplitAll(h, super, started);
-        ASSERT_TRUE(started);
-        CheckTcpSegments(super, segments, (payload.size() + h.gsoSize - 1) / h.gsoSize, payload);
-        EXPECT_EQ(segments.front().size(), kMax);
-        EXPECT_EQ(segments.back().size(), header + payload.size() % h.gsoSize);
+        const auto segments = SplitAll(h, super);
+        ASSERT_EQ(segments.size(), (payload.size() + c.perSegment - 1) / c.perSegment);
+        const size_t l4 = TransportOffset(super), header = l4 + 20 + c.options;
+        Bytes joined;
+        for (size_t i = 0; i < segments.size(); ++i) {
+            const Bytes& s = segments[i];
+            SCOPED_TRACE("segment " + std::to_string(i));
+            ASSERT_EQ(s.size(), std::min(kMax, header + payload.size() - joined.size()));
+            EXPECT_TRUE(std::equal(s.begin(), s.begin() + 14, super.begin()));
+            if (c.ipv6) {
+                EXPECT_EQ(Be16(s, 18), s.size() - 54);
+            } else {
+                EXPECT_EQ(Be16(s, 16), s.size() - 14);
+                EXPECT_EQ(Be16(s, 18), static_cast<uint16_t>(Be16(super, 18) + i));
+                EXPECT_TRUE(IpChecksumValid(s));
+            }
+            EXPECT_TRUE(TransportChecksumValid(s));
+            EXPECT_EQ(Be32(s, l4 + 4), static_cast<uint32_t>(0xFFFFF000 + joined.size()));
+            const bool last = i + 1 == segments.size();
+            EXPECT_EQ(s[l4 + 13], kAck | (last ? kFin | kPsh : 0) | (i == 0 ? kCwr : 0));
+            joined.insert(joined.end(), s.begin() + static_cast<long>(header), s.end());
+        }
+        EXPECT_EQ(joined, payload);
     }
-}
-
-TEST(SuperFrame, TcpSegmentsAreCappedWhenTheSenderUsesJumboSegments) {
-    const Bytes payload = Pattern(20000);
-    const Bytes super = Tcp(false, payload, 1000, kAck, 0);
-    FrameOffload h;
-    h.gsoType = kGsoTcpV4;
-    h.gsoSize = 8948;
-    bool started = false;
-    const auto segments = SplitAll(h, super, started);
-    ASSERT_TRUE(started);
-    const size_t perSegment = kMax - 54;
-    CheckTcpSegments(super, segments, (payload.size() + perSegment - 1) / perSegment, payload);
 }
 
 TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
@@ -172,9 +123,7 @@ TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
         FrameOffload h;
         h.gsoType = kGsoUdpL4;
         h.gsoSize = 1000;
-        bool started = false;
-        const auto segments = SplitAll(h, super, started);
-        ASSERT_TRUE(started);
+        const auto segments = SplitAll(h, super);
         ASSERT_EQ(segments.size(), 3u);
         const size_t l4 = ipv6 ? 54 : 34;
         Bytes joined;
@@ -188,39 +137,32 @@ TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
             joined.insert(joined.end(), s.begin() + static_cast<long>(l4 + 8), s.end());
         }
         EXPECT_EQ(joined, payload);
-
         // Datagram boundaries cannot move: a segment size that does not fit is refused.
         h.gsoSize = static_cast<uint16_t>(kMax - l4 - 8 + 1);
-        SuperFrameSplitter splitter;
-        EXPECT_FALSE(splitter.Start(h, super.data(), super.size(), kMax));
+        EXPECT_FALSE(Starts(h, super));
     }
 }
 
 TEST(SuperFrame, MalformedSuperFramesAreRefused) {
     const Bytes tcp = Tcp(false, Pattern(3000));
-    SuperFrameSplitter splitter;
-    FrameOffload h;
-    h.gsoSize = 1448;
-
-    h.gsoType = kGsoUdp;  // IP fragmentation offload
-    EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
-    h.gsoType = kGsoTcpV6;  // type does not match the IPv4 header
-    EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
-    h.gsoType = kGsoUdpL4;  // protocol is TCP
-    EXPECT_FALSE(splitter.Start(h, tcp.data(), tcp.size(), kMax));
-    h.gsoType = kGsoTcpV4;
-    EXPECT_FALSE(splitter.Start(h, tcp.data(), 40, kMax));  // TCP header cut off
-
-    Bytes bad = tcp;
-    bad[14 + 20 + 12] = 0x30;  // data offset 12 bytes
-    EXPECT_FALSE(splitter.Start(h, bad.data(), bad.size(), kMax));
-    bad = tcp;
-    bad[14] = 0x4F;  // IHL past the frame's TCP header
-    EXPECT_FALSE(splitter.Start(h, bad.data(), 70, kMax));
-    bad = tcp;
-    bad[12] = 0x08;
-    bad[13] = 0x06;  // ARP
-    EXPECT_FALSE(splitter.Start(h, bad.data(), bad.size(), kMax));
+    struct Case { const char* what; uint8_t gsoType; size_t at; uint8_t value; size_t length; };
+    const Case cases[] = {
+        {"IP fragmentation offload", kGsoUdp, 0, tcp[0], SIZE_MAX},
+        {"type does not match IPv4", kGsoTcpV6, 0, tcp[0], SIZE_MAX},
+        {"protocol is TCP", kGsoUdpL4, 0, tcp[0], SIZE_MAX},
+        {"TCP header cut off", kGsoTcpV4, 0, tcp[0], 40},
+        {"data offset 12 bytes", kGsoTcpV4, 14 + 20 + 12, 0x30, SIZE_MAX},
+        {"IHL past the TCP header", kGsoTcpV4, 14, 0x4F, 70},
+        {"ARP", kGsoTcpV4, 13, 0x06, SIZE_MAX},
+    };
+    for (const Case& c : cases) {
+        Bytes bad = tcp;
+        bad[c.at] = c.value;
+        FrameOffload h;
+        h.gsoSize = 1448;
+        h.gsoType = c.gsoType;
+        EXPECT_FALSE(Starts(h, bad, c.length)) << c.what;
+    }
 }
 
 TEST(SuperFrame, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
@@ -231,8 +173,8 @@ TEST(SuperFrame, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
     for (int round = 0; round < 3000; ++round) {
         Bytes frame = base;
         frame.resize(random() % (base.size() + 1));
-        const int flips = static_cast<int>(random() % 6);
-        for (int i = 0; i < flips && !frame.empty(); ++i) frame[random() % std::min<size_t>(frame.size(), 80)] = static_cast<uint8_t>(random());
+        for (int i = static_cast<int>(random() % 6); i > 0 && !frame.empty(); --i)
+            frame[random() % std::min<size_t>(frame.size(), 80)] = static_cast<uint8_t>(random());
         FrameOffload h;
         h.flags = static_cast<uint8_t>(random() % 2);
         h.gsoType = static_cast<uint8_t>(random() % 6);
@@ -242,10 +184,9 @@ TEST(SuperFrame, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
         SuperFrameSplitter splitter;
         if (!splitter.Start(h, frame.data(), frame.size(), kMax)) continue;
         size_t count = 0;
-        for (size_t n; (n = splitter.Next(out, sizeof(out))) > 0;) {
+        for (size_t n; (n = splitter.Next(out, sizeof(out))) > 0; ++produced) {
             ASSERT_LE(n, kMax);
             ASSERT_LE(++count, frame.size() + 1);
-            ++produced;
         }
     }
     EXPECT_GT(produced, 0u);

@@ -1,15 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <set>
 #include <stdexcept>
@@ -17,6 +14,7 @@
 #include "Logging/Logger.h"
 #include "PortPool/SocketPortPool.h"
 #include "support/LogCapture.h"
+#include "support/Thrown.h"
 
 using PortPool::SocketPortPool;
 using ndtest::LogCapture;
@@ -66,35 +64,41 @@ class SocketPortPoolTest : public ::testing::TestWithParam<PortPool::Kind> {};
 
 }  // namespace
 
-TEST_P(SocketPortPoolTest, ReservedPortsAreReallyBoundUntilFreed) {
+TEST_P(SocketPortPoolTest, ReservedAndCustomPortsAreReallyBoundUntilFreed) {
     const PortPool::Kind protocol = GetParam();
-    SocketPortPool pool(protocol, 5, {});
-    const std::vector<uint32_t> ports = PortsOf(pool);
-    ASSERT_EQ(ports.size(), 5u);
-    EXPECT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 5u);
-    for (uint32_t port : ports) {
-        EXPECT_NE(port, 0u);
-        EXPECT_TRUE(HeldElsewhere(protocol, static_cast<uint16_t>(port))) << port;
-    }
-    pool.FreePorts();
-    EXPECT_TRUE(PortsOf(pool).empty());
-    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, static_cast<uint16_t>(port))) << port;
-}
+    const std::string name = protocol == PortPool::Kind::Tcp ? "TCP" : "UDP";
+    SocketPortPool plain(protocol, 5, {});
+    const std::vector<uint32_t> ports = PortsOf(plain);
+    ASSERT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 5u);
+    for (uint32_t port : ports) EXPECT_TRUE(port != 0 && HeldElsewhere(protocol, uint16_t(port))) << port;
+    plain.FreePorts();
+    EXPECT_TRUE(PortsOf(plain).empty());
+    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
 
-TEST_P(SocketPortPoolTest, CustomPortsAreHeldButNotHandedOutAndDestructionReleasesAll) {
-    const PortPool::Kind protocol = GetParam();
-    const uint16_t a = FreePort(protocol), b = FreePort(protocol);
-    std::vector<uint32_t> ports;
+    // Custom ports are held but not handed out; every step is logged at level 3.
+    const uint16_t custom = FreePort(protocol);
+    LogCapture log(3);
+    std::vector<uint32_t> handedOut;
     {
-        SocketPortPool pool(protocol, 2, {a, b});
-        ports = PortsOf(pool);
-        EXPECT_EQ(ports.size(), 2u);
-        EXPECT_EQ(std::count(ports.begin(), ports.end(), a) + std::count(ports.begin(), ports.end(), b), 0);
-        EXPECT_TRUE(HeldElsewhere(protocol, a));
-        EXPECT_TRUE(HeldElsewhere(protocol, b));
+        SocketPortPool pool(protocol, 2, {custom});
+        handedOut = PortsOf(pool);
+        ASSERT_EQ(handedOut.size(), 2u);
+        EXPECT_EQ(std::count(handedOut.begin(), handedOut.end(), custom), 0);
+        EXPECT_TRUE(HeldElsewhere(protocol, custom));
+        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " custom port"), 1);
+        EXPECT_EQ(log.Count("DEBUG;Opened " + name + " custom port " + std::to_string(custom)), 1);
+        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " port"), 2);
+        for (uint32_t port : handedOut)
+            EXPECT_EQ(log.Count("DEBUG;Opened " + name + " port " + std::to_string(port)), 1);
     }
-    ports.insert(ports.end(), {a, b});
-    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, static_cast<uint16_t>(port))) << port;
+    EXPECT_EQ(log.Count("DEBUG;Freeing " + name + " ports"), 1);
+    handedOut.push_back(custom);
+    for (uint32_t port : handedOut) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
+
+    const size_t lines = log.Lines().size();
+    SocketPortPool none(protocol, 0, {});
+    EXPECT_TRUE(PortsOf(none).empty());
+    EXPECT_EQ(log.Lines().size(), lines);
 }
 
 TEST_P(SocketPortPoolTest, CustomPortInUseFailsThePoolAndLeavesNothingOpen) {
@@ -105,94 +109,40 @@ TEST_P(SocketPortPoolTest, CustomPortInUseFailsThePoolAndLeavesNothingOpen) {
     const uint16_t first = std::min(a, b), busy = std::max(a, b);
     const int holder = TryBind(protocol, busy);
     ASSERT_GE(holder, 0);
-    try {
-        SocketPortPool pool(protocol, 2, {first, busy});
-        FAIL() << "pool built over a port in use";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Error binding socket, port already bound");
-    }
+    EXPECT_EQ(ndtest::Thrown<std::runtime_error>([&] { SocketPortPool pool(protocol, 2, {first, busy}); }),
+              "Error binding socket, port already bound");
     EXPECT_FALSE(HeldElsewhere(protocol, first));
     close(holder);
-}
-
-TEST_P(SocketPortPoolTest, ZeroCountGivesNothing) {
-    LogCapture log(3);
-    SocketPortPool pool(GetParam(), 0, {});
-    EXPECT_TRUE(PortsOf(pool).empty());
-    EXPECT_EQ(log.Text().find("Opening"), std::string::npos);
-}
-
-TEST_P(SocketPortPoolTest, StepsAreLoggedAtLevelThree) {
-    const PortPool::Kind protocol = GetParam();
-    const std::string name = protocol == PortPool::Kind::Tcp ? "TCP" : "UDP";
-    const uint16_t custom = FreePort(protocol);
-    LogCapture log(3);
-    {
-        SocketPortPool pool(protocol, 2, {custom});
-        const std::vector<uint32_t> ports = PortsOf(pool);
-        ASSERT_EQ(ports.size(), 2u);
-        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " custom port"), 1);
-        EXPECT_EQ(log.Count("DEBUG;Opened " + name + " custom port " + std::to_string(custom)), 1);
-        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " port"), 2);
-        for (uint32_t port : ports)
-            EXPECT_EQ(log.Count("DEBUG;Opened " + name + " port " + std::to_string(port)), 1);
-    }
-    EXPECT_EQ(log.Count("DEBUG;Freeing " + name + " ports"), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPool::Kind::Tcp, PortPool::Kind::Udp),
                          [](const auto& info) { return info.param == PortPool::Kind::Tcp ? "Tcp" : "Udp"; });
 
 // More ports than descriptors: the pool ends short, logs one INFO line per missing port,
-// and returns. Run in a child with a small descriptor limit (and an alarm against hangs).
+// and returns.
 TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
     LogCapture log(2);
     Log("descriptor limit test", LogLevel::Info);  // opens the log file before the limit is lowered
-    int channel[2];
-    ASSERT_EQ(pipe(channel), 0);
+    // The sanitizers' vptr check needs a descriptor the first time it meets a type: let it
+    // meet the pool's error type while descriptors are still there.
+    EXPECT_EQ(ndtest::Thrown<std::runtime_error>([] { throw std::runtime_error("warm-up"); }), "warm-up");
+    long openCount = 0;
+    for ([[maybe_unused]] const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) ++openCount;
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = static_cast<rlim_t>(openCount + 10);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     const uint32_t wanted = 40;
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        alarm(30);
-        close(channel[0]);
-        long openCount = 0;
-        for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
-            ++openCount;
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = static_cast<rlim_t>(openCount + 10);
-        // The sanitizers' vptr check needs a descriptor the first time it meets a type:
-        // let it meet the pool's error type while descriptors are still there.
-        try {
-            throw std::runtime_error("warm-up");
-        } catch (const std::exception& e) {
-            if (std::strlen(e.what()) == 0) _exit(4);
-        }
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(2);
-        uint32_t got = 0;
-        {
-            SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
-            std::vector<uint32_t> ports;
-            pool.GetPorts(ports);
-            got = static_cast<uint32_t>(ports.size());
-        }
-        if (write(channel[1], &got, sizeof(got)) != sizeof(got)) _exit(3);
-        _exit(0);
+    std::vector<uint32_t> ports;
+    {
+        SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
+        pool.GetPorts(ports);
     }
-    close(channel[1]);
-    pollfd wait{channel[0], POLLIN, 0};
-    ASSERT_EQ(poll(&wait, 1, 60000), 1) << "pool did not finish";
-    uint32_t got = 0;
-    const ssize_t n = read(channel[0], &got, sizeof(got));
-    close(channel[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    ASSERT_EQ(n, static_cast<ssize_t>(sizeof(got)));
-    EXPECT_GT(got, 0u);
-    EXPECT_LT(got, wanted);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_GT(ports.size(), 0u);
+    EXPECT_LT(ports.size(), wanted);
     EXPECT_EQ(log.Count("INFO;Error creating socket at port 0, socket() failed: " + std::to_string(EMFILE)),
-              static_cast<int>(wanted - got))
+              static_cast<int>(wanted - ports.size()))
         << log.Text();
 }

@@ -134,15 +134,6 @@ uint16_t InternetChecksum(const uint8_t* data, size_t length, uint32_t initial) 
     return static_cast<uint16_t>(~Fold(Sum(data, length, initial)));
 }
 
-uint16_t ReferenceIpChecksum(const Frame& frame) {
-    if (frame.size() < 34) throw std::invalid_argument("not an IPv4 frame");
-    const size_t h = static_cast<size_t>(frame[14] & 0x0F) * 4;
-    if (14 + h > frame.size()) throw std::invalid_argument("IPv4 header beyond the frame");
-    Bytes header(frame.begin() + 14, frame.begin() + 14 + static_cast<long>(h));
-    if (header.size() >= 12) header[10] = header[11] = 0;
-    return InternetChecksum(header.data(), header.size());
-}
-
 uint16_t ReferenceTransportChecksum(const Frame& frame) {
     const Layout l = RequireLayout(frame);
     Bytes segment(frame.begin() + static_cast<long>(l.segmentStart),
@@ -155,6 +146,16 @@ uint16_t ReferenceTransportChecksum(const Frame& frame) {
 size_t TransportOffset(const Frame& frame) { return RequireLayout(frame).segmentStart; }
 size_t TransportChecksumOffset(const Frame& frame) { return RequireLayout(frame).checksumOffset; }
 uint16_t PseudoHeaderChecksum(const Frame& frame) { return Fold(RequireLayout(frame).pseudo); }
+
+Nat::FrameOffload LeaveChecksumToHardware(Frame& frame) {
+    const Layout l = RequireLayout(frame);
+    Put16(frame, l.checksumOffset, Fold(l.pseudo));
+    Nat::FrameOffload offload;
+    offload.flags = Nat::kOffloadNeedsChecksum;
+    offload.csumStart = static_cast<uint16_t>(l.segmentStart);
+    offload.csumOffset = static_cast<uint16_t>(l.checksumOffset - l.segmentStart);
+    return offload;
+}
 
 bool IpChecksumValid(const Frame& frame) {
     if (frame.size() < 34 || Be16(frame, 12) != kEtherIpv4) return false;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Packet/Frame.h"
+#include "Packet/SuperFrame.h"
 
 namespace ndtest {
 
@@ -19,7 +20,7 @@ using Nat::MacAddress;
 using Bytes = std::vector<uint8_t>;
 
 // TCP flag bits.
-inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kUrg = 0x20, kCwr = 0x80;
+inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kCwr = 0x80;
 inline constexpr uint16_t kEtherIpv4 = 0x0800, kEtherArp = 0x0806, kEtherIpv6 = 0x86DD;
 inline constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17;
 
@@ -39,8 +40,6 @@ uint32_t Be32(const Frame& frame, size_t offset);
 // RFC 1071: one's complement of the one's-complement sum of big-endian 16-bit words
 // (an odd last byte padded with zero), starting from `initial`.
 uint16_t InternetChecksum(const uint8_t* data, size_t length, uint32_t initial = 0);
-// The header checksum that belongs in an IPv4 frame (its checksum field counted as zero).
-uint16_t ReferenceIpChecksum(const Frame& frame);
 // The TCP or UDP checksum that belongs in an IPv4 or IPv6 frame: pseudo-header plus
 // segment, the checksum field counted as zero; the segment is what the IP header says.
 uint16_t ReferenceTransportChecksum(const Frame& frame);
@@ -50,6 +49,9 @@ size_t TransportChecksumOffset(const Frame& frame);
 // The folded pseudo-header sum, not complemented: what a stack leaves in the checksum
 // field of a frame whose checksum it leaves to the hardware.
 uint16_t PseudoHeaderChecksum(const Frame& frame);
+// Leaves the TCP or UDP checksum to the hardware, as a stack with checksum offload does: the
+// field gets the pseudo-header sum, and the offload state returned says where to complete it.
+Nat::FrameOffload LeaveChecksumToHardware(Frame& frame);
 // True when the stored checksums verify; false also for frames they cannot be read from.
 bool IpChecksumValid(const Frame& frame);
 bool TransportChecksumValid(const Frame& frame);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 
 #include "Platform/Events.h"
@@ -60,34 +61,18 @@ public:
     }
 
     bool SetAdapterMode(const NdisApi::ADAPTER_MODE* mode) override {
-        std::lock_guard lock(network_->mutex_);
-        if (network_->Failing(InMemoryNetwork::Call::SetAdapterMode)) return false;
-        auto* adapter = network_->ByHandleLocked(mode->hAdapterHandle);
-        if (adapter == nullptr) return false;
-        constexpr uint32_t kTunnel = NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL;
-        if ((adapter->mode & kTunnel) == 0 && (mode->dwFlags & kTunnel) != 0) ++adapter->tunnelEntries;
-        adapter->mode = mode->dwFlags;
-        return true;
+        return OnAdapter(mode->hAdapterHandle, InMemoryNetwork::Call::SetAdapterMode, [&](auto& adapter) {
+            constexpr uint32_t kTunnel = NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL;
+            if ((adapter.mode & kTunnel) == 0 && (mode->dwFlags & kTunnel) != 0) ++adapter.tunnelEntries;
+            adapter.mode = mode->dwFlags;
+        });
     }
-
     bool GetHwPacketFilter(NdisApi::Handle handle, uint32_t* filter) override {
-        std::lock_guard lock(network_->mutex_);
-        if (network_->Failing(InMemoryNetwork::Call::GetHwPacketFilter)) return false;
-        auto* adapter = network_->ByHandleLocked(handle);
-        if (adapter == nullptr) return false;
-        *filter = adapter->hwFilter;
-        return true;
+        return OnAdapter(handle, InMemoryNetwork::Call::GetHwPacketFilter, [&](auto& a) { *filter = a.hwFilter; });
     }
-
     bool SetHwPacketFilter(NdisApi::Handle handle, uint32_t filter) override {
-        std::lock_guard lock(network_->mutex_);
-        if (network_->Failing(InMemoryNetwork::Call::SetHwPacketFilter)) return false;
-        auto* adapter = network_->ByHandleLocked(handle);
-        if (adapter == nullptr) return false;
-        adapter->hwFilter = filter;
-        return true;
+        return OnAdapter(handle, InMemoryNetwork::Call::SetHwPacketFilter, [&](auto& a) { a.hwFilter = filter; });
     }
-
     bool SetPacketFilterTable(const NdisApi::STATIC_FILTER_TABLE* table) override {
         std::lock_guard lock(network_->mutex_);
         if (table == nullptr || table->m_TableSize == 0) return false;
@@ -99,32 +84,14 @@ public:
         }
         return true;
     }
-
     bool SetPacketEvent(NdisApi::Handle handle, NdisApi::Handle event) override {
-        std::lock_guard lock(network_->mutex_);
-        auto* adapter = network_->ByHandleLocked(handle);
-        if (adapter == nullptr) return false;
-        adapter->packetEvent = event;
-        if (event != 0 && !adapter->queue.empty()) (void)Platform::SetEvent(event);
-        return true;
+        return OnAdapter(handle, std::nullopt, [&](auto& adapter) {
+            adapter.packetEvent = event;
+            if (event != 0 && !adapter.queue.empty()) (void)Platform::SetEvent(event);
+        });
     }
-
-    bool ReadPacket(NdisApi::ETH_REQUEST* request) override {
-        std::lock_guard lock(network_->mutex_);
-        auto* adapter = network_->ByHandleLocked(request->hAdapterHandle);
-        if (adapter == nullptr || adapter->queue.empty() || request->EthPacket == nullptr) return false;
-        const InMemoryNetwork::Captured captured = std::move(adapter->queue.front());
-        adapter->queue.pop_front();
-        NdisApi::INTERMEDIATE_BUFFER* buffer = request->EthPacket;
-        const size_t n = std::min<size_t>(captured.frame.size(), NdisApi::kMaxEtherFrame);
-        buffer->m_hAdapter = adapter->handle;
-        buffer->m_dwDeviceFlags = captured.flags;
-        buffer->m_Length = static_cast<uint32_t>(n);
-        if (n != 0) std::memcpy(buffer->m_IBuffer, captured.frame.data(), n);
-        if (adapter->queue.empty()) network_->changed_.notify_all();
-        return true;
-    }
-
+    // Frames are read through ReadPackets, which keeps their offload state.
+    bool ReadPacket(NdisApi::ETH_REQUEST*) override { return false; }
     bool SendPacketToAdapter(const NdisApi::ETH_REQUEST* request) override { return Send(request, true); }
     bool SendPacketToMstcp(const NdisApi::ETH_REQUEST* request) override { return Send(request, false); }
 
@@ -152,26 +119,22 @@ public:
                    bool toStack) override {
         {
             std::lock_guard lock(network_->mutex_);
-            if (!network_->superFrames_) {
-                // A backend of wire frames: the base cuts super-frames up.
-            } else {
+            // With super-frames they are recorded whole; otherwise the base cuts them into wire frames.
+            if (network_->superFrames_) {
                 ndtest::HarnessScope harness;
                 auto* adapter = network_->ByHandleLocked(handle);
-                if (adapter == nullptr) return false;
-                Record(*adapter, Nat::Frame(frame, frame + length), offload, !toStack);
-                return true;
+                if (adapter != nullptr) Record(*adapter, Nat::Frame(frame, frame + length), offload, !toStack);
+                return adapter != nullptr;
             }
         }
         return IFilterDriverApi::SendFrame(handle, frame, length, offload, toStack);
     }
 
     bool FlushAdapterPacketQueue(NdisApi::Handle handle) override {
-        std::lock_guard lock(network_->mutex_);
-        auto* adapter = network_->ByHandleLocked(handle);
-        if (adapter == nullptr) return false;
-        adapter->queue.clear();
-        network_->changed_.notify_all();
-        return true;
+        return OnAdapter(handle, std::nullopt, [&](auto& adapter) {
+            adapter.queue.clear();
+            network_->changed_.notify_all();
+        });
     }
 
     NdisApi::Handle CreateAdapterEvent(NdisApi::Handle) override {
@@ -188,6 +151,15 @@ public:
     }
 
 private:
+    template <typename Fn>
+    bool OnAdapter(NdisApi::Handle handle, std::optional<InMemoryNetwork::Call> failing, Fn&& fn) {
+        std::lock_guard lock(network_->mutex_);
+        if (failing && network_->Failing(*failing)) return false;
+        auto* adapter = network_->ByHandleLocked(handle);
+        if (adapter != nullptr) fn(*adapter);
+        return adapter != nullptr;
+    }
+
     bool Send(const NdisApi::ETH_REQUEST* request, bool toWire) {
         std::lock_guard lock(network_->mutex_);
         auto* adapter = network_->ByHandleLocked(request->hAdapterHandle);
@@ -214,14 +186,6 @@ InMemoryNetwork::FactoryGuard::~FactoryGuard() {
 
 std::shared_ptr<InMemoryNetwork> InMemoryNetwork::Create() {
     return std::shared_ptr<InMemoryNetwork>(new InMemoryNetwork());
-}
-
-NdisApi::Handle InMemoryNetwork::AddAdapter(const std::string& guid, const Nat::MacAddress& mac,
-                                            NdisApi::Handle handle, uint32_t hwFilter) {
-    const NdisApi::Handle added = AddAdapterNamed(guid, "\\DEVICE\\" + guid, mac, handle);
-    std::lock_guard lock(mutex_);
-    adapters_.at(guid).hwFilter = hwFilter;
-    return added;
 }
 
 NdisApi::Handle InMemoryNetwork::AddAdapterNamed(const std::string& key, const std::string& internalName,

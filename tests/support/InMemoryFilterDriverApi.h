@@ -75,12 +75,14 @@ public:
 
     static std::shared_ptr<InMemoryNetwork> Create();
 
-    // An adapter named "\DEVICE\" + guid. Handle 0 picks the next free one.
-    NdisApi::Handle AddAdapter(const std::string& guid, const Nat::MacAddress& mac, NdisApi::Handle handle = 0,
-                               uint32_t hwFilter = 0x0B);
-    // An adapter with a given internal name; `key` is how the test refers to it.
+    // An adapter with a given internal name; `key` is how the test refers to it. Handle 0
+    // picks the next free one.
     NdisApi::Handle AddAdapterNamed(const std::string& key, const std::string& internalName,
                                     const Nat::MacAddress& mac, NdisApi::Handle handle = 0);
+    // An adapter named "\DEVICE\" + guid.
+    NdisApi::Handle AddAdapter(const std::string& guid, const Nat::MacAddress& mac, NdisApi::Handle handle = 0) {
+        return AddAdapterNamed(guid, "\\DEVICE\\" + guid, mac, handle);
+    }
 
     [[nodiscard]] FactoryGuard Install();
 

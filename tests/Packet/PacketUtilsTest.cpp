@@ -1,0 +1,355 @@
+#include "Packet/PacketUtils.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "PacketTestHelpers.h"
+#include "support/CodecCalls.h"
+
+using namespace ndtest;
+namespace pu = Nat::PacketUtils;
+
+namespace {
+
+// A copy whose storage ends at `size`, so that the sanitizer sees any read past it.
+Frame Cut(const Frame& frame, size_t size) { return Frame(frame.begin(), frame.begin() + static_cast<long>(size)); }
+
+uint16_t U16(const Bytes& v) { return static_cast<uint16_t>(v[0] << 8 | v[1]); }
+template <size_t N>
+std::array<uint8_t, N> Array(const Bytes& v) {
+    std::array<uint8_t, N> a;
+    std::copy_n(v.begin(), N, a.begin());
+    return a;
+}
+
+const std::string kIcmpRefusal = std::string("Unsupported IP protocol: ") + '\x01';
+
+// A TCP or UDP frame with correct checksums: random addresses, ports, numbers, IP and TCP
+// options and a payload of any length that fits 1514 bytes.
+Frame RandomFrame(std::mt19937& rng, bool tcp) {
+    auto byte = [&] { return static_cast<uint8_t>(rng()); };
+    FrameBuilder b = tcp ? FrameBuilder::Tcp() : FrameBuilder::Udp();
+    const size_t ipOptions = (rng() % 3 == 0) ? 4 * (rng() % 11) : 0;
+    const size_t tcpOptions = tcp ? 4 * (rng() % 11) : 0;
+    b.IpSrc({byte(), byte(), byte(), byte()}).IpDst({byte(), byte(), byte(), byte()}).SrcPort(uint16_t(rng()))
+        .DstPort(uint16_t(rng())).IpOptions(Bytes(ipOptions, 1)).Ttl(byte()).IpId(uint16_t(rng()));
+    if (tcp) b.Seq(rng()).AckNumber(rng()).Flags(byte()).TcpOptions(Bytes(tcpOptions, 1));
+    const size_t room = 1514 - 14 - 20 - ipOptions - (tcp ? 20 + tcpOptions : 8);
+    Bytes payload(rng() % 4 == 0 ? rng() % 8 : rng() % (room + 1));
+    for (auto& p : payload) p = byte();
+    // All-ones and all-zero payloads reach the edges of one's-complement arithmetic.
+    if (rng() % 10 == 0) std::fill(payload.begin(), payload.end(), 0xFF);
+    if (rng() % 10 == 0) std::fill(payload.begin(), payload.end(), 0x00);
+    return b.Payload(payload).Build();
+}
+
+// Below its threshold a function throws "Error <what>, unexpected packet size: <size>"
+// and writes nothing; at the threshold it answers.
+struct Threshold {
+    void (*action)(Frame&);
+    size_t threshold;
+    const char* what;
+};
+
+// TCP frame with IHL 20; the checksum-keeping writers read the checksum first.
+const Threshold kTcpThresholds[] = {
+    {[](Frame& f) { pu::GetDestinationMac(f); }, 6, "getting destination MAC address"},
+    {[](Frame& f) { pu::SetDestinationMac(f, MacAddress{}); }, 6, "setting destination MAC address"},
+    {[](Frame& f) { pu::GetSourceMac(f); }, 12, "getting source MAC address"},
+    {[](Frame& f) { pu::SetSourceMac(f, MacAddress{}); }, 12, "setting source MAC address"},
+    {[](Frame& f) { pu::GetFrameType(f); }, 13, "getting ethernet frame type"},
+    {[](Frame& f) { pu::GetIpHeaderSize(f); }, 14, "getting IP header size"},
+    {[](Frame& f) { pu::GetIpPacketTotalLength(f); }, 17, "getting IP packet total length"},
+    {[](Frame& f) { pu::SetIpPacketTotalLength(f, 5); }, 17, "setting IP packet total length"},
+    {[](Frame& f) { pu::GetIpProtocol(f); }, 23, "getting IP protocol"},
+    {[](Frame& f) { pu::GetSourceIp(f); }, 30, "getting source IP address"},
+    {[](Frame& f) { pu::SetSourceIpAddress(f, Bytes(4, 1)); }, 30, "setting source IP address"},
+    {[](Frame& f) { pu::GetDestinationIp(f); }, 34, "getting destination IP address"},
+    {[](Frame& f) { pu::SetDestinationIpAddress(f, Bytes(4, 1)); }, 34, "setting destination IP address"},
+    {[](Frame& f) { pu::GetSourcePort(f); }, 35, "getting source port"},
+    {[](Frame& f) { pu::GetDestinationPort(f); }, 37, "getting destination port"},
+    {[](Frame& f) { pu::GetTcpSequenceNumber(f); }, 41, "getting TCP sequence number"},
+    {[](Frame& f) { pu::GetAcknowledgmentNumber(f); }, 45, "getting acknowledgment number"},
+    {[](Frame& f) { pu::GetTransportHeaderLength(f); }, 46, "getting TCP header length"},
+    {[](Frame& f) { pu::IsTcpRstFlagSet(f); }, 47, "setting tcp RST flag"},
+    {[](Frame& f) { pu::IsTcpAckFlagSet(f); }, 47, "setting tcp RST flag"},
+    {[](Frame& f) { pu::IsTcpFinFlagSet(f); }, 47, "setting tcp RST flag"},
+    {[](Frame& f) { pu::GetTransportHeaderChecksum(f); }, 50, "getting transport header checksum"},
+    {[](Frame& f) { pu::UpdateTransportHeaderChecksum(f, 1, 2, 3); }, 50, "getting transport header checksum"},
+    {[](Frame& f) { pu::SetSourcePort(f, 9); }, 50, "getting transport header checksum"},
+    {[](Frame& f) { pu::SetAcknowledgmentNumber(f, 9); }, 50, "getting transport header checksum"},
+    {[](Frame& f) { pu::UpdateDestinationIp(f, Ipv4Address{}); }, 50, "getting transport header checksum"},
+    {[](Frame& f) { pu::FixIpHeaderChecksum(f); }, 34, "fixing IP header checksum"},
+};
+
+const Threshold kArpThresholds[] = {
+    {[](Frame& f) { pu::GetArpProtocolType(f); }, 17, "getting ARP protocol type"},
+    {[](Frame& f) { pu::GetArpOpcode(f); }, 21, "getting ARP opcode"},
+    {[](Frame& f) { pu::IsArpReply(f); }, 21, "getting ARP opcode"},
+    {[](Frame& f) { pu::GetArpSenderMacAddress(f); }, 28, "getting ARP sender MAC address"},
+    {[](Frame& f) { pu::GetArpSenderIpAddress(f); }, 34, "getting ARP sender IP address"},
+};
+
+template <size_t N>
+void CheckThresholds(const Frame& base, const Threshold (&table)[N]) {
+    for (const Threshold& t : table) {
+        SCOPED_TRACE(t.what + (" at " + std::to_string(t.threshold)));
+        Frame below = Cut(base, t.threshold - 1);
+        EXPECT_EQ(Thrown([&] { t.action(below); }),
+                  "Error " + std::string(t.what) + ", unexpected packet size: " + std::to_string(t.threshold - 1));
+        EXPECT_EQ(below, Cut(base, t.threshold - 1)) << "wrote before throwing";
+        Frame at = Cut(base, t.threshold);
+        EXPECT_NO_THROW(t.action(at));
+    }
+}
+
+}  // namespace
+
+TEST(PacketBounds, ThresholdsSitExactlyWhereTheyShould) {
+    CheckThresholds(FrameBuilder::Tcp().Payload(Bytes(100, 0xAB)).Build(), kTcpThresholds);
+    CheckThresholds(FrameBuilder::Arp().ArpOpcode(2).PadTo(60).Build(), kArpThresholds);
+    const Frame udp = FrameBuilder::Udp().Payload("abcdef").Build();
+    for (size_t size : {33, 39})
+        EXPECT_EQ(Thrown([&] { pu::GetTransportHeaderChecksum(Cut(udp, size)); }),
+                  "Error getting transport header checksum, unexpected packet size: " + std::to_string(size));
+    EXPECT_NO_THROW(pu::GetTransportHeaderChecksum(Cut(udp, 40)));
+    EXPECT_EQ(Thrown([] { pu::GetSourcePort(Frame(13)); }), "Error getting IP header size, unexpected packet size: 13");
+    EXPECT_EQ(Thrown([] { pu::IsTcpAckFlagSet(Frame(13, 0x08)); }),  // byte 13 missing reads as 0: IPv4
+              "Error getting IP protocol, unexpected packet size: 13");
+    // Lengths agree, but the TCP checksum (offset 50) lies beyond the 48-byte frame.
+    Frame shortTcp = Cut(FrameBuilder::Tcp().Build(), 48);
+    pu::SetIpPacketTotalLength(shortTcp, 34);
+    EXPECT_EQ(Thrown([&] { pu::FixTransportHeaderChecksum(shortTcp); }),
+              "Error fixing transport header checksum, unexpected packet size: 48");
+    Frame tooShort(33, 0x45);
+    EXPECT_EQ(Thrown([&] { pu::FixTransportHeaderChecksum(tooShort); }),
+              "Error fixing transport header checksum, unexpected packet size: 33");
+    // The value's size is checked before the frame's.
+    Frame tiny(3);
+    EXPECT_EQ(Thrown([&] { pu::SetSourceIpAddress(tiny, Bytes(16)); }),
+              "SetSourceIpAddress: unexpected IP address value, size: 16");
+    EXPECT_EQ(Thrown([&] { pu::SetDestinationIpAddress(tiny, Bytes{}); }),
+              "SetDestinationIpAddress: unexpected IP address value, size: 0");
+    EXPECT_EQ(tiny, Frame(3));
+}
+
+TEST(PacketBounds, EveryFunctionOnEveryLengthAnswersOrThrowsNatException) {
+    std::mt19937 rng(2024);
+    const Frame sources[] = {
+        FrameBuilder::Tcp().IpOptions(Bytes(12, 1)).TcpOptions(Bytes(12, 1)).Payload(Bytes(1422, 0x5A)).Build(),
+        FrameBuilder::Udp().Payload(Bytes(1472, 0xA5)).Build(),
+        FrameBuilder::Arp().ArpOpcode(2).PadTo(1514).Build(),
+    };
+    const auto sizeKept = [](bool kept) { ASSERT_TRUE(kept); };
+    for (size_t length = 0; length <= 1514; ++length) {
+        for (const Frame& source : sources) CallEveryCodecFunction(Cut(source, length), rng(), sizeKept);
+        // Random bytes that look like IPv4 with any IHL, a likely protocol and often a matching length.
+        Frame random(length);
+        for (auto& b : random) b = static_cast<uint8_t>(rng());
+        if (length > 23) {
+            random[12] = 0x08;
+            random[13] = 0x00;
+            random[23] = std::array<uint8_t, 3>{6, 17, uint8_t(rng())}[rng() % 3];
+        }
+        if (length >= 18 && rng() % 2 == 0) {
+            random[16] = static_cast<uint8_t>((length - 14) >> 8);
+            random[17] = static_cast<uint8_t>(length - 14);
+        }
+        CallEveryCodecFunction(random, rng(), sizeKept);
+    }
+}
+
+// Every writer and both fixers on random frames, against checksums computed from scratch:
+// a writer puts its value in its field, changes nothing else but the transport checksum
+// (the plain setters not even that), and never touches the IPv4 header checksum.
+TEST(PacketChecksum, WritersAndFixersAgreeWithAFromScratchComputation) {
+    struct Writer {
+        const char* name;
+        bool tcpOnly, keepsChecksum, inTransport;
+        size_t at, width;
+        void (*write)(Frame&, const Bytes&);
+    };
+    using V = const Bytes&;  // the value, big-endian
+    static const Writer writers[] = {
+        {"SetSourcePort", false, true, true, 0, 2, [](Frame& f, V v) { pu::SetSourcePort(f, U16(v)); }},
+        {"SetDestinationPort", false, true, true, 2, 2, [](Frame& f, V v) { pu::SetDestinationPort(f, U16(v)); }},
+        {"SetTcpSequenceNumber", true, true, true, 4, 4, 
+         [](Frame& f, V v) { pu::SetTcpSequenceNumber(f, Be32(v, 0)); }},
+        {"SetAcknowledgmentNumber", true, true, true, 8, 4,
+         [](Frame& f, V v) { pu::SetAcknowledgmentNumber(f, Be32(v, 0)); }},
+        {"UpdateSourceIp", false, true, false, 26, 4, [](Frame& f, V v) { pu::UpdateSourceIp(f, Array<4>(v)); }},
+        {"UpdateDestinationIp", false, true, false, 30, 4,
+         [](Frame& f, V v) { pu::UpdateDestinationIp(f, Array<4>(v)); }},
+        {"SetSourceIpAddress", false, false, false, 26, 4, [](Frame& f, V v) { pu::SetSourceIpAddress(f, v); }},
+        {"SetDestinationIpAddress", false, false, false, 30, 4,
+         [](Frame& f, V v) { pu::SetDestinationIpAddress(f, v); }},
+        {"SetIpPacketTotalLength", false, false, false, 16, 2,
+         [](Frame& f, V v) { pu::SetIpPacketTotalLength(f, U16(v)); }},
+        {"SetDestinationMac", false, false, false, 0, 6, [](Frame& f, V v) { pu::SetDestinationMac(f, Array<6>(v)); }},
+        {"SetSourceMac", false, false, false, 6, 6, [](Frame& f, V v) { pu::SetSourceMac(f, Array<6>(v)); }},
+    };
+    std::mt19937 rng(1071);
+    for (int i = 0; i < 6000; ++i) {
+        const Writer& w = writers[i % std::size(writers)];
+        const Frame before = RandomFrame(rng, w.tcpOnly || i % 2 == 0);
+        const size_t k = TransportChecksumOffset(before);
+        // Both fixers ignore what the checksum fields held.
+        Frame fixed = before;
+        for (size_t at : {size_t{24}, size_t{25}, k, k + 1}) fixed[at] = static_cast<uint8_t>(rng());
+        pu::FixIpHeaderChecksum(fixed);
+        pu::FixTransportHeaderChecksum(fixed);
+        ASSERT_EQ(Be16(fixed, 24), Be16(before, 24)) << i;
+        ASSERT_EQ(Be16(fixed, k), ReferenceTransportChecksum(before)) << i;
+
+        Bytes value(w.width);
+        for (auto& b : value) b = static_cast<uint8_t>(rng());
+        Frame after = before;
+        w.write(after, value);
+        const size_t at = (w.inTransport ? TransportOffset(after) : 0) + w.at;
+        ASSERT_TRUE(std::equal(value.begin(), value.end(), after.begin() + static_cast<long>(at))) << w.name;
+        if (w.keepsChecksum) {
+            ASSERT_EQ(Be16(after, k), ReferenceTransportChecksum(after)) << w.name << " " << i;
+        }
+        Frame masked = after;
+        std::copy_n(before.begin() + static_cast<long>(at), w.width, masked.begin() + static_cast<long>(at));
+        if (w.keepsChecksum) std::copy_n(before.begin() + static_cast<long>(k), 2, masked.begin() + long(k));
+        ASSERT_EQ(masked, before) << w.name;
+    }
+}
+
+TEST(PacketChecksum, EdgeValues) {
+    // The full UDP recompute stores an all-ones sum as 0.
+    for (uint32_t port = 0;; ++port) {
+        ASSERT_LT(port, 0x10000u) << "no frame with an all-ones sum found";
+        Frame f = FrameBuilder::Udp().SrcPort(static_cast<uint16_t>(port)).DstPort(1).Payload("abc").Build();
+        if (ReferenceTransportChecksum(f) != 0) continue;
+        f[40] = 0x77;
+        pu::FixTransportHeaderChecksum(f);
+        EXPECT_EQ(Be16(f, 40), 0);
+        break;
+    }
+    // The IPv4 header checksum has no substitution: an IHL of 0 sums nothing.
+    Frame zeroIhl = FrameBuilder::Udp().Build();
+    zeroIhl[14] = 0x40;
+    pu::FixIpHeaderChecksum(zeroIhl);
+    EXPECT_EQ(Be16(zeroIhl, 24), 0xFFFF);
+    Frame zeros(34, 0);
+    zeros[14] = 0x05;
+    pu::FixIpHeaderChecksum(zeros);
+    EXPECT_EQ(Be16(zeros, 24), 0xFFFF - 0x0500);
+
+    // Incremental update from the given old checksum (not the frame's); a zero result is stored as 0.
+    struct Case { uint16_t hc, m, m2, expected; } cases[] = {
+        {0x0000, 0x1234, 0x1234, 0}, {0x0000, 0x1234, 0x1235, 0xFFFE}, {0xABCD, 0, 0, 0xABCD}, {0xFFFF, 0xFFFF, 0, 0}};
+    for (const Case& c : cases) {
+        Frame udp = FrameBuilder::Udp().Build();
+        pu::UpdateTransportHeaderChecksum(udp, c.hc, c.m, c.m2);
+        EXPECT_EQ(Be16(udp, 40), c.expected) << c.hc << " " << c.m << " " << c.m2;
+    }
+    Frame tcp = FrameBuilder::Tcp().IpOptions(Bytes(8, 1)).Build();
+    pu::UpdateTransportHeaderChecksum(tcp, 0x1111, 0x0001, 0x0003);
+    EXPECT_EQ(Be16(tcp, 14 + 28 + 16), static_cast<uint16_t>(~(0xEEEE + 0xFFFE + 3 - 0xFFFF)));
+    // A datagram sent without checksum gets one after a rewrite.
+    Frame none = FrameBuilder::Udp().NoUdpChecksum().SrcPort(1000).Build();
+    pu::SetSourcePort(none, 1001);
+    EXPECT_NE(Be16(none, 40), 0);
+
+    const Frame icmp = FrameBuilder::Ipv4(kProtoIcmp).Payload(Bytes(40, 0)).Build();
+    for (void (*refused)(Frame&) : {+[](Frame& f) { pu::UpdateTransportHeaderChecksum(f, 0, 0, 1); },
+                                    +[](Frame& f) { pu::SetSourcePort(f, 99); },
+                                    +[](Frame& f) { pu::UpdateSourceIp(f, Ip("1.1.1.1")); },
+                                    +[](Frame& f) { pu::FixTransportHeaderChecksum(f); }}) {
+        Frame f = icmp;
+        EXPECT_EQ(Thrown([&] { refused(f); }), kIcmpRefusal);
+        EXPECT_EQ(f, icmp);
+    }
+}
+
+TEST(PacketFields, KernelFramesReadAndReproduceExactly) {
+    const Frame syn = KernelTcpSynFrame(), udp = KernelUdpFrame();
+    EXPECT_EQ(pu::GetDestinationMac(syn), Mac("66:c7:37:25:95:15"));
+    EXPECT_EQ(pu::GetSourceMac(syn), Mac("5e:a6:0e:0c:d5:59"));
+    EXPECT_EQ(pu::GetSourceIp(syn), Ip("10.77.0.1"));
+    EXPECT_EQ(pu::GetDestinationIp(syn), Ip("10.77.0.2"));
+    const std::vector<uint64_t> synFields = {pu::GetFrameType(syn), pu::GetIpHeaderSize(syn),
+        pu::GetIpPacketTotalLength(syn), pu::GetIpProtocol(syn), pu::GetSourcePort(syn), pu::GetDestinationPort(syn),
+        pu::GetTcpSequenceNumber(syn), pu::GetAcknowledgmentNumber(syn), pu::GetTransportHeaderChecksum(syn),
+        pu::GetTransportHeaderLength(syn), pu::IsTcpAckFlagSet(syn), pu::IsTcpFinFlagSet(syn),
+        pu::IsTcpRstFlagSet(syn)};
+    EXPECT_EQ(synFields, (std::vector<uint64_t>{0x0800, 20, 60, 6, 46084, 4000, 399341863, 0, 0x5261, 40, 0, 0, 0}));
+    const std::vector<uint64_t> udpFields = {pu::GetIpProtocol(udp), pu::GetSourcePort(udp),
+        pu::GetDestinationPort(udp), pu::GetTransportHeaderChecksum(udp), pu::GetTransportHeaderLength(udp),
+        pu::IsTcpAckFlagSet(udp)};
+    EXPECT_EQ(udpFields, (std::vector<uint64_t>{17, 60868, 5353, 0xdc5b, 8, 0}));
+    for (const Frame& original : {syn, udp}) {
+        Frame f = original;
+        const size_t k = TransportChecksumOffset(f);
+        f[24] ^= 0x5A;
+        f[k] ^= 0x12;
+        pu::FixIpHeaderChecksum(f);
+        pu::FixTransportHeaderChecksum(f);
+        EXPECT_EQ(f, original);
+    }
+}
+
+TEST(PacketFields, TcpFlagsAreReadOnlyFromTcpOverIpv4) {
+    struct Case { uint8_t flags; bool rst, fin, ack; } cases[] = {
+        {kRst, true, false, false}, {kFin | kAck, false, true, true}, {kSyn | kAck, false, false, true},
+        {0xFF, true, true, true}, {0, false, false, false}};
+    for (const Case& c : cases) {
+        const Frame f = FrameBuilder::Tcp().Flags(c.flags).Build();
+        EXPECT_EQ((std::array{pu::IsTcpRstFlagSet(f), pu::IsTcpFinFlagSet(f), pu::IsTcpAckFlagSet(f)}),
+                  (std::array{c.rst, c.fin, c.ack})) << int(c.flags);
+    }
+    // The TCP flags offset holds 0xFF in this UDP payload and in the ARP frame's bytes.
+    EXPECT_FALSE(pu::IsTcpRstFlagSet(FrameBuilder::Udp().Payload(Bytes(40, 0xFF)).Build()));
+    Frame arp = FrameBuilder::Arp().Payload(Bytes(40, 0xFF)).Build();
+    arp[23] = 6;
+    EXPECT_FALSE(pu::IsTcpFinFlagSet(arp));
+    // Too short to hold an EtherType: false without a length complaint.
+    EXPECT_FALSE(pu::IsTcpAckFlagSet(Frame{}));
+    EXPECT_FALSE(pu::IsTcpAckFlagSet(Frame(12, 0x08)));
+
+    EXPECT_EQ(Thrown([] { pu::GetTransportHeaderLength(FrameBuilder::Arp().Build()); }),
+              "Error getting transport header length, unexpected protocol.");
+    EXPECT_EQ(Thrown([] { pu::GetTransportHeaderLength(FrameBuilder::Ipv4(kProtoIcmp).Payload("ping").Build()); }),
+              std::string("Error getting transport header length, unexpected protocol: ") + '\x01');
+    EXPECT_EQ(Thrown([] { pu::GetTransportHeaderLength(FrameBuilder::Ipv4(0x41).Payload("ping").Build()); }),
+              "Error getting transport header length, unexpected protocol: A");
+}
+
+TEST(PacketFields, ArpFieldsAndReplyRecognition) {
+    const Frame reply = FrameBuilder::Arp().ArpOpcode(2).ArpSender(Mac("02:aa:bb:cc:dd:ee"), Ip("192.168.1.1"))
+                            .PadTo(60).Build();
+    EXPECT_EQ(pu::GetFrameType(reply), 0x0806);
+    EXPECT_EQ(pu::GetArpProtocolType(reply), 0x0800);
+    EXPECT_EQ(pu::GetArpOpcode(reply), 2);
+    EXPECT_EQ(pu::GetArpSenderMacAddress(reply), ToBytes(Mac("02:aa:bb:cc:dd:ee")));
+    EXPECT_EQ(pu::GetArpSenderIpAddress(reply), ToBytes(Ip("192.168.1.1")));
+    EXPECT_TRUE(pu::IsArpReply(reply));
+    EXPECT_FALSE(pu::IsArpReply(FrameBuilder::Arp().ArpOpcode(1).Build()));
+    EXPECT_FALSE(pu::IsArpReply(FrameBuilder::Arp().ArpOpcode(2).ArpProtocolType(0x86DD).Build()));
+    EXPECT_FALSE(pu::IsArpReply(FrameBuilder::Arp().ArpOpcode(2).EtherType(0x0800).Build()));
+}
+
+TEST(PacketText, IpAndHexStrings) {
+    EXPECT_EQ(pu::FromVectorToIpString({255, 10, 100, 7}), "255.10.100.7");
+    EXPECT_EQ(pu::FromVectorToIpString({0, 0, 0, 0}), "0.0.0.0");
+    for (size_t size : {0, 6})
+        EXPECT_EQ(Thrown([&] { pu::FromVectorToIpString(Bytes(size)); }),
+                  "FromVectorToIpString: unexpected IP address value, size: " + std::to_string(size));
+    for (const char* valid : {"192.168.0.1", "00.0.0.0", "255.255.255.255", "0.0.0.1", "0000000000000001.2.3.4"})
+        EXPECT_TRUE(pu::IsValidIpAddress(valid)) << valid;
+    for (const char* invalid : {"0.0.0.0", "", "1.2.3", "1.2.3.4.", ".1.2.3", "1..3.4", "1.2.3.256", "256.1.1.1",
+                                "1.2.a.4", "1.2.3.4 ", " 1.2.3.4", "1.2.3.-4", "+1.2.3.4",
+                                "99999999999999999999.1.1.1"}) {
+        EXPECT_FALSE(pu::IsValidIpAddress(invalid)) << invalid;
+        EXPECT_EQ(Thrown([&] { pu::FromIPStringToByteArray(invalid); }),
+                  std::string("FromIPStringToByteArray: invalid IP address: ") + invalid);
+    }
+    EXPECT_EQ(pu::FromIPStringToByteArray("010.001.255.00"), (Bytes{10, 1, 255, 0}));
+    EXPECT_EQ(pu::FromVectorToHexString({0x00, 0x1A, 0xFF}, "::"), "00::1a::ff");
+    EXPECT_EQ(pu::FromVectorToHexString({0x0F}, "::"), "0f");
+    EXPECT_EQ(pu::FromVectorToHexString({}, "-"), "");
+}
