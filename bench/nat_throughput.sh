@@ -53,14 +53,7 @@ in_ns nd nft delete table ip ndbench
 in_ns nd sysctl -qw net.ipv4.ip_forward=0
 
 # The daemon's NAT.
-cat > "$WORK/nat.json" <<JSON
-{"steps": [
-  {"send": "StartNAT", "mappings": [{"external": "nd-ext", "internal": "nd-int"}],
-   "tcpPortPoolSize": 20, "udpPortPoolSize": 20, "timeout": 60, "expect": {"result": 1}}
-]}
-JSON
-start_daemon "$WORK/nat.json"
-wait_for 10 log_has "NAT: drivers successfully registered" || { cat "$WORK/peer.log"; exit 1; }
+start_session NAT "$MAP, $(pools 20 20 60)"
 wait_for 10 in_ns in bash -c "echo > /dev/tcp/$SERVER/5201" || { echo "FAIL: the daemon's NAT does not pass traffic"; exit 1; }
 measure nd
 
