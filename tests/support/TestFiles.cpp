@@ -26,19 +26,10 @@ std::string ReadFile(const std::string& path) {
     return s.str();
 }
 
-std::vector<std::string> ReadLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 std::vector<std::string> LogEntries(const std::string& path) {
     std::vector<std::string> entries;
-    for (const auto& line : ReadLines(path)) {
-        const auto semicolon = line.find(';');
-        entries.push_back(semicolon == std::string::npos ? line : line.substr(semicolon + 1));
-    }
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) entries.push_back(line.substr(line.find(';') + 1));
     return entries;
 }
 
