@@ -37,17 +37,6 @@ int TryBind(PortPool::Kind protocol, uint16_t port) {
     return fd;
 }
 
-// A port that is free right now (bound and released again).
-uint16_t FreePort(PortPool::Kind protocol) {
-    const int fd = TryBind(protocol, 0);
-    if (fd < 0) throw std::runtime_error("no free port");
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
-
 bool HeldElsewhere(PortPool::Kind protocol, uint16_t port) {
     const int fd = TryBind(protocol, port);
     if (fd >= 0) close(fd);
@@ -60,53 +49,50 @@ std::vector<uint32_t> PortsOf(SocketPortPool& pool) {
     return ports;
 }
 
+// Ports that are free right now: taken by a pool, which lets them go again.
+std::vector<uint16_t> UnusedPorts(PortPool::Kind protocol, uint32_t count) {
+    SocketPortPool pool(protocol, count, {});
+    const std::vector<uint32_t> ports = PortsOf(pool);
+    return std::vector<uint16_t>(ports.begin(), ports.end());
+}
+
 class SocketPortPoolTest : public ::testing::TestWithParam<PortPool::Kind> {};
 
 }  // namespace
 
+// Custom ports are held but not handed out; every step is logged at level 3.
 TEST_P(SocketPortPoolTest, ReservedAndCustomPortsAreReallyBoundUntilFreed) {
     const PortPool::Kind protocol = GetParam();
     const std::string name = protocol == PortPool::Kind::Tcp ? "TCP" : "UDP";
-    SocketPortPool plain(protocol, 5, {});
-    const std::vector<uint32_t> ports = PortsOf(plain);
-    ASSERT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 5u);
-    for (uint32_t port : ports) EXPECT_TRUE(port != 0 && HeldElsewhere(protocol, uint16_t(port))) << port;
-    plain.FreePorts();
-    EXPECT_TRUE(PortsOf(plain).empty());
-    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
-
-    // Custom ports are held but not handed out; every step is logged at level 3.
-    const uint16_t custom = FreePort(protocol);
+    const uint16_t custom = UnusedPorts(protocol, 1)[0];
     LogCapture log(3);
-    std::vector<uint32_t> handedOut;
+    std::vector<uint32_t> ports;
     {
-        SocketPortPool pool(protocol, 2, {custom});
-        handedOut = PortsOf(pool);
-        ASSERT_EQ(handedOut.size(), 2u);
-        EXPECT_EQ(std::count(handedOut.begin(), handedOut.end(), custom), 0);
-        EXPECT_TRUE(HeldElsewhere(protocol, custom));
-        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " custom port"), 1);
-        EXPECT_EQ(log.Count("DEBUG;Opened " + name + " custom port " + std::to_string(custom)), 1);
-        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " port"), 2);
-        for (uint32_t port : handedOut)
-            EXPECT_EQ(log.Count("DEBUG;Opened " + name + " port " + std::to_string(port)), 1);
+        SocketPortPool pool(protocol, 3, {custom});
+        ports = PortsOf(pool);
+        ASSERT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 3u);
+        EXPECT_EQ(std::count(ports.begin(), ports.end(), custom), 0);
+        ports.push_back(custom);
+        for (uint32_t port : ports) EXPECT_TRUE(port != 0 && HeldElsewhere(protocol, uint16_t(port))) << port;
+        pool.FreePorts();
+        EXPECT_TRUE(PortsOf(pool).empty());
+        for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
     }
-    EXPECT_EQ(log.Count("DEBUG;Freeing " + name + " ports"), 1);
-    handedOut.push_back(custom);
-    for (uint32_t port : handedOut) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
-
-    const size_t lines = log.Lines().size();
-    SocketPortPool none(protocol, 0, {});
-    EXPECT_TRUE(PortsOf(none).empty());
-    EXPECT_EQ(log.Lines().size(), lines);
+    std::vector<std::string> expected = {"DEBUG;Opening " + name + " custom port",
+                                         "DEBUG;Opened " + name + " custom port " + std::to_string(custom)};
+    for (size_t i = 0; i < 3; ++i) {
+        expected.push_back("DEBUG;Opening " + name + " port");
+        expected.push_back("DEBUG;Opened " + name + " port " + std::to_string(ports[i]));
+    }
+    expected.insert(expected.end(), 2, "DEBUG;Freeing " + name + " ports");  // by the call and the destructor
+    EXPECT_EQ(log.Lines(), expected);
 }
 
 TEST_P(SocketPortPoolTest, CustomPortInUseFailsThePoolAndLeavesNothingOpen) {
     const PortPool::Kind protocol = GetParam();
     // The smaller port is opened first and must be closed again when the busy one fails.
-    const uint16_t a = FreePort(protocol), b = FreePort(protocol);
-    ASSERT_NE(a, b);
-    const uint16_t first = std::min(a, b), busy = std::max(a, b);
+    const std::vector<uint16_t> unused = UnusedPorts(protocol, 2);
+    const uint16_t first = std::min(unused[0], unused[1]), busy = std::max(unused[0], unused[1]);
     const int holder = TryBind(protocol, busy);
     ASSERT_GE(holder, 0);
     EXPECT_EQ(ndtest::Thrown<std::runtime_error>([&] { SocketPortPool pool(protocol, 2, {first, busy}); }),
