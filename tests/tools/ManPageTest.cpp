@@ -11,50 +11,30 @@
 
 namespace {
 
-std::set<std::string> LongOptions(const std::string& text) {
-    static const std::regex option(R"((^|[^\w-])(--[a-z][a-z0-9-]*))");
-    std::set<std::string> found;
-    for (auto it = std::sregex_iterator(text.begin(), text.end(), option); it != std::sregex_iterator(); ++it)
-        found.insert((*it)[2]);
-    return found;
-}
-
-// The option lines of --help: those that start with a dash after the indentation.
-std::set<std::string> HelpOptions() {
-    std::FILE* pipe = popen(ND_PEER_PATH " --help", "r");
-    if (pipe == nullptr) return {};
-    std::string lines;
-    char line[512];
-    while (std::fgets(line, sizeof(line), pipe) != nullptr) {
-        std::string text = line;
-        const size_t first = text.find_first_not_of(' ');
-        if (first != std::string::npos && text[first] == '-') lines += text.substr(0, text.find("  ", first));
-        lines += '\n';
-    }
-    EXPECT_EQ(pclose(pipe), 0);
-    return LongOptions(lines);
-}
-
-// The term lines of the page's OPTIONS section: the line after each .TP.
-std::set<std::string> PageOptions() {
-    std::istringstream page(ndtest::ReadFile(ND_SOURCE_DIR "/man/ndpeer.1"));
-    std::string line, terms;
-    bool inOptions = false, term = false;
-    while (std::getline(page, line)) {
-        if (line.rfind(".SH", 0) == 0) inOptions = line == ".SH OPTIONS";
-        if (inOptions && term) {
-            for (size_t at; (at = line.find("\\-")) != std::string::npos;) line.replace(at, 2, "-");
-            terms += line + '\n';
-        }
-        term = line == ".TP";
-    }
-    return LongOptions(terms);
+// The first long option of a help line or a page term line that starts with an option.
+void AddOption(std::string line, std::set<std::string>& options) {
+    static const std::regex option(R"(^(\.B[IR]? +)?\s*(-\w.*?)?(--[a-z][a-z0-9-]*))");
+    for (size_t at; (at = line.find("\\-")) != std::string::npos;) line.replace(at, 2, "-");
+    std::smatch match;
+    if (std::regex_search(line, match, option)) options.insert(match[3]);
 }
 
 }  // namespace
 
 TEST(ManPage, NdpeerPageAndHelpListTheSameOptions) {
-    const std::set<std::string> help = HelpOptions();
+    std::set<std::string> help, page;
+    std::FILE* pipe = popen(ND_PEER_PATH " --help", "r");
+    ASSERT_NE(pipe, nullptr);
+    for (char line[512]; std::fgets(line, sizeof(line), pipe) != nullptr;) AddOption(line, help);
+    EXPECT_EQ(pclose(pipe), 0);
     EXPECT_TRUE(help.count("--pcap") && help.count("--help")) << "help output not understood";
-    EXPECT_EQ(PageOptions(), help);
+
+    // The terms of the OPTIONS section: the line after each .TP.
+    std::istringstream text(ndtest::ReadFile(ND_SOURCE_DIR "/man/ndpeer.1"));
+    bool inOptions = false, term = false;
+    for (std::string line; std::getline(text, line); term = line == ".TP") {
+        if (line.rfind(".SH", 0) == 0) inOptions = line == ".SH OPTIONS";
+        if (inOptions && term) AddOption(line, page);
+    }
+    EXPECT_EQ(page, help);
 }
