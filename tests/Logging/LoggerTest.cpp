@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <regex>
 #include <thread>
@@ -8,33 +9,19 @@
 #include "Logging/Logger.h"
 #include "Logging/NoThousandSep.h"
 #include "Platform/Platform.h"
-#include "support/TestFiles.h"
+#include "support/LogCapture.h"
 
 using TorvUtils::Logger;
 
 namespace {
 
-// Points the process-wide logger at a fresh folder and puts its defaults back afterwards.
+// The process-wide logger writing into a fresh folder, with a ring of three files.
 class LoggerTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        auto& logger = Logger::Instance();
-        logger.SetDirectory(dir_.Path() + "/");
-        logger.SetPrefix("ring_");
-        logger.SetThreshold(2);
-        logger.SetMaxFileSize(5000000);
-    }
-    void TearDown() override {
-        auto& logger = Logger::Instance();
-        logger.SetThreshold(2);
-        logger.SetMaxFileSize(5000000);
-        logger.SetFileCount(3);
-        logger.SetDirectory("");
-        logger.SetPrefix("log_");
-    }
-    std::string File(int index) const { return dir_.Path() + "/ring_" + std::to_string(index) + ".txt"; }
+    void SetUp() override { Logger::Instance().SetFileCount(3); }
+    std::vector<std::string> Entries(int index) const { return ndtest::LogEntries(log_.File(index)); }
 
-    ndtest::TempDir dir_;
+    ndtest::LogCapture log_{2};
 };
 
 }  // namespace
@@ -45,7 +32,7 @@ TEST_F(LoggerTest, ThresholdDecidesWhichLevelsAreWritten) {
     Log("error line", LogLevel::Error);
     Log("never", static_cast<LogLevel>(3));
     Log("never", static_cast<LogLevel>(-1));
-    EXPECT_EQ(ndtest::LogEntries(File(0)), (std::vector<std::string>{"INFO;info line", "ERROR;error line"}));
+    EXPECT_EQ(Entries(0), (std::vector<std::string>{"INFO;info line", "ERROR;error line"}));
 
     Logger::Instance().SetThreshold(1);
     Log("info dropped", LogLevel::Info);
@@ -56,42 +43,33 @@ TEST_F(LoggerTest, ThresholdDecidesWhichLevelsAreWritten) {
     Logger::Instance().WriteRank("rank three", 3);
     Logger::Instance().SetThreshold(4);
     Logger::Instance().WriteRank("rank four", 4);
-    EXPECT_EQ(ndtest::LogEntries(File(0)),
-              (std::vector<std::string>{"INFO;info line", "ERROR;error line", "ERROR;error kept", "DEBUG;debug kept",
-                                        "DEBUG;rank three", "UNKNOWN;rank four"}));
+    EXPECT_EQ(Entries(0), (std::vector<std::string>{"INFO;info line", "ERROR;error line", "ERROR;error kept",
+                                                    "DEBUG;debug kept", "DEBUG;rank three", "UNKNOWN;rank four"}));
 }
 
 TEST_F(LoggerTest, LinesCarryAUtcStampAndTheRingRotatesAndResumes) {
     Log("stamped", LogLevel::Info);
-    const auto lines = ndtest::ReadLines(File(0));
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\d{4}-\d{2}-\d{2} T\d{2}:\d{2}:\d{2},\d{3};INFO;stamped)")))
-        << lines[0];
+    const std::string first = ndtest::ReadFile(log_.File());
+    EXPECT_TRUE(std::regex_match(first, std::regex(R"(\d{4}-\d{2}-\d{2} T\d{2}:\d{2}:\d{2},\d{3};INFO;stamped\n)")))
+        << first;
 
     Logger::Instance().SetMaxFileSize(100);
     const std::string text(60, 'x');  // each line is about 90 bytes with its stamp
     for (int i = 1; i < 7; ++i) Log(text + std::to_string(i), LogLevel::Info);
     // Two lines per file: stamped,1 | 2,3 | 4,5 | then 6 goes to file 0, which starts empty.
-    EXPECT_EQ(ndtest::LogEntries(File(0)), (std::vector<std::string>{"INFO;" + text + "6"}));
-    EXPECT_EQ(ndtest::LogEntries(File(1)).size(), 2u);
-    EXPECT_EQ(ndtest::LogEntries(File(2)).back(), "INFO;" + text + "5");
-    EXPECT_FALSE(std::filesystem::exists(File(3)));
-    // Re-pointing the logger makes it scan the ring again, as a new process would: it goes
-    // on in the newest file, here file 1 (7 fills file 0, 8 starts file 1 afresh).
-    Log(text + "7", LogLevel::Info);
-    Log(text + "8", LogLevel::Info);
-    Logger::Instance().SetDirectory(dir_.Path() + "/");
-    Log("after restart", LogLevel::Info);
-    EXPECT_EQ(ndtest::LogEntries(File(1)).back(), "INFO;after restart");
-}
-
-TEST_F(LoggerTest, AShorterRingClosesTheFileBeyondIt) {
-    Logger::Instance().SetMaxFileSize(100);
-    const std::string text(60, 'z');
-    for (int i = 0; i < 5; ++i) Log(text + std::to_string(i), LogLevel::Info);  // 0,1 | 2,3 | 4
+    EXPECT_EQ(Entries(0), (std::vector<std::string>{"INFO;" + text + "6"}));
+    EXPECT_EQ(Entries(2).back(), "INFO;" + text + "5");
+    EXPECT_FALSE(std::filesystem::exists(log_.File(3)));
+    // On a new ring setting the logger goes on in the newest file of the ring, as a restarted
+    // process would, and leaves a file beyond a shorter ring alone even when it is newer.
+    for (int i = 7; i < 11; ++i) Log(text + std::to_string(i), LogLevel::Info);  // 6,7 | 8,9 | 10
+    const auto later = std::filesystem::file_time_type::clock::now() + std::chrono::hours(1);
+    std::filesystem::last_write_time(log_.File(1), later);
+    std::filesystem::last_write_time(log_.File(2), later + std::chrono::hours(1));
     Logger::Instance().SetFileCount(2);
-    Log("two files now", LogLevel::Info);
-    EXPECT_EQ(ndtest::LogEntries(File(2)), std::vector<std::string>{"INFO;" + text + "4"});
+    Log("resumed", LogLevel::Info);  // file 1 is full: the next file is file 0
+    EXPECT_EQ(Entries(0), std::vector<std::string>{"INFO;resumed"});
+    EXPECT_EQ(Entries(2), std::vector<std::string>{"INFO;" + text + "10"});
 }
 
 TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
@@ -102,7 +80,7 @@ TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
                                               LogLevel::Info);
         });
     for (auto& w : writers) w.join();
-    const auto entries = ndtest::LogEntries(File(0));
+    const auto entries = Entries(0);
     ASSERT_EQ(entries.size(), 800u);
     for (const auto& e : entries) EXPECT_TRUE(std::regex_match(e, std::regex(R"(INFO;writer \d line \d+)"))) << e;
 }
@@ -126,17 +104,15 @@ TEST(NoThousandSep, LogNumbersAreNeverGroupedWhateverTheGlobalLocale) {
 }
 
 TEST(BrandInfo, TheExecutablePathChoosesTheBrand) {
-    auto folderOf = [](const std::string& path) { return TorvUtils::ChooseBrand(path)->logDirectory; };
-    const std::string sep(1, Platform::kPathSeparator);
-    EXPECT_NE(folderOf("/opt/VUD/Halbrook/NetworkDriver").find(sep + "VUD" + sep + "TARVELIS connect" + sep + "Runtime" + sep),
-              std::string::npos);
-    EXPECT_NE(folderOf("/opt/Halbrook/NetworkDriver").find("Halbrook Automation" + sep + "Cobaltreach Remote Access"),
-              std::string::npos);
-    // Case matters: a lower-case "vud" is the default brand.
-    const std::string plain = folderOf("/opt/vud/NetworkDriver");
-    EXPECT_NE(plain.find(sep + "TORV" + sep + "Tessaril" + sep + "Runtime" + sep), std::string::npos);
-    EXPECT_EQ(plain.back(), Platform::kPathSeparator);
-    EXPECT_TRUE(TorvUtils::ChooseBrand("x")->extra.empty());
+    const std::string s(1, Platform::kPathSeparator);
+    const std::string base = Platform::CommonAppDataFolder() + s;
+    const std::string halbrook = "Halbrook Automation" + s + "Cobaltreach Remote Access";
+    const std::pair<const char*, std::string> cases[] = {
+        {"/opt/VUD/Halbrook/NetworkDriver", base + "VUD" + s + "TARVELIS connect" + s + "Runtime" + s},
+        {"/opt/Halbrook/NetworkDriver", base + halbrook + s + "Runtime" + s},
+        {"/opt/vud/NetworkDriver", base + "TORV" + s + "Tessaril" + s + "Runtime" + s},  // case matters
+    };
+    for (const auto& [path, folder] : cases) EXPECT_EQ(TorvUtils::ChooseBrand(path)->logDirectory, folder);
 }
 
 TEST(BrandInfo, DirectoryChainIsCreatedOnlyWhereMissing) {

@@ -1,14 +1,16 @@
 // The real NetworkDriver binary driven over the real pipe sockets.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
+#include "ChildProcess.h"
 #include "NetworkDriver/Messages.h"
 #include "PeerChannel.h"
-#include "support/DaemonProcess.h"
 #include "support/TestFiles.h"
 
 using namespace NativeNetworkDriver;
+using testing::Contains;
 
 namespace {
 
@@ -19,9 +21,13 @@ const Bytes kResultOne = {0, 1, 1, 0, 0, 0};
 
 // A daemon in its own folders, and the native side of its pipes.
 struct Daemon {
+    void Start() {
+        ASSERT_TRUE(process.Start(ND_DAEMON_PATH, {{"NETWORKDRIVER_PIPE_DIR", pipes.Path()},
+                                                   {"NETWORKDRIVER_APPDATA_DIR", appData.Path()}}));
+    }
     void Connect() {
         native.Listen();
-        process.Start();
+        Start();
         ASSERT_TRUE(native.Accept(10000)) << "the daemon did not connect";
     }
     ndpeer::Message Ask(uint32_t type, const Bytes& payload = {}) {
@@ -30,14 +36,13 @@ struct Daemon {
         EXPECT_TRUE(native.Receive(answer, 10000)) << "no answer to type " << type;
         return answer;
     }
-    bool Has(const std::string& entry) const {
-        const auto entries = process.LogEntries();
-        return std::find(entries.begin(), entries.end(), entry) != entries.end();
+    std::vector<std::string> Log() const {
+        return ndtest::LogEntries(appData.Path() + "/TORV/Tessaril/Runtime/NetworkDriver_log_0.txt");
     }
 
     ndtest::TempDir pipes, appData;
     ndpeer::PeerChannel native{pipes.Path()};
-    ndtest::DaemonProcess process{pipes.Path(), appData.Path()};
+    ndpeer::ChildProcess process;
 };
 
 }  // namespace
@@ -50,19 +55,17 @@ TEST(Daemon, AnswersEveryRequestByteForByte) {
     for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<uint8_t>(i * 7);
     ASSERT_TRUE(d.native.Send(kVpnFrame, frame));
     ASSERT_TRUE(d.native.Send(kVpnFrame, {}));
-    const std::pair<uint32_t, Bytes> requests[] = {
-        {kInitializeConfiguration, Encode(InitializeConfigurationRequest{true})},
-        {kAddSupervisorMACToVPN, Encode(AddSupervisorMACToVPNRequest{{2, 0, 0, 0, 0, 1}, true})},  // 1 even with no VPN
-        {kRemoveSupervisorMACFromVPN, Encode(RemoveSupervisorMACFromVPNRequest{{2, 0, 0, 0, 0, 1}})}};
-    for (const auto& [type, payload] : requests) {
+    const std::tuple<uint32_t, Bytes, Bytes> requests[] = {
+        {kInitializeConfiguration, Encode(InitializeConfigurationRequest{true}), kResultOne},
+        {kAddSupervisorMACToVPN, Encode(AddSupervisorMACToVPNRequest{{2, 0, 0, 0, 0, 1}, true}), kResultOne},
+        {kRemoveSupervisorMACFromVPN, Encode(RemoveSupervisorMACFromVPNRequest{{2, 0, 0, 0, 0, 1}}), kResultOne},
+        {kStopVPN, {}, {}},
+        {kStopICS, {}, {}},
+        {kStopNAT, {}, {}}};
+    for (const auto& [type, payload, result] : requests) {
         const auto a = d.Ask(type, payload);
         EXPECT_EQ(a.type, type);
-        EXPECT_EQ(a.payload, kResultOne);
-    }
-    for (uint32_t stop : {kStopVPN, kStopICS, kStopNAT}) {
-        const auto a = d.Ask(stop);
-        EXPECT_EQ(a.type, stop);
-        EXPECT_TRUE(a.payload.empty());
+        EXPECT_EQ(a.payload, result) << type;
     }
     // A VPN on an interface that does not exist does not come up.
     const auto a = d.Ask(kStartVPN, Encode(StartVPNRequest{{2, 0, 0, 0, 0, 1}, false, {Bytes(16, 'z')}}));
@@ -71,52 +74,46 @@ TEST(Daemon, AnswersEveryRequestByteForByte) {
 
     d.native.CloseToDaemon();
     EXPECT_EQ(d.process.WaitExit(10), 0);
-    const auto entries = d.process.LogEntries();
+    const auto entries = d.Log();
     ASSERT_GE(entries.size(), 4u);
     EXPECT_TRUE(std::equal(kStartLines.begin(), kStartLines.end(), entries.begin()));
     EXPECT_EQ(entries[3], "INFO;Named Pipes created.");
-    EXPECT_TRUE(d.Has("INFO;Received InitializeConfigurationRequest message: HandleVirtualMachine: true"));
-    EXPECT_TRUE(d.Has("INFO;Received StopICSRequest message"));
+    EXPECT_THAT(entries, Contains("INFO;Received InitializeConfigurationRequest message: HandleVirtualMachine: true"));
+    EXPECT_THAT(entries, Contains("INFO;Received StopICSRequest message"));
     // The native side closing its end reads as a broken pipe and ends the process cleanly.
-    EXPECT_TRUE(d.Has("INFO;Error in ReadFile, error code: 32"));
+    EXPECT_THAT(entries, Contains("INFO;Error in ReadFile, error code: 32"));
     EXPECT_EQ(entries.back(), "INFO;Closed pipes");
 }
 
-TEST(Daemon, TypesOutsideTheRangeEndTheLoopAndNoNativeSideEndsAtOnce) {
-    for (uint32_t type : {0u, 11u}) {
-        Daemon d;
-        d.Connect();
-        ASSERT_TRUE(d.native.Send(type, {}));
-        EXPECT_EQ(d.process.WaitExit(10), 0) << type;
-        EXPECT_TRUE(d.Has("ERROR;Header mesagge type error: " + std::to_string(type)));
-        EXPECT_EQ(d.process.LogEntries().back(), "INFO;Closed pipes");
-    }
+TEST(Daemon, WithNoNativeSideItEndsAtOnce) {
     Daemon alone;
-    alone.process.Start();  // nobody listens on the pipes
+    alone.Start();  // nobody listens on the pipes
     EXPECT_EQ(alone.process.WaitExit(10), 0);
-    EXPECT_EQ(alone.process.LogEntries(), kStartLines);
+    EXPECT_EQ(alone.Log(), kStartLines);
 }
 
-TEST(Daemon, AMalformedPayloadEndsTheProcessWithTheReasonLogged) {
+// A type outside the range ends the read loop in order; a malformed payload ends the process
+// abnormally. The zero byte found where a tag belongs, written as a character, does not cut
+// the text short.
+TEST(Daemon, ABadMessageEndsTheProcessWithTheReasonLogged) {
     Bytes truncated = Encode(StartNATRequest{});
     truncated.resize(truncated.size() - 3);
-    // InitializeConfiguration with a zero byte where the Bool tag (5) belongs: the zero byte,
-    // written as a character, does not cut the text short.
-    const std::pair<uint32_t, Bytes> cases[] = {{kInitializeConfiguration, {0, 0, 1, 0, 0, 0}}, {kStartNAT, truncated}};
-    for (const auto& [type, payload] : cases) {
+    const std::string fatal("ERROR;Fatal error, the process ends: Deserialization error: found type: \0 expected: ",
+                            84);
+    const std::tuple<uint32_t, Bytes, bool, std::string> cases[] = {
+        {0, {}, true, "ERROR;Header mesagge type error: 0"},
+        {11, {}, true, "ERROR;Header mesagge type error: 11"},
+        {kInitializeConfiguration, {0, 0, 1, 0, 0, 0}, false, fatal + "5"},
+        {kStartNAT, truncated, false, fatal + "7"}};
+    for (const auto& [type, payload, orderly, reason] : cases) {
         Daemon d;
         d.Connect();
         ASSERT_TRUE(d.native.Send(type, payload));
         const auto status = d.process.WaitExit(10);
         ASSERT_TRUE(status.has_value());
-        EXPECT_NE(*status, 0);  // ended abnormally, not through the orderly shutdown
-        const auto entries = d.process.LogEntries();
-        ASSERT_FALSE(entries.empty());
-        if (type == kInitializeConfiguration) {
-            EXPECT_EQ(entries.back(), std::string("ERROR;Fatal error, the process ends: Deserialization error: "
-                                                  "found type: \0 expected: 5", 85));
-        }
-        EXPECT_EQ(entries.back().rfind("ERROR;Fatal error, the process ends: Deserialization error:", 0), 0u);
-        EXPECT_FALSE(d.Has("INFO;Closed pipes"));
+        EXPECT_EQ(*status == 0, orderly) << type;
+        const auto entries = d.Log();
+        EXPECT_THAT(entries, Contains(reason));
+        EXPECT_EQ(entries.back(), orderly ? "INFO;Closed pipes" : reason);
     }
 }

@@ -11,16 +11,11 @@
 #include <thread>
 
 #include "Logging/Logger.h"
-#include "support/TestFiles.h"
+#include "support/LogCapture.h"
 
 namespace {
 
-void LogInto(const std::string& dir) {
-    auto& logger = TorvUtils::Logger::Instance();
-    logger.SetDirectory(dir + "/");
-    logger.SetPrefix("log_");
-    logger.SetThreshold(2);
-    logger.SetToFile(true);
+void ArmTerminate() {
     std::set_terminate(NativeNetworkDriver::LogFatalAndAbort);
     alarm(10);  // a hang ends the child by SIGALRM, which fails the expectation below
 }
@@ -28,10 +23,10 @@ void LogInto(const std::string& dir) {
 }  // namespace
 
 TEST(FatalErrorDeathTest, AFailureInsideALogWriteIsStillLogged) {
-    ndtest::TempDir dir;
+    ndtest::LogCapture log(2);
     EXPECT_EXIT(
         {
-            LogInto(dir.Path());
+            ArmTerminate();
             TorvUtils::Logger::Instance().SetToConsole(true);
             ::close(STDOUT_FILENO);  // the console write fails and throws inside the logger's lock
             std::cout.exceptions(std::ios::badbit);
@@ -39,17 +34,17 @@ TEST(FatalErrorDeathTest, AFailureInsideALogWriteIsStillLogged) {
             std::thread([] { Log("a line that cannot be written", LogLevel::Info); }).join();
         },
         testing::KilledBySignal(SIGABRT), "");
-    const auto lines = ndtest::LogEntries(dir.Path() + "/log_0.txt");
+    const auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("ERROR;Fatal error, the process ends: ", 0), 0u) << lines[0];
 }
 
 TEST(FatalErrorDeathTest, ALogWriteStuckOnAnotherThreadDoesNotHoldTheProcess) {
-    ndtest::TempDir dir;
-    ASSERT_EQ(mkfifo((dir.Path() + "/log_0.txt").c_str(), 0600), 0);
+    ndtest::LogCapture log(2);
+    ASSERT_EQ(mkfifo(log.File().c_str(), 0600), 0);
     EXPECT_EXIT(
         {
-            LogInto(dir.Path());
+            ArmTerminate();
             // Opening a FIFO nobody reads blocks: that thread keeps the lock for good.
             std::thread([] { Log("blocked", LogLevel::Info); }).detach();
             std::this_thread::sleep_for(std::chrono::milliseconds(300));

@@ -21,37 +21,15 @@ using ndtest::LogCapture;
 
 namespace {
 
-// Binds a fresh wildcard socket of the protocol to `port`: the descriptor, or -errno.
-int TryBind(PortPool::Kind protocol, uint16_t port) {
+// Whether a fresh wildcard socket of the protocol fails to bind `port` because it is taken.
+bool HeldElsewhere(PortPool::Kind protocol, uint32_t port) {
     const int fd = socket(AF_INET, protocol == PortPool::Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM, 0);
-    if (fd < 0) return -errno;
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        const int error = errno;
-        close(fd);
-        return -error;
-    }
-    return fd;
-}
-
-// A port that is free right now (bound and released again).
-uint16_t FreePort(PortPool::Kind protocol) {
-    const int fd = TryBind(protocol, 0);
-    if (fd < 0) throw std::runtime_error("no free port");
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    const bool taken = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 && errno == EADDRINUSE;
     close(fd);
-    return ntohs(address.sin_port);
-}
-
-bool HeldElsewhere(PortPool::Kind protocol, uint16_t port) {
-    const int fd = TryBind(protocol, port);
-    if (fd >= 0) close(fd);
-    return fd == -EADDRINUSE;
+    return taken;
 }
 
 std::vector<uint32_t> PortsOf(SocketPortPool& pool) {
@@ -60,59 +38,53 @@ std::vector<uint32_t> PortsOf(SocketPortPool& pool) {
     return ports;
 }
 
+// Ports that are free right now: taken by a pool, which lets them go again.
+std::vector<uint32_t> UnusedPorts(PortPool::Kind protocol, uint32_t count) {
+    SocketPortPool pool(protocol, count, {});
+    return PortsOf(pool);
+}
+
 class SocketPortPoolTest : public ::testing::TestWithParam<PortPool::Kind> {};
 
 }  // namespace
 
+// Custom ports are held but not handed out; every step is logged at level 3.
 TEST_P(SocketPortPoolTest, ReservedAndCustomPortsAreReallyBoundUntilFreed) {
     const PortPool::Kind protocol = GetParam();
     const std::string name = protocol == PortPool::Kind::Tcp ? "TCP" : "UDP";
-    SocketPortPool plain(protocol, 5, {});
-    const std::vector<uint32_t> ports = PortsOf(plain);
-    ASSERT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 5u);
-    for (uint32_t port : ports) EXPECT_TRUE(port != 0 && HeldElsewhere(protocol, uint16_t(port))) << port;
-    plain.FreePorts();
-    EXPECT_TRUE(PortsOf(plain).empty());
-    for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
-
-    // Custom ports are held but not handed out; every step is logged at level 3.
-    const uint16_t custom = FreePort(protocol);
+    const uint32_t custom = UnusedPorts(protocol, 1)[0];
     LogCapture log(3);
-    std::vector<uint32_t> handedOut;
+    std::vector<uint32_t> ports;
     {
-        SocketPortPool pool(protocol, 2, {custom});
-        handedOut = PortsOf(pool);
-        ASSERT_EQ(handedOut.size(), 2u);
-        EXPECT_EQ(std::count(handedOut.begin(), handedOut.end(), custom), 0);
-        EXPECT_TRUE(HeldElsewhere(protocol, custom));
-        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " custom port"), 1);
-        EXPECT_EQ(log.Count("DEBUG;Opened " + name + " custom port " + std::to_string(custom)), 1);
-        EXPECT_EQ(log.Count("DEBUG;Opening " + name + " port"), 2);
-        for (uint32_t port : handedOut)
-            EXPECT_EQ(log.Count("DEBUG;Opened " + name + " port " + std::to_string(port)), 1);
+        SocketPortPool pool(protocol, 3, {custom});
+        ports = PortsOf(pool);
+        ASSERT_EQ(std::set<uint32_t>(ports.begin(), ports.end()).size(), 3u);
+        EXPECT_EQ(std::count(ports.begin(), ports.end(), custom), 0);
+        ports.push_back(custom);
+        for (uint32_t port : ports) EXPECT_TRUE(port != 0 && HeldElsewhere(protocol, port)) << port;
+        pool.FreePorts();
+        EXPECT_TRUE(PortsOf(pool).empty());
+        for (uint32_t port : ports) EXPECT_FALSE(HeldElsewhere(protocol, port)) << port;
     }
-    EXPECT_EQ(log.Count("DEBUG;Freeing " + name + " ports"), 1);
-    handedOut.push_back(custom);
-    for (uint32_t port : handedOut) EXPECT_FALSE(HeldElsewhere(protocol, uint16_t(port))) << port;
-
-    const size_t lines = log.Lines().size();
-    SocketPortPool none(protocol, 0, {});
-    EXPECT_TRUE(PortsOf(none).empty());
-    EXPECT_EQ(log.Lines().size(), lines);
+    std::vector<std::string> expected = {"DEBUG;Opening " + name + " custom port",
+                                         "DEBUG;Opened " + name + " custom port " + std::to_string(custom)};
+    for (size_t i = 0; i < 3; ++i) {
+        expected.push_back("DEBUG;Opening " + name + " port");
+        expected.push_back("DEBUG;Opened " + name + " port " + std::to_string(ports[i]));
+    }
+    expected.insert(expected.end(), 2, "DEBUG;Freeing " + name + " ports");  // by the call and the destructor
+    EXPECT_EQ(log.Lines(), expected);
 }
 
 TEST_P(SocketPortPoolTest, CustomPortInUseFailsThePoolAndLeavesNothingOpen) {
     const PortPool::Kind protocol = GetParam();
     // The smaller port is opened first and must be closed again when the busy one fails.
-    const uint16_t a = FreePort(protocol), b = FreePort(protocol);
-    ASSERT_NE(a, b);
-    const uint16_t first = std::min(a, b), busy = std::max(a, b);
-    const int holder = TryBind(protocol, busy);
-    ASSERT_GE(holder, 0);
+    const std::vector<uint32_t> unused = UnusedPorts(protocol, 2);
+    const uint32_t first = std::min(unused[0], unused[1]), busy = std::max(unused[0], unused[1]);
+    const SocketPortPool holder(protocol, 0, {busy});
     EXPECT_EQ(ndtest::Thrown<std::runtime_error>([&] { SocketPortPool pool(protocol, 2, {first, busy}); }),
               "Error binding socket, port already bound");
     EXPECT_FALSE(HeldElsewhere(protocol, first));
-    close(holder);
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, SocketPortPoolTest, ::testing::Values(PortPool::Kind::Tcp, PortPool::Kind::Udp),
@@ -126,20 +98,15 @@ TEST(SocketPortPoolLimits, DescriptorExhaustionEndsWithFewerPorts) {
     // The sanitizers' vptr check needs a descriptor the first time it meets a type: let it
     // meet the pool's error type while descriptors are still there.
     EXPECT_EQ(ndtest::Thrown<std::runtime_error>([] { throw std::runtime_error("warm-up"); }), "warm-up");
-    long openCount = 0;
-    for ([[maybe_unused]] const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) ++openCount;
+    const auto openCount = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     rlimit saved{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    rlimit low = saved;
-    low.rlim_cur = static_cast<rlim_t>(openCount + 10);
+    const rlimit low{static_cast<rlim_t>(openCount + 10), saved.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     const uint32_t wanted = 40;
-    std::vector<uint32_t> ports;
-    {
-        SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
-        pool.GetPorts(ports);
-    }
+    SocketPortPool pool(PortPool::Kind::Tcp, wanted, {});
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    const std::vector<uint32_t> ports = PortsOf(pool);
     EXPECT_GT(ports.size(), 0u);
     EXPECT_LT(ports.size(), wanted);
     EXPECT_EQ(log.Count("INFO;Error creating socket at port 0, socket() failed: " + std::to_string(EMFILE)),

@@ -12,36 +12,13 @@ using namespace NativeNetworkDriver;
 
 namespace {
 
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
-
-bool StartsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
-
 // Decoding, and encoding what was decoded, reaches a fixed point after one round.
 template <typename Decode>
 void RoundTrip(const Bytes& payload, Decode decode) {
     const auto request = decode(payload);
     (void)ToLogLine(request);
     const Bytes once = Encode(request);
-    Check(Encode(decode(once)) == once);
-}
-
-void DecodeAs(uint32_t type, const Bytes& payload) {
-    switch (type) {
-        case kInitializeConfiguration: RoundTrip(payload, DecodeInitializeConfigurationRequest); break;
-        case kStartVPN: RoundTrip(payload, DecodeStartVPNRequest); break;
-        case kAddSupervisorMACToVPN: RoundTrip(payload, DecodeAddSupervisorMACToVPNRequest); break;
-        case kRemoveSupervisorMACFromVPN: RoundTrip(payload, DecodeRemoveSupervisorMACFromVPNRequest); break;
-        case kStartICS: RoundTrip(payload, DecodeStartICSRequest); break;
-        case kStartNAT: RoundTrip(payload, DecodeStartNATRequest); break;
-        default: {
-            // The pipe header goes through the same decoder.
-            Decoder header(payload, 1);
-            (void)header.ReadEnum32();
-            (void)header.ReadUInt32();
-        }
-    }
+    if (Encode(decode(once)) != once) std::abort();
 }
 
 }  // namespace
@@ -50,10 +27,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     const Bytes payload(data + 1, data + size);
     try {
-        DecodeAs(data[0] % 11, payload);
+        switch (data[0] % 11) {
+            case kInitializeConfiguration: RoundTrip(payload, DecodeInitializeConfigurationRequest); break;
+            case kStartVPN: RoundTrip(payload, DecodeStartVPNRequest); break;
+            case kAddSupervisorMACToVPN: RoundTrip(payload, DecodeAddSupervisorMACToVPNRequest); break;
+            case kRemoveSupervisorMACFromVPN: RoundTrip(payload, DecodeRemoveSupervisorMACFromVPNRequest); break;
+            case kStartICS: RoundTrip(payload, DecodeStartICSRequest); break;
+            case kStartNAT: RoundTrip(payload, DecodeStartNATRequest); break;
+            default: break;
+        }
     } catch (const DecodingError& e) {
-        Check(StartsWith(e.Message(), "Deserialization error: found type: ") ||
-              e.Message() == "Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length.");
+        const std::string& text = e.Message();
+        if (text.rfind("Deserialization error: found type: ", 0) != 0 &&
+            text != "Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length.")
+            std::abort();
     }
     return 0;
 }

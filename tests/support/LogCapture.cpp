@@ -8,11 +8,8 @@ namespace ndtest {
 
 LogCapture::LogCapture(int threshold) {
     auto& logger = TorvUtils::Logger::Instance();
-    logger.SetToConsole(false);
-    logger.SetToDebugger(false);
     logger.SetDirectory(dir_.Path() + "/");
     logger.SetPrefix("log_");
-    logger.SetExtension(".txt");
     logger.SetFileCount(1);
     logger.SetMaxFileSize(0);  // one file that never rotates
     logger.SetToFile(true);

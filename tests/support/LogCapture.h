@@ -23,9 +23,10 @@ public:
     bool Has(const std::string& levelAndText) const { return Count(levelAndText) > 0; }
     // The lines from the first one that equals `first` on; empty when there is none.
     std::vector<std::string> From(const std::string& first) const;
+    // The file of the ring at `index` (the ring has one file unless a test sets more).
+    std::string File(int index = 0) const { return dir_.Path() + "/log_" + std::to_string(index) + ".txt"; }
 
 private:
-    std::string File() const { return dir_.Path() + "/log_0.txt"; }
     TempDir dir_;
 };
 

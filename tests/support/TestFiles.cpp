@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace ndtest {
@@ -21,24 +21,13 @@ TempDir::~TempDir() {
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::vector<std::string> ReadLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::vector<std::string> LogEntries(const std::string& path) {
     std::vector<std::string> entries;
-    for (const auto& line : ReadLines(path)) {
-        const auto semicolon = line.find(';');
-        entries.push_back(semicolon == std::string::npos ? line : line.substr(semicolon + 1));
-    }
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) entries.push_back(line.substr(line.find(';') + 1));
     return entries;
 }
 

@@ -18,8 +18,7 @@ private:
 };
 
 std::string ReadFile(const std::string& path);
-std::vector<std::string> ReadLines(const std::string& path);
-// The text after "<timestamp>;" of each line: "INFO;Named Pipes created."
+// The text after "<timestamp>;" of each line: "INFO;Named Pipes created." (a line without one, whole)
 std::vector<std::string> LogEntries(const std::string& path);
 
 }  // namespace ndtest
