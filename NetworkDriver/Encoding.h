@@ -26,8 +26,6 @@ class Decoder {
 public:
     Decoder(const Bytes& buffer, size_t offset) : buffer_(buffer), offset_(offset) {}
 
-    size_t Offset() const { return offset_; }
-
     void ExpectTag(uint8_t expectedTag);
     uint32_t ReadEnum32();
     std::string ReadString();
