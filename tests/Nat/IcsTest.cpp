@@ -43,11 +43,10 @@ TEST(Ics, SharesPublicDestinationsNameLookupsAndTheProxy) {
     IcsRig rig(proxy);
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.dst[0]) + "." + std::to_string(c.dst[1]) + ":" + std::to_string(c.port));
-        const auto kind = rig.ics.ClassifyInternalPacket(FlowView(17, kHostMac, c.dstMac, kHostIp, c.dst, 50000, c.port)).kind;
-        EXPECT_EQ(kind, c.shared ? Nat::TranslationKind::Snat : Nat::TranslationKind::None);
+        const Frame frame = Udp({kHostMac, c.dstMac, kHostIp, c.dst, 50000, c.port});
+        EXPECT_EQ(rig.ics.Decide(false, frame, Nat::ReadFrameView(frame)).kind,
+                  c.shared ? Nat::TranslationKind::Snat : Nat::TranslationKind::None);
     }
-    EXPECT_EQ(rig.ics.ClassifyExternalPacket(FlowView(6, kGatewayMac, kExtMac, kFarIp, kExtIp, 80, 5000)).kind,
-              Nat::TranslationKind::None);
     EXPECT_TRUE(rig.ics.Rules().empty());
     EXPECT_FALSE(rig.ics.FtpEnabled());
 }

@@ -10,7 +10,6 @@ namespace App = Nat::ApplicationLayer;
 
 namespace {
 
-
 // A client out on the far side talking to the published server.
 struct Conversation {
     Rig& rig;
@@ -67,6 +66,7 @@ TEST(NatApplicationLayer, ParsersFindWhatToRewriteAndNothingElse) {
         {Port, "port 93,184,216,34,156,64\r\n", "port 172,20,0,1,19,137\r\n"},
         {Port, "EPRT |1|93.184.216.34|40000|\r\n", "EPRT |1|172.20.0.1|5001|\r\n"},
         {Port, "EPRT |2|::1|40000|\r\n", std::nullopt},
+        {Port, "EPRT |||\r\n", std::nullopt},
         {Port, "EPRT |1|93.184.216.34|040000|\r\n", std::nullopt},  // six digits
         {Port, "PORT 93,184,216,34,156,64", std::nullopt},           // line not complete
         {Port, "PORT 93,184,216,34,0,0\r\n", std::nullopt},
@@ -91,9 +91,7 @@ TEST(NatApplicationLayer, ParsersFindWhatToRewriteAndNothingElse) {
 }
 
 TEST(NatHttp, RewrittenRequestsKeepBothEndsSequenceNumbersConsistent) {
-    Nat::RedirectRule rule = Rule(6, 8080, 80, false);
-    rule.httpHostTranslation = true;
-    Rig rig({rule});
+    Rig rig({Rule(6, 8080, 80, false, true)});
     rig.Learn(kServerIp, kServerMac);
     Conversation c{rig};
 
@@ -128,12 +126,9 @@ TEST(NatHttp, RewrittenRequestsKeepBothEndsSequenceNumbersConsistent) {
 }
 
 TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
-    Nat::RedirectRule rule = Rule(6, 8080, 8081, false);
-    rule.httpHostTranslation = true;
-    Rig rig({rule});
+    Rig rig({Rule(6, 8080, 8081, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation c{rig};
-    c.serverPort = 8081;
+    Conversation c{.rig = rig, .serverPort = 8081};
     const std::string head = "GET / HTTP/1.1\r\nHost: 1.2.3.4\r\n";
     std::string big = head + std::string(1514 - 54 - head.size() - 4, 'a') + "\r\n\r\n";
     ASSERT_EQ(54 + big.size(), 1514u);
@@ -144,14 +139,9 @@ TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
 }
 
 TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
-    Nat::RedirectRule rule = Rule(6, 21, 21, false);
-    rule.ftpSupport = true;
-    Rig rig({rule});
+    Rig rig({Rule(6, 21, 21, false, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation control{rig};
-    control.published = 21;
-    control.serverPort = 21;
-
+    Conversation control{.rig = rig, .published = 21, .serverPort = 21};
     control.FromClient(100, 0, kSyn);
     control.FromServer(7000, 101, kSyn | kAck);
     const std::string reply = "227 Entering Passive Mode (172,20,0,20,19,137).\r\n";
@@ -167,17 +157,13 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     EXPECT_EQ(control.FromServer(7001 + replyLen, 101, kAck | kPsh, "150 ok\r\n").seq, 7001 + replyLen - 3);
 
     // The data connection through the published pool port reaches the server's port.
-    Conversation data{rig};
-    data.clientPort = 40001;
-    data.published = 5000;
-    data.serverSeesPort = 40001;
-    data.serverPort = 5001;
+    Conversation data{.rig = rig, .clientPort = 40001, .published = 5000, .serverSeesPort = 40001, .serverPort = 5001};
     Fields syn = data.FromClient(1, 0, kSyn);
     EXPECT_EQ(syn.dstIp, kServerIp);
     EXPECT_EQ(syn.dstPort, 5001);
     EXPECT_EQ(syn.srcIp, kFarIp);
     EXPECT_EQ(data.FromServer(9, 2, kSyn | kAck).srcPort, 5000);
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, Ip(8, 8, 8, 8), {}, 40001, 5000)).kind,
+    EXPECT_EQ(rig.Decide(true, Tcp({kGatewayMac, kExtMac, Ip(8, 8, 8, 8), kExtIp, 40001, 5000, 1, 0, kSyn})).kind,
               Nat::TranslationKind::None);  // not the client
 
     // Data activity keeps the idle control connection alive: its own last frame is
@@ -192,23 +178,19 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     // The temporary rule lives 30 s past its last match, then its port returns.
     data.FromClient(2, 10, kRst);
     rig.now += 29999;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40002, 5000)).kind, Nat::TranslationKind::Dnat);
+    const Frame another = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 40002, 5000, 1, 0, kSyn});
+    EXPECT_EQ(rig.Decide(true, another).kind, Nat::TranslationKind::Dnat);
     rig.now += 30000;
-    EXPECT_EQ(rig.nat->ClassifyExternalPacket(FlowView(6, {}, kExtMac, kFarIp, {}, 40002, 5000)).kind, Nat::TranslationKind::None);
+    EXPECT_EQ(rig.Decide(true, another).kind, Nat::TranslationKind::None);
     EXPECT_EQ(rig.nat->Rules().size(), 1u);
     EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
 }
 
 TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
-    Nat::RedirectRule rule = Rule(6, 21, 21, true);
-    rule.ftpSupport = true;
-    Rig rig({rule});
+    Rig rig({Rule(6, 21, 21, true, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation control{rig};
-    control.published = 21;
-    control.serverPort = 21;
-    control.serverSees = kSrvSideIp;
-    control.serverSeesPort = 5000;
+    Conversation control{
+        .rig = rig, .published = 21, .serverSees = kSrvSideIp, .serverSeesPort = 5000, .serverPort = 21};
 
     EXPECT_EQ(control.FromClient(100, 0, kSyn).srcPort, 5000);
     control.FromServer(7000, 101, kSyn | kAck);
@@ -237,29 +219,18 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
 // connection must reach the server from the same address as its control connection, or
 // the server refuses it, whichever rule comes first in the list.
 TEST(NatFtp, PassiveDataConnectionIsTranslatedLikeItsControlConnection) {
-    Nat::RedirectRule plain = Rule(6, 21, 21, false);
-    plain.ftpSupport = true;
-    Nat::RedirectRule translated = Rule(6, 2121, 21, true);
-    translated.ftpSupport = true;
-    Rig rig({plain, translated});
+    Rig rig({Rule(6, 21, 21, false, false, true), Rule(6, 2121, 21, true, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation control{rig};
-    control.published = 2121;
-    control.serverPort = 21;
-    control.serverSees = kSrvSideIp;
-    control.serverSeesPort = 5000;
+    Conversation control{
+        .rig = rig, .published = 2121, .serverSees = kSrvSideIp, .serverSeesPort = 5000, .serverPort = 21};
 
     EXPECT_EQ(control.FromClient(100, 0, kSyn).srcIp, kSrvSideIp);
     control.FromServer(7000, 101, kSyn | kAck);
     Fields out = control.FromServer(7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,156,64).\r\n");
     EXPECT_EQ(out.payload, "227 Entering Passive Mode (10,0,0,2,19,137).\r\n");
 
-    Conversation data{rig};
-    data.clientPort = 40001;
-    data.published = 5001;
-    data.serverPort = 40000;
-    data.serverSees = kSrvSideIp;
-    data.serverSeesPort = 5002;
+    Conversation data{.rig = rig, .clientPort = 40001, .published = 5001, .serverSees = kSrvSideIp,
+                      .serverSeesPort = 5002, .serverPort = 40000};
     Fields syn = data.FromClient(1, 0, kSyn);
     EXPECT_EQ(syn.srcIp, kSrvSideIp);
     EXPECT_EQ(syn.srcPort, 5002);

@@ -27,19 +27,16 @@ Frame Template(uint8_t which, uint16_t port) {
     const uint16_t udpPool = static_cast<uint16_t>(6000 + port % 4);  // also the echo identifiers
     const uint8_t flags = kAck | kPsh;
     const size_t quote = 20 + port % 48;  // whole headers, or cut anywhere in the transport header
+    // Errors from outside about a translated TCP, UDP or echo datagram.
+    auto error = [quote](const Ipv4Address& from, uint8_t type, const Frame& about) {
+        return Icmp(kGatewayMac, kExtMac, from, kExtIp, ErrorMessage(type, 4, 1280, about, quote));
+    };
     switch (which % 16) {
         case 10: return Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, port, 1, "ping"));
         case 11: return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, udpPool, 1, "pong"));
-        case 12:
-            return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
-                        ErrorMessage(3, 4, 1280, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, pool, 80, 0, 0, flags}), quote));
-        case 13:
-            return Icmp(kGatewayMac, kExtMac, kPeerIp, kExtIp,
-                        ErrorMessage(11, 0, 0, Udp({kExtMac, kGatewayMac, kExtIp, kFarIp, udpPool, 53, "q"}), quote));
-        case 14:
-            return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
-                        ErrorMessage(3, 1, 0, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, udpPool, 1, "")),
-                                     quote));
+        case 12: return error(kFarIp, 3, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, pool, 80, 0, 0, flags}));
+        case 13: return error(kPeerIp, 11, Udp({kExtMac, kGatewayMac, kExtIp, kFarIp, udpPool, 53, "q"}));
+        case 14: return error(kFarIp, 3, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, udpPool, 1, "")));
         case 15:
             return Icmp(kHostMac, kIntMac, kHostIp, kFarIp,
                         ErrorMessage(3, 3, 0, Udp({kIntMac, kHostMac, kFarIp, kHostIp, 53, port, "a"}), quote));
@@ -65,10 +62,8 @@ Frame Template(uint8_t which, uint16_t port) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in{data, size};
-    Nat::RedirectRule http = Rule(6, 8080, 80, in.Byte() & 1);
-    http.httpHostTranslation = true;
-    Nat::RedirectRule ftp = Rule(6, 21, 21, in.Byte() & 1);
-    ftp.ftpSupport = true;
+    Nat::RedirectRule http = Rule(6, 8080, 80, in.Byte() & 1, true);
+    Nat::RedirectRule ftp = Rule(6, 21, 21, in.Byte() & 1, false, true);
     Nat::RedirectRule dns = Rule(17, 5353, 53, true);
     dns.fromIp = {{{90, 0, 0, 0}, {95, 0, 0, 0}, {255, 0, 0, 0}}};
     Rig rig({http, ftp, dns}, {Rig::DefaultMapping()}, Rig::Ports(5000, 8), Rig::Ports(6000, 4), 5000);
@@ -131,20 +126,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // Everything expires; every pool port must be back exactly once.
-    if (!nat.TcpTable().Consistent() || !nat.UdpTable().Consistent() || !nat.EchoTable().Consistent()) abort();
     rig.now += 60000;
-    nat.TcpTable().Sweep();
-    nat.UdpTable().Sweep();
-    nat.EchoTable().Sweep();
-    nat.ClassifyExternalPacket(FlowView(6, kGatewayMac, kExtMac, {1, 1, 1, 1}, kExtIp, 1, 1));  // drops expired temporary rules
-    std::vector<uint32_t> tcpFree = nat.TcpTable().FreePorts(), udpFree = nat.UdpTable().FreePorts();
-    std::sort(tcpFree.begin(), tcpFree.end());
-    std::vector<uint32_t> echoFree = nat.EchoTable().FreePorts();
-    std::sort(udpFree.begin(), udpFree.end());
-    std::sort(echoFree.begin(), echoFree.end());
-    if (tcpFree != Rig::Ports(5000, 8) || udpFree != Rig::Ports(6000, 4) || echoFree != Rig::Ports(6000, 4) ||
-        nat.Rules().size() != 3) {
-        abort();
+    rig.Decide(true, Tcp({kGatewayMac, kExtMac, {1, 1, 1, 1}, kExtIp, 1, 1, 0, 0, kSyn}));  // drops expired rules
+    auto sorted = [](std::vector<uint32_t> ports) {
+        std::sort(ports.begin(), ports.end());
+        return ports;
+    };
+    for (Nat::NatTable* table : {&nat.TcpTable(), &nat.UdpTable(), &nat.EchoTable()}) {
+        if (!table->Consistent()) abort();
+        table->Sweep();
+        const std::vector<uint32_t> pool = table == &nat.TcpTable() ? Rig::Ports(5000, 8) : Rig::Ports(6000, 4);
+        if (sorted(table->FreePorts()) != pool) abort();
     }
+    if (nat.Rules().size() != 3) abort();
     return 0;
 }
