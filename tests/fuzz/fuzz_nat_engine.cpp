@@ -112,11 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const Frame& viewed = (op & 4) ? fragments.front() : fragments[(op & 0x40) && fragments.size() > 1];
                 nat.Translate(fromExternal, fragments, Nat::ReadFrameView(viewed), guid);
             } else if (op & 4) {
-                // Any decision, handed in without deciding.
-                const auto kind = static_cast<Nat::TranslationKind>((op >> 3) & 3);
-                const bool mapped = kind == Nat::TranslationKind::Snat && outbound;
-                const auto decision = Nat::Decision::Of(kind, nullptr, mapped ? &nat.Mappings()[0] : nullptr);
-                nat.Apply(decision, fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
+                rig.Forced(static_cast<Nat::TranslationKind>((op >> 3) & 3), fromExternal, frame, guid);  // any decision
             } else {
                 // Bit 6 without fragments: the frame carries a partial (offloaded) checksum.
                 nat.Translate(fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
