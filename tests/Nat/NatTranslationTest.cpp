@@ -163,30 +163,29 @@ TEST(NatSnat, NextHopIsTheGatewayOrTheConfiguredProxy) {
 TEST(NatSnat, ErrorsNameTheirCause) {
     Rig rig({}, {Rig::DefaultMapping()});
     const Frame frame = Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 1, 0, kSyn});
-    Frame igmp = frame, icmp = frame, shortIp = frame, later = frame, shortTcp = frame, cut = frame;
-    igmp[23] = 2;
-    icmp[23] = 1;
-    shortIp[14] = 0x44;
-    later[21] = 1;
-    shortTcp[46] = 0x40;
-    cut.resize(50);
+    auto patched = [&frame](size_t at, uint8_t value) {
+        Frame work = frame;
+        work[at] = value;
+        return work;
+    };
+    const Frame igmp = patched(23, 2), cut(frame.begin(), frame.begin() + 50);
     const Frame stray = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, 5007, 1, 1, kAck});
     const auto Snat = Nat::TranslationKind::Snat, Dnat = Nat::TranslationKind::Dnat;
     const struct {
         Nat::TranslationKind kind;
         bool fromExternal;
-        const Frame& frame;
+        Frame frame;
         const char* thrown;
     } cases[] = {
         {static_cast<Nat::TranslationKind>(3), false, frame, "Invalid translation rule"},
-        {Snat, false, shortIp, "Unexpected IP header size: 16"},
-        {Snat, true, later, "Unexpected IP fragment"},
+        {Snat, false, patched(14, 0x44), "Unexpected IP header size: 16"},
+        {Snat, true, patched(21, 1), "Unexpected IP fragment"},
         {Snat, false, cut, "Unexpected packet size: 50"},
-        {Dnat, true, shortTcp, "Unexpected TCP header size: 16"},
+        {Dnat, true, patched(46, 0x40), "Unexpected TCP header size: 16"},
         {Dnat, false, frame, "DNat mapped external adapter not found"},
         {Snat, false, igmp, "Unsupported port type"},
         {Snat, true, igmp, "Unexpected IP protocol"},
-        {Snat, false, icmp, "Unexpected ICMP message for translation: type 156 code 64"},
+        {Snat, false, patched(23, 1), "Unexpected ICMP message for translation: type 156 code 64"},
         {Snat, true, stray,
          "Not found internal host info for SNAT packet remoteIP: 93.184.216.34 remotePort: 80 externalPort: 5007"},
         {Dnat, true, stray, "DNat matching rule not found"},

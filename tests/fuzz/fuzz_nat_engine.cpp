@@ -111,8 +111,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 // Bit 2: the view of whichever fragment comes first, head or not.
                 const Frame& viewed = (op & 4) ? fragments.front() : fragments[(op & 0x40) && fragments.size() > 1];
                 nat.Translate(fromExternal, fragments, Nat::ReadFrameView(viewed), guid);
-            } else if (op & 4) {
-                rig.Forced(static_cast<Nat::TranslationKind>((op >> 3) & 3), fromExternal, frame, guid);  // any decision
+            } else if (op & 4) {  // any decision, handed in without deciding
+                rig.Forced(static_cast<Nat::TranslationKind>((op >> 3) & 3), fromExternal, frame, guid);
             } else {
                 // Bit 6 without fragments: the frame carries a partial (offloaded) checksum.
                 nat.Translate(fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
