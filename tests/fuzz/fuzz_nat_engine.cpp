@@ -1,11 +1,12 @@
 // Feeds frames through the engine's decision and translation in both directions: raw bytes,
 // and real frames (SNAT, replies, published services, HTTP, FTP, fragments, ICMP echo
-// and errors quoting translated flows, whole or cut) with
-// fuzzer-chosen bytes overwritten. The engine must answer or throw Nat::Exception; at
-// the end, once everything has expired, every pool port must be free exactly once.
+// and errors quoting translated flows, whole or cut) with fuzzer-chosen bytes overwritten.
+// The engine must answer or throw Nat::Exception; at the end, once everything has expired,
+// every pool port must be free exactly once.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <utility>
 
 #include "support/NatRig.h"
 
@@ -95,22 +96,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const bool fromExternal = !outbound;
             const std::string guid = outbound ? "int0" : "ext0";
             if (op & 0x10) {
-                // Cut into fragments at an 8-byte boundary; the tail may come first.
-                Nat::FragmentList fragments{frame};
-                if (frame.size() > 42) {
-                    const size_t cut = 34 + ((frame.size() - 34) / 16) * 8;
-                    Frame tail(frame.begin(), frame.begin() + 34);
-                    tail.insert(tail.end(), frame.begin() + static_cast<std::ptrdiff_t>(cut), frame.end());
-                    tail[20] = static_cast<uint8_t>(((cut - 34) / 8) >> 8);
-                    tail[21] = static_cast<uint8_t>((cut - 34) / 8);
-                    fragments[0].resize(cut);
+                // The frame as a first fragment and a copy of it as a later one, in either
+                // order; bit 2 picks the fragment whose view is handed in, head or not.
+                Nat::FragmentList fragments{frame, frame};
+                if (frame.size() > 21) {
                     fragments[0][20] |= 0x20;
-                    if (op & 0x40) fragments.insert(fragments.begin(), tail);
-                    else fragments.push_back(tail);
+                    fragments[1][21] |= 0x01;
                 }
-                // Bit 2: the view of whichever fragment comes first, head or not.
-                const Frame& viewed = (op & 4) ? fragments.front() : fragments[(op & 0x40) && fragments.size() > 1];
-                nat.Translate(fromExternal, fragments, Nat::ReadFrameView(viewed), guid);
+                if (op & 0x40) std::swap(fragments[0], fragments[1]);
+                nat.Translate(fromExternal, fragments, Nat::ReadFrameView(fragments[(op & 4) != 0]), guid);
             } else if (op & 4) {  // any decision, handed in without deciding
                 rig.Forced(static_cast<Nat::TranslationKind>((op >> 3) & 3), fromExternal, frame, guid);
             } else {
@@ -124,15 +118,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Everything expires; every pool port must be back exactly once.
     rig.now += 60000;
     rig.Decide(true, Tcp({kGatewayMac, kExtMac, {1, 1, 1, 1}, kExtIp, 1, 1, 0, 0, kSyn}));  // drops expired rules
-    auto sorted = [](std::vector<uint32_t> ports) {
-        std::sort(ports.begin(), ports.end());
-        return ports;
-    };
     for (Nat::NatTable* table : {&nat.TcpTable(), &nat.UdpTable(), &nat.EchoTable()}) {
         if (!table->Consistent()) abort();
         table->Sweep();
         const std::vector<uint32_t> pool = table == &nat.TcpTable() ? Rig::Ports(5000, 8) : Rig::Ports(6000, 4);
-        if (sorted(table->FreePorts()) != pool) abort();
+        std::vector<uint32_t> free = table->FreePorts();
+        std::sort(free.begin(), free.end());
+        if (free != pool) abort();
     }
     if (nat.Rules().size() != 3) abort();
     return 0;

@@ -62,25 +62,6 @@ Fields Parse(const Frame& f) {
     return r;
 }
 
-FakeArpCache::FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock) : table(std::move(clock)) {
-    table.Subscribe(this);
-}
-
-FakeArpCache::~FakeArpCache() { table.Unsubscribe(this); }
-
-Nat::AdapterInfo Net::Internal() {
-    return {"int0", "Internal", ToBytes(kIntMac), {{ToBytes(kIntIp), {255, 255, 255, 0}}}, {}, {}};
-}
-
-Nat::AdapterInfo Net::External() {
-    return {"ext0", "External", ToBytes(kExtMac), {{ToBytes(kExtIp), {255, 255, 255, 0}}}, ToBytes(kGatewayMac),
-            {10, 0, 0, 1}};
-}
-
-Nat::AdapterInfo Net::Servers() {
-    return {"srv0", "Servers", ToBytes(kSrvMac), {{ToBytes(kSrvSideIp), {255, 255, 255, 0}}}, {}, {}};
-}
-
 Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource, bool http,
                        bool ftp) {
     return {.fromAdapter = Net::External(), .fromIp = {}, .fromPort = fromPort, .protocol = protocol,

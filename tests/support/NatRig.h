@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Nat/NetworkAddressTranslator.h"
@@ -35,11 +36,18 @@ inline constexpr Ipv4Address kFarIp = Ip(93, 184, 216, 34);  // behind the gatew
 inline constexpr MacAddress kServerMac = Mac(0x31);          // the published server on srv0
 inline constexpr Ipv4Address kServerIp = Ip(172, 20, 0, 20);
 
-struct Net {
-    static Nat::AdapterInfo Internal();
-    static Nat::AdapterInfo External();
-    static Nat::AdapterInfo Servers();
-};
+namespace Net {
+inline Nat::AdapterInfo Internal() {
+    return {"int0", "Internal", ToBytes(kIntMac), {{ToBytes(kIntIp), {255, 255, 255, 0}}}, {}, {}};
+}
+inline Nat::AdapterInfo External() {
+    return {"ext0", "External", ToBytes(kExtMac), {{ToBytes(kExtIp), {255, 255, 255, 0}}}, ToBytes(kGatewayMac),
+            {10, 0, 0, 1}};
+}
+inline Nat::AdapterInfo Servers() {
+    return {"srv0", "Servers", ToBytes(kSrvMac), {{ToBytes(kSrvSideIp), {255, 255, 255, 0}}}, {}, {}};
+}
+}  // namespace Net
 
 // Ethernet II + IPv4 + TCP or UDP with valid checksums, padded to the 60-byte minimum; a
 // spec is a builder, so a test may set more fields before building.
@@ -79,8 +87,10 @@ Fields Parse(const Frame& frame);
 // The ARP cache face that sessions give the translator, over a real table.
 class FakeArpCache : public NativeNetworkDriver::IArpCache, public Nat::IResolvedPacketSubscriber {
 public:
-    explicit FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock);
-    ~FakeArpCache() override;
+    explicit FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock) : table(std::move(clock)) {
+        table.Subscribe(this);
+    }
+    ~FakeArpCache() override { table.Unsubscribe(this); }
     bool RegisterDrivers(const void*, const std::set<std::string>&) override { return true; }
     void UnregisterDrivers(const void*) override {}
     NativeNetworkDriver::ArpTable* GetArpTable() override { return &table; }
@@ -114,6 +124,9 @@ struct Rig {
         return Pass(true, frame, guid, partialChecksum);
     }
     uint32_t Pass(bool fromExternal, Frame& frame, const std::string& guid, bool partialChecksum);
+    // The frame as it comes out; empty when it was not claimed.
+    Frame OutFrame(Frame frame) { return Out(frame) ? frame : Frame{}; }
+    Frame InFrame(Frame frame) { return In(frame) ? frame : Frame{}; }
     Nat::Decision Decide(bool fromExternal, const Frame& frame) {
         return nat->Decide(fromExternal, frame, Nat::ReadFrameView(frame));
     }
