@@ -15,12 +15,10 @@ struct IcsRig {
     Nat::InternetConnectionSharing ics;
 
     explicit IcsRig(Nat::ProxyInfo proxy = {})
-        : ics(Rig::Ports(5000, 4), Rig::Ports(6000, 4), 60000, Net::External(), {Net::Internal(), Second()},
+        : ics(Rig::Ports(5000, 4), Rig::Ports(6000, 4), 60000, Net::External(),
+              {Net::Internal(),
+               {"int1", "Second", ToBytes(Mac(0x05)), {{{192, 168, 2, 1}, {255, 255, 255, 0}}}, {}, {}}},
               std::move(proxy), {}, &arp, [this] { return now; }) {}
-
-    static Nat::AdapterInfo Second() {
-        return {"int1", "Second", ToBytes(Mac(0x05)), {{ToBytes(Ip(192, 168, 2, 1)), {255, 255, 255, 0}}}, {}, {}};
-    }
 };
 
 }  // namespace

@@ -221,8 +221,8 @@ TEST(NatFtp, PassiveDataConnectionIsTranslatedLikeItsControlConnection) {
 
     control.FromClient(100, 0, kSyn);
     control.FromServer(7000, 101, kSyn | kAck);
-    const Fields out = control.FromServer(7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,156,64).\r\n");
-    EXPECT_EQ(out.payload, "227 Entering Passive Mode (10,0,0,2,19,137).\r\n");
+    EXPECT_EQ(control.FromServer(7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,156,64).\r\n").payload,
+              "227 Entering Passive Mode (10,0,0,2,19,137).\r\n");
 
     Conversation data{.rig = rig, .clientPort = 40001, .published = 5001, .serverSees = kSrvSideIp,
                       .serverSeesPort = 5002, .serverPort = 40000};
