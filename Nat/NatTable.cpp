@@ -20,14 +20,6 @@ std::string PeerText(const ExternalKey& key) {
            " externalPort: " + std::to_string(key.externalPort);
 }
 
-// Keeps the offsets of every stored copy of an entry's keys equal to the adjustments.
-void MirrorOffsets(const ActivityRecord& record, const ExternalKey& external, const InternalKey& internal) {
-    external.sequenceOffset = record.towardsExternal.offsetAfter;
-    external.acknowledgmentOffset = -record.towardsInternal.offsetAfter;
-    internal.sequenceOffset = record.towardsInternal.offsetAfter;
-    internal.acknowledgmentOffset = -record.towardsExternal.offsetAfter;
-}
-
 }  // namespace
 
 int32_t SequenceAdjustment::SequenceOffset(uint32_t sequence) const {
@@ -253,14 +245,10 @@ MacAddress NatTable::GetInternalHostMac(const ExternalKey& key) const {
 
 NatTable::OutboundIndex::iterator NatTable::InsertLocked(const ExternalKey& key, const InternalKey& internal,
                                                         ActivityRecord record, const char* kind) {
-    ExternalKey external = key;
-    InternalKey host = internal;
-    external.sequenceOffset = external.acknowledgmentOffset = 0;
-    host.sequenceOffset = host.acknowledgmentOffset = 0;
-    auto activity = activity_.emplace(external, std::move(record)).first;
-    inbound_.emplace(external, InboundValue{host, activity});
-    auto out = outbound_.emplace(host, OutboundValue{external, activity}).first;
-    if (DebugEnabled()) Log(std::string("Added entry to Nat Table for ") + kind + " " + EntryText(host, external),
+    auto activity = activity_.emplace(key, std::move(record)).first;
+    inbound_.emplace(key, InboundValue{internal, activity});
+    auto out = outbound_.emplace(internal, OutboundValue{key, activity}).first;
+    if (DebugEnabled()) Log(std::string("Added entry to Nat Table for ") + kind + " " + EntryText(internal, key),
                             LogLevel::Debug);
     return out;
 }
@@ -338,9 +326,6 @@ void NatTable::UpdateReceivedBytesInfo(const ExternalKey& key, const InternalKey
     auto act = in->second.activity;
     ActivityRecord& record = act->second;
     (towardsExternal ? record.towardsExternal : record.towardsInternal).Record(sequence, delta);
-    MirrorOffsets(record, act->first, out->first);
-    MirrorOffsets(record, in->first, in->second.host);
-    MirrorOffsets(record, out->second.external, out->first);
 }
 
 void NatTable::Remove(const ExternalKey& key) {
@@ -394,17 +379,6 @@ std::vector<uint32_t> NatTable::FreePorts() const {
 size_t NatTable::EntryCount() const {
     std::lock_guard<std::mutex> guard(lock_);
     return activity_.size();
-}
-
-std::optional<EntryView> NatTable::Find(const ExternalKey& key) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    auto in = inbound_.find(key);
-    if (in == inbound_.end()) return std::nullopt;
-    EntryView view;
-    view.external = in->first;
-    view.internal = in->second.host;
-    view.dnat = in->second.activity->second.dnat;
-    return view;
 }
 
 bool NatTable::Consistent() const {

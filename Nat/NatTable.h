@@ -123,7 +123,6 @@ public:
     size_t FreePortCount() const;
     std::vector<uint32_t> FreePorts() const;
     size_t EntryCount() const;
-    std::optional<EntryView> Find(const ExternalKey& key) const;
     // True when the three indexes hold the same entries.
     bool Consistent() const;
 

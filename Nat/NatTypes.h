@@ -43,15 +43,12 @@ struct IpRange {
     Bytes mask;
 };
 
-// Where a translated flow leaves and returns on the external side. The two offsets ride
-// along and take no part in comparisons.
+// Where a translated flow leaves and returns on the external side.
 struct ExternalKey {
     uint32_t externalPort = 0;
     MacAddress externalAdapterMac{};
     Ipv4Address remoteIp{};
     uint32_t remotePort = 0;
-    mutable int32_t sequenceOffset = 0;
-    mutable int32_t acknowledgmentOffset = 0;
 };
 // Byte strings of fixed size compare as big-endian numbers; this is the byte-wise order.
 inline uint64_t MacNumber(const MacAddress& m) {
@@ -75,8 +72,7 @@ inline bool operator==(const ExternalKey& a, const ExternalKey& b) {
 }
 
 // The internal side of a flow. Stored as the outbound index's key and, as
-// InternalHostInfo, as the inbound index's value; the offsets are those applied to
-// frames going to the internal host and take no part in comparisons.
+// InternalHostInfo, as the inbound index's value.
 struct InternalKey {
     MacAddress hostMac{};
     Ipv4Address hostIp{};
@@ -84,8 +80,6 @@ struct InternalKey {
     MacAddress adapterMac{};
     Ipv4Address destinationIp{};
     uint32_t destinationPort = 0;
-    mutable int32_t sequenceOffset = 0;
-    mutable int32_t acknowledgmentOffset = 0;
 };
 // Ordered by internal port, destination port, host IP, host MAC, adapter MAC, destination IP.
 inline bool operator<(const InternalKey& a, const InternalKey& b) {

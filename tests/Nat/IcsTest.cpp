@@ -15,12 +15,10 @@ struct IcsRig {
     Nat::InternetConnectionSharing ics;
 
     explicit IcsRig(Nat::ProxyInfo proxy = {})
-        : ics(Rig::Ports(5000, 4), Rig::Ports(6000, 4), 60000, Net::External(), {Net::Internal(), Second()},
+        : ics(Rig::Ports(5000, 4), Rig::Ports(6000, 4), 60000, Net::External(),
+              {Net::Internal(),
+               {"int1", "Second", ToBytes(Mac(0x05)), {{{192, 168, 2, 1}, {255, 255, 255, 0}}}, {}, {}}},
               std::move(proxy), {}, &arp, [this] { return now; }) {}
-
-    static Nat::AdapterInfo Second() {
-        return {"int1", "Second", ToBytes(Mac(0x05)), {{ToBytes(Ip(192, 168, 2, 1)), {255, 255, 255, 0}}}, {}, {}};
-    }
 };
 
 }  // namespace
@@ -43,11 +41,10 @@ TEST(Ics, SharesPublicDestinationsNameLookupsAndTheProxy) {
     IcsRig rig(proxy);
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.dst[0]) + "." + std::to_string(c.dst[1]) + ":" + std::to_string(c.port));
-        const auto kind = rig.ics.ClassifyInternalPacket(FlowView(17, kHostMac, c.dstMac, kHostIp, c.dst, 50000, c.port)).kind;
-        EXPECT_EQ(kind, c.shared ? Nat::TranslationKind::Snat : Nat::TranslationKind::None);
+        const Frame frame = Udp({kHostMac, c.dstMac, kHostIp, c.dst, 50000, c.port});
+        EXPECT_EQ(rig.ics.Decide(false, frame, Nat::ReadFrameView(frame)).kind,
+                  c.shared ? Nat::TranslationKind::Snat : Nat::TranslationKind::None);
     }
-    EXPECT_EQ(rig.ics.ClassifyExternalPacket(FlowView(6, kGatewayMac, kExtMac, kFarIp, kExtIp, 80, 5000)).kind,
-              Nat::TranslationKind::None);
     EXPECT_TRUE(rig.ics.Rules().empty());
     EXPECT_FALSE(rig.ics.FtpEnabled());
 }

@@ -12,24 +12,6 @@ namespace {
 
 constexpr uint16_t kMss = 1448;
 
-// The frame as a sender with checksum offload hands it over: the transport checksum field
-// holds the folded pseudo-header sum over the whole length.
-Nat::FrameOffload MakePartial(Frame& f, bool superFrame) {
-    Nat::FrameOffload offload;
-    const size_t field = TransportChecksumOffset(f);
-    const uint16_t pseudo = PseudoHeaderChecksum(f);
-    f[field] = static_cast<uint8_t>(pseudo >> 8);
-    f[field + 1] = static_cast<uint8_t>(pseudo);
-    offload.flags = Nat::kOffloadNeedsChecksum;
-    offload.csumStart = static_cast<uint16_t>(TransportOffset(f));
-    offload.csumOffset = static_cast<uint16_t>(field - offload.csumStart);
-    if (superFrame) {
-        offload.gsoType = f[23] == 6 ? Nat::kGsoTcpV4 : Nat::kGsoUdpL4;
-        offload.gsoSize = kMss;
-    }
-    return offload;
-}
-
 std::vector<Frame> WireFrames(const Frame& f, const Nat::FrameOffload& offload) {
     Nat::SuperFrameSplitter splitter;
     std::vector<Frame> out;
@@ -39,22 +21,18 @@ std::vector<Frame> WireFrames(const Frame& f, const Nat::FrameOffload& offload) 
     return out;
 }
 
-struct Case {
-    const char* name;
-    bool outbound;
-    bool tcp;
-    bool superFrame;
-};
-
 }  // namespace
 
 TEST(NatSuperFrame, HeaderOnlyTranslationEqualsTranslatingEachWireFrame) {
-    const Case cases[] = {
+    const struct {
+        const char* name;
+        bool outbound, tcp, superFrame;
+    } cases[] = {
         {"TCP super-frame out", true, true, true},   {"TCP super-frame in", false, true, true},
         {"TCP partial out", true, true, false},      {"UDP partial in", false, false, false},
         {"UDP super-frame out", true, false, true},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         // Two identical translators with the flow set up: one sees the super-frame, the
         // other the wire frames it stands for.
@@ -76,7 +54,12 @@ TEST(NatSuperFrame, HeaderOnlyTranslationEqualsTranslatingEachWireFrame) {
             ASSERT_NE(rig->Out(first), 0u);
         }
         Frame frame = c.outbound ? out : in;
-        const Nat::FrameOffload offload = MakePartial(frame, c.superFrame);
+        // As a sender with checksum offload hands it over.
+        Nat::FrameOffload offload = LeaveChecksumToHardware(frame);
+        if (c.superFrame) {
+            offload.gsoType = c.tcp ? Nat::kGsoTcpV4 : Nat::kGsoUdpL4;
+            offload.gsoSize = kMss;
+        }
         const std::vector<Frame> expectedInput = WireFrames(frame, offload);
 
         ASSERT_NE(c.outbound ? whole.Out(frame, "int0", true) : whole.In(frame, "ext0", true), 0u);
@@ -85,10 +68,7 @@ TEST(NatSuperFrame, HeaderOnlyTranslationEqualsTranslatingEachWireFrame) {
         for (size_t i = 0; i < got.size(); ++i) {
             Frame expected = expectedInput[i];
             ASSERT_NE(c.outbound ? wire.Out(expected) : wire.In(expected), 0u);
-            EXPECT_TRUE(IpChecksumValid(got[i]) && TransportChecksumValid(got[i])) << "segment " << i;
             EXPECT_EQ(got[i], expected) << "segment " << i;
         }
-        const Fields f = Parse(got.front());
-        EXPECT_EQ(c.outbound ? f.srcIp : f.dstIp, c.outbound ? kExtIp : kHostIp);
     }
 }

@@ -1,11 +1,12 @@
 // Feeds frames through the engine's decision and translation in both directions: raw bytes,
 // and real frames (SNAT, replies, published services, HTTP, FTP, fragments, ICMP echo
-// and errors quoting translated flows, whole or cut) with
-// fuzzer-chosen bytes overwritten. The engine must answer or throw Nat::Exception; at
-// the end, once everything has expired, every pool port must be free exactly once.
+// and errors quoting translated flows, whole or cut) with fuzzer-chosen bytes overwritten.
+// The engine must answer or throw Nat::Exception; at the end, once everything has expired,
+// every pool port must be free exactly once.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <utility>
 
 #include "support/NatRig.h"
 
@@ -27,19 +28,16 @@ Frame Template(uint8_t which, uint16_t port) {
     const uint16_t udpPool = static_cast<uint16_t>(6000 + port % 4);  // also the echo identifiers
     const uint8_t flags = kAck | kPsh;
     const size_t quote = 20 + port % 48;  // whole headers, or cut anywhere in the transport header
+    // Errors from outside about a translated TCP, UDP or echo datagram.
+    auto error = [quote](const Ipv4Address& from, uint8_t type, const Frame& about) {
+        return Icmp(kGatewayMac, kExtMac, from, kExtIp, ErrorMessage(type, 4, 1280, about, quote));
+    };
     switch (which % 16) {
         case 10: return Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, port, 1, "ping"));
         case 11: return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp, EchoMessage(0, udpPool, 1, "pong"));
-        case 12:
-            return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
-                        ErrorMessage(3, 4, 1280, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, pool, 80, 0, 0, flags}), quote));
-        case 13:
-            return Icmp(kGatewayMac, kExtMac, kPeerIp, kExtIp,
-                        ErrorMessage(11, 0, 0, Udp({kExtMac, kGatewayMac, kExtIp, kFarIp, udpPool, 53, "q"}), quote));
-        case 14:
-            return Icmp(kGatewayMac, kExtMac, kFarIp, kExtIp,
-                        ErrorMessage(3, 1, 0, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, udpPool, 1, "")),
-                                     quote));
+        case 12: return error(kFarIp, 3, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, pool, 80, 0, 0, flags}));
+        case 13: return error(kPeerIp, 11, Udp({kExtMac, kGatewayMac, kExtIp, kFarIp, udpPool, 53, "q"}));
+        case 14: return error(kFarIp, 3, Icmp(kExtMac, kGatewayMac, kExtIp, kFarIp, EchoMessage(8, udpPool, 1, "")));
         case 15:
             return Icmp(kHostMac, kIntMac, kHostIp, kFarIp,
                         ErrorMessage(3, 3, 0, Udp({kIntMac, kHostMac, kFarIp, kHostIp, 53, port, "a"}), quote));
@@ -65,10 +63,8 @@ Frame Template(uint8_t which, uint16_t port) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in{data, size};
-    Nat::RedirectRule http = Rule(6, 8080, 80, in.Byte() & 1);
-    http.httpHostTranslation = true;
-    Nat::RedirectRule ftp = Rule(6, 21, 21, in.Byte() & 1);
-    ftp.ftpSupport = true;
+    Nat::RedirectRule http = Rule(6, 8080, 80, in.Byte() & 1, true);
+    Nat::RedirectRule ftp = Rule(6, 21, 21, in.Byte() & 1, false, true);
     Nat::RedirectRule dns = Rule(17, 5353, 53, true);
     dns.fromIp = {{{90, 0, 0, 0}, {95, 0, 0, 0}, {255, 0, 0, 0}}};
     Rig rig({http, ftp, dns}, {Rig::DefaultMapping()}, Rig::Ports(5000, 8), Rig::Ports(6000, 4), 5000);
@@ -100,28 +96,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const bool fromExternal = !outbound;
             const std::string guid = outbound ? "int0" : "ext0";
             if (op & 0x10) {
-                // Cut into fragments at an 8-byte boundary; the tail may come first.
-                Nat::FragmentList fragments{frame};
-                if (frame.size() > 42) {
-                    const size_t cut = 34 + ((frame.size() - 34) / 16) * 8;
-                    Frame tail(frame.begin(), frame.begin() + 34);
-                    tail.insert(tail.end(), frame.begin() + static_cast<std::ptrdiff_t>(cut), frame.end());
-                    tail[20] = static_cast<uint8_t>(((cut - 34) / 8) >> 8);
-                    tail[21] = static_cast<uint8_t>((cut - 34) / 8);
-                    fragments[0].resize(cut);
+                // The frame as a first fragment and a copy of it as a later one, in either
+                // order; bit 2 picks the fragment whose view is handed in, head or not.
+                Nat::FragmentList fragments{frame, frame};
+                if (frame.size() > 21) {
                     fragments[0][20] |= 0x20;
-                    if (op & 0x40) fragments.insert(fragments.begin(), tail);
-                    else fragments.push_back(tail);
+                    fragments[1][21] |= 0x01;
                 }
-                // Bit 2: the view of whichever fragment comes first, head or not.
-                const Frame& viewed = (op & 4) ? fragments.front() : fragments[(op & 0x40) && fragments.size() > 1];
-                nat.Translate(fromExternal, fragments, Nat::ReadFrameView(viewed), guid);
-            } else if (op & 4) {
-                // Any decision, handed in without deciding.
-                const auto kind = static_cast<Nat::TranslationKind>((op >> 3) & 3);
-                const bool mapped = kind == Nat::TranslationKind::Snat && outbound;
-                const auto decision = Nat::Decision::Of(kind, nullptr, mapped ? &nat.Mappings()[0] : nullptr);
-                nat.Apply(decision, fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
+                if (op & 0x40) std::swap(fragments[0], fragments[1]);
+                nat.Translate(fromExternal, fragments, Nat::ReadFrameView(fragments[(op & 4) != 0]), guid);
+            } else if (op & 4) {  // any decision, handed in without deciding
+                rig.Forced(static_cast<Nat::TranslationKind>((op >> 3) & 3), fromExternal, frame, guid);
             } else {
                 // Bit 6 without fragments: the frame carries a partial (offloaded) checksum.
                 nat.Translate(fromExternal, frame, Nat::ReadFrameView(frame), guid, (op & 0x40) != 0);
@@ -131,20 +116,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // Everything expires; every pool port must be back exactly once.
-    if (!nat.TcpTable().Consistent() || !nat.UdpTable().Consistent() || !nat.EchoTable().Consistent()) abort();
     rig.now += 60000;
-    nat.TcpTable().Sweep();
-    nat.UdpTable().Sweep();
-    nat.EchoTable().Sweep();
-    nat.ClassifyExternalPacket(FlowView(6, kGatewayMac, kExtMac, {1, 1, 1, 1}, kExtIp, 1, 1));  // drops expired temporary rules
-    std::vector<uint32_t> tcpFree = nat.TcpTable().FreePorts(), udpFree = nat.UdpTable().FreePorts();
-    std::sort(tcpFree.begin(), tcpFree.end());
-    std::vector<uint32_t> echoFree = nat.EchoTable().FreePorts();
-    std::sort(udpFree.begin(), udpFree.end());
-    std::sort(echoFree.begin(), echoFree.end());
-    if (tcpFree != Rig::Ports(5000, 8) || udpFree != Rig::Ports(6000, 4) || echoFree != Rig::Ports(6000, 4) ||
-        nat.Rules().size() != 3) {
-        abort();
+    rig.Decide(true, Tcp({kGatewayMac, kExtMac, {1, 1, 1, 1}, kExtIp, 1, 1, 0, 0, kSyn}));  // drops expired rules
+    for (Nat::NatTable* table : {&nat.TcpTable(), &nat.UdpTable(), &nat.EchoTable()}) {
+        if (!table->Consistent()) abort();
+        table->Sweep();
+        const std::vector<uint32_t> pool = table == &nat.TcpTable() ? Rig::Ports(5000, 8) : Rig::Ports(6000, 4);
+        std::vector<uint32_t> free = table->FreePorts();
+        std::sort(free.begin(), free.end());
+        if (free != pool) abort();
     }
+    if (nat.Rules().size() != 3) abort();
     return 0;
 }

@@ -5,125 +5,27 @@
 
 namespace NatTest {
 
-namespace {
+TcpSpec::TcpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                 const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort, uint32_t seq, uint32_t ack,
+                 uint8_t flags, const std::string& payload)
+    : FrameBuilder(FrameBuilder::Tcp().EthSrc(srcMac).EthDst(dstMac).IpSrc(srcIp).IpDst(dstIp).SrcPort(srcPort)
+                       .DstPort(dstPort).Seq(seq).AckNumber(ack).Flags(flags).Payload(payload).PadTo(60)) {}
 
-FrameBuilder UdpBuilder(const UdpSpec& s) {
-    FrameBuilder b = FrameBuilder::Udp().EthSrc(s.srcMac).EthDst(s.dstMac).IpSrc(s.srcIp).IpDst(s.dstIp)
-                         .SrcPort(s.srcPort).DstPort(s.dstPort).DontFragment(false).Payload(s.payload).PadTo(60);
-    if (s.noChecksum) b.NoUdpChecksum();
-    return b;
-}
-
-}  // namespace
-
-Frame Tcp(const TcpSpec& s) {
-    return FrameBuilder::Tcp().EthSrc(s.srcMac).EthDst(s.dstMac).IpSrc(s.srcIp).IpDst(s.dstIp).SrcPort(s.srcPort)
-        .DstPort(s.dstPort).Seq(s.seq).AckNumber(s.ack).Flags(s.flags).Payload(s.payload).TcpOptions(s.tcpOptions)
-        .IpOptions(s.ipOptions).PadTo(60).Build();
-}
-
-Frame Udp(const UdpSpec& s) { return UdpBuilder(s).Build(); }
-
-FragmentList UdpFragments(const UdpSpec& s, size_t chunk) { return UdpBuilder(s).BuildFragments(chunk); }
-
-Fields Parse(const Frame& f) {
-    if (f.size() < 34) throw std::invalid_argument("frame too short to parse");
-    Fields r;
-    std::copy(f.begin(), f.begin() + 6, r.dstMac.begin());
-    std::copy(f.begin() + 6, f.begin() + 12, r.srcMac.begin());
-    std::copy(f.begin() + 26, f.begin() + 30, r.srcIp.begin());
-    std::copy(f.begin() + 30, f.begin() + 34, r.dstIp.begin());
-    r.protocol = f[23];
-    const size_t t = 14 + (f[14] & 0x0F) * 4u;
-    const bool first = (Be16(f, 20) & 0x1FFF) == 0;
-    if (!first || f.size() < t + 8) return r;
-    r.srcPort = Be16(f, t);
-    r.dstPort = Be16(f, t + 2);
-    const size_t end = std::min<size_t>(f.size(), 14 + Be16(f, 16));
-    size_t begin = t + 8;
-    if (r.protocol == kProtoTcp && f.size() >= t + 20) {
-        r.seq = Be32(f, t + 4);
-        r.ack = Be32(f, t + 8);
-        r.flags = f[t + 13];
-        begin = t + (f[t + 12] >> 4) * 4u;
-    }
-    if ((r.protocol == kProtoTcp || r.protocol == kProtoUdp) && begin < end)
-        r.payload.assign(f.begin() + static_cast<long>(begin), f.begin() + static_cast<long>(end));
-    return r;
-}
-
-FakeArpCache::FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock) : table(std::move(clock)) {
-    table.Subscribe(this);
-}
-
-FakeArpCache::~FakeArpCache() { table.Unsubscribe(this); }
-
-void FakeArpCache::OnResolvedFragments(const std::set<Frame>& fragments, const std::string& guid) {
-    releasedFragments.emplace_back(fragments, guid);
-}
-
-void FakeArpCache::OnResolvedFrame(const Frame& frame, const std::string& guid) { released.emplace_back(frame, guid); }
-
-Nat::AdapterInfo Net::Internal() {
-    return {"int0", "Internal", ToBytes(kIntMac), {{ToBytes(kIntIp), {255, 255, 255, 0}}}, {}, {}};
-}
-
-Nat::AdapterInfo Net::External() {
-    return {"ext0", "External", ToBytes(kExtMac), {{ToBytes(kExtIp), {255, 255, 255, 0}}}, ToBytes(kGatewayMac),
-            {10, 0, 0, 1}};
-}
-
-Nat::AdapterInfo Net::Servers() {
-    return {"srv0", "Servers", ToBytes(kSrvMac), {{ToBytes(kSrvSideIp), {255, 255, 255, 0}}}, {}, {}};
-}
-
-Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource) {
-    Nat::RedirectRule rule;
-    rule.fromAdapter = Net::External();
-    rule.fromPort = fromPort;
-    rule.protocol = protocol;
-    rule.toAdapter = Net::Servers();
-    rule.toIp = ToBytes(kServerIp);
-    rule.toPort = toPort;
-    rule.translateSource = translateSource;
-    return rule;
-}
-
-Rig::Rig(std::vector<Nat::RedirectRule> rules, std::vector<Nat::AdapterMapping> mappings,
-         std::vector<uint32_t> tcpPorts, std::vector<uint32_t> udpPorts, uint32_t timeoutMs,
-         std::vector<Bytes> whiteList, Nat::ProxyInfo proxy)
-    : arp([this] { return now; }) {
-    nat = std::make_unique<Nat::NetworkAddressTranslator>(tcpPorts, udpPorts, timeoutMs, std::move(rules),
-                                                          std::move(mappings), std::move(proxy),
-                                                          std::move(whiteList), &arp, [this] { return now; });
-}
-
-std::vector<uint32_t> Rig::Ports(uint32_t first, uint32_t count) {
-    std::vector<uint32_t> ports;
-    for (uint32_t i = 0; i < count; ++i) ports.push_back(first + i);
-    return ports;
+UdpSpec::UdpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                 const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort, const std::string& payload,
+                 bool noChecksum)
+    : FrameBuilder(FrameBuilder::Udp().EthSrc(srcMac).EthDst(dstMac).IpSrc(srcIp).IpDst(dstIp).SrcPort(srcPort)
+                       .DstPort(dstPort).DontFragment(false).Payload(payload).PadTo(60)) {
+    if (noChecksum) NoUdpChecksum();
 }
 
 Frame Icmp(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
            Bytes message) {
-    message.resize(std::max<size_t>(message.size(), 4));
-    message[2] = message[3] = 0;
     const uint16_t checksum = InternetChecksum(message.data(), message.size());
     message[2] = static_cast<uint8_t>(checksum >> 8);
     message[3] = static_cast<uint8_t>(checksum);
-    Frame frame = Udp({srcMac, dstMac, srcIp, dstIp, 1, 1});
-    frame.resize(34);
-    frame[23] = 1;
-    frame.insert(frame.end(), message.begin(), message.end());
-    const size_t total = frame.size() - 14;
-    frame[16] = static_cast<uint8_t>(total >> 8);
-    frame[17] = static_cast<uint8_t>(total);
-    frame[24] = frame[25] = 0;
-    const uint16_t ipChecksum = InternetChecksum(frame.data() + 14, 20);
-    frame[24] = static_cast<uint8_t>(ipChecksum >> 8);
-    frame[25] = static_cast<uint8_t>(ipChecksum);
-    if (frame.size() < 60) frame.resize(60);
-    return frame;
+    return FrameBuilder::Ipv4(kProtoIcmp).EthSrc(srcMac).EthDst(dstMac).IpSrc(srcIp).IpDst(dstIp).DontFragment(false)
+        .Payload(message).PadTo(60).Build();
 }
 
 Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const std::string& payload) {
@@ -141,6 +43,47 @@ Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about,
     return message;
 }
 
+Fields Parse(const Frame& f) {
+    if (f.size() < 34) throw std::invalid_argument("frame too short to parse");
+    Fields r;
+    std::copy_n(f.begin(), 6, r.dstMac.begin());
+    std::copy_n(f.begin() + 26, 4, r.srcIp.begin());
+    std::copy_n(f.begin() + 30, 4, r.dstIp.begin());
+    const size_t t = 14 + (f[14] & 0x0F) * 4u;
+    // Ports and what follows only from a first fragment of TCP or UDP.
+    if ((Be16(f, 20) & 0x1FFF) != 0 || (f[23] != kProtoTcp && f[23] != kProtoUdp) || f.size() < t + 20) return r;
+    r.srcPort = Be16(f, t);
+    r.dstPort = Be16(f, t + 2);
+    r.seq = Be32(f, t + 4);
+    r.ack = Be32(f, t + 8);
+    const size_t begin = t + (f[23] == kProtoTcp ? (f[t + 12] >> 4) * 4u : 8u);
+    const size_t end = std::min<size_t>(f.size(), 14 + Be16(f, 16));
+    if (begin < end) r.payload.assign(f.begin() + static_cast<long>(begin), f.begin() + static_cast<long>(end));
+    return r;
+}
+
+Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource, bool http,
+                       bool ftp) {
+    return {.fromAdapter = Net::External(), .fromIp = {}, .fromPort = fromPort, .protocol = protocol,
+            .toAdapter = Net::Servers(), .toIp = ToBytes(kServerIp), .toPort = toPort,
+            .translateSource = translateSource, .httpHostTranslation = http, .ftpSupport = ftp, .linkedKeys = {}};
+}
+
+Rig::Rig(std::vector<Nat::RedirectRule> rules, std::vector<Nat::AdapterMapping> mappings,
+         std::vector<uint32_t> tcpPorts, std::vector<uint32_t> udpPorts, uint32_t timeoutMs,
+         std::vector<Bytes> whiteList, Nat::ProxyInfo proxy)
+    : arp([this] { return now; }) {
+    nat = std::make_unique<Nat::NetworkAddressTranslator>(tcpPorts, udpPorts, timeoutMs, std::move(rules),
+                                                          std::move(mappings), std::move(proxy),
+                                                          std::move(whiteList), &arp, [this] { return now; });
+}
+
+std::vector<uint32_t> Rig::Ports(uint32_t first, uint32_t count) {
+    std::vector<uint32_t> ports;
+    for (uint32_t i = 0; i < count; ++i) ports.push_back(first + i);
+    return ports;
+}
+
 uint32_t Rig::Pass(bool fromExternal, Frame& frame, const std::string& guid, bool partialChecksum) {
     const Nat::FrameView view = Nat::ReadFrameView(frame);
     const Nat::Decision decision = nat->Decide(fromExternal, frame, view);
@@ -155,24 +98,6 @@ const Nat::AdapterInfo& Rig::Forced(Nat::TranslationKind kind, bool fromExternal
     const bool mapped = kind == Nat::TranslationKind::Snat && !fromExternal && !nat->Mappings().empty();
     const Nat::Decision decision = Nat::Decision::Of(kind, nullptr, mapped ? &nat->Mappings()[0] : nullptr);
     return nat->Apply(decision, fromExternal, frame, Nat::ReadFrameView(frame), guid);
-}
-
-Nat::FrameView FlowView(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
-                    const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort) {
-    Nat::FrameView view;
-    view.size = 60;
-    view.etherType = 0x0800;
-    view.ipv4 = view.ports = view.transportHeader = true;
-    view.ipHeaderSize = 20;
-    view.tcpHeaderSize = protocol == 6 ? 20 : 0;
-    view.protocol = protocol;
-    view.srcMac = srcMac;
-    view.dstMac = dstMac;
-    view.srcIp = srcIp;
-    view.dstIp = dstIp;
-    view.srcPort = srcPort;
-    view.dstPort = dstPort;
-    return view;
 }
 
 }  // namespace NatTest

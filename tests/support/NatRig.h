@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Nat/NetworkAddressTranslator.h"
@@ -35,46 +36,36 @@ inline constexpr Ipv4Address kFarIp = Ip(93, 184, 216, 34);  // behind the gatew
 inline constexpr MacAddress kServerMac = Mac(0x31);          // the published server on srv0
 inline constexpr Ipv4Address kServerIp = Ip(172, 20, 0, 20);
 
-struct Net {
-    static Nat::AdapterInfo Internal();
-    static Nat::AdapterInfo External();
-    static Nat::AdapterInfo Servers();
-};
+namespace Net {
+inline Nat::AdapterInfo Internal() {
+    return {"int0", "Internal", ToBytes(kIntMac), {{ToBytes(kIntIp), {255, 255, 255, 0}}}, {}, {}};
+}
+inline Nat::AdapterInfo External() {
+    return {"ext0", "External", ToBytes(kExtMac), {{ToBytes(kExtIp), {255, 255, 255, 0}}}, ToBytes(kGatewayMac),
+            {10, 0, 0, 1}};
+}
+inline Nat::AdapterInfo Servers() {
+    return {"srv0", "Servers", ToBytes(kSrvMac), {{ToBytes(kSrvSideIp), {255, 255, 255, 0}}}, {}, {}};
+}
+}  // namespace Net
 
-// Ethernet II + IPv4 + TCP or UDP with valid checksums, padded to the 60-byte minimum.
-struct TcpSpec {
+// Ethernet II + IPv4 + TCP or UDP with valid checksums, padded to the 60-byte minimum; a
+// spec is a builder, so a test may set more fields before building.
+struct TcpSpec : FrameBuilder {
     TcpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
-            uint16_t srcPort, uint16_t dstPort, uint32_t seq, uint32_t ack, uint8_t flags, std::string payload = {})
-        : srcMac(srcMac), dstMac(dstMac), srcIp(srcIp), dstIp(dstIp), srcPort(srcPort), dstPort(dstPort), seq(seq),
-          ack(ack), flags(flags), payload(std::move(payload)) {}
-    MacAddress srcMac{}, dstMac{};
-    Ipv4Address srcIp{}, dstIp{};
-    uint16_t srcPort = 0, dstPort = 0;
-    uint32_t seq = 0, ack = 0;
-    uint8_t flags = kAck;
-    std::string payload;
-    Bytes tcpOptions;
-    Bytes ipOptions;
+            uint16_t srcPort, uint16_t dstPort, uint32_t seq, uint32_t ack, uint8_t flags,
+            const std::string& payload = {});
 };
-Frame Tcp(const TcpSpec& spec);
+inline Frame Tcp(const TcpSpec& spec) { return spec.Build(); }
 
-struct UdpSpec {
+struct UdpSpec : FrameBuilder {
     UdpSpec(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
-            uint16_t srcPort, uint16_t dstPort, std::string payload = {}, bool noChecksum = false)
-        : srcMac(srcMac), dstMac(dstMac), srcIp(srcIp), dstIp(dstIp), srcPort(srcPort), dstPort(dstPort),
-          payload(std::move(payload)), noChecksum(noChecksum) {}
-    MacAddress srcMac{}, dstMac{};
-    Ipv4Address srcIp{}, dstIp{};
-    uint16_t srcPort = 0, dstPort = 0;
-    std::string payload;
-    bool noChecksum = false;
+            uint16_t srcPort, uint16_t dstPort, const std::string& payload = {}, bool noChecksum = false);
 };
-Frame Udp(const UdpSpec& spec);
-// The same datagram cut into fragments of at most `chunk` bytes of IP payload (a multiple of 8).
-FragmentList UdpFragments(const UdpSpec& spec, size_t chunk);
+inline Frame Udp(const UdpSpec& spec) { return spec.Build(); }
 
-// Ethernet II + IPv4 (protocol 1) + the given ICMP message, whose checksum the builder
-// fills in (bytes 2-3 of `message` are ignored); outer IP header as Udp() builds it.
+// Ethernet II + IPv4 (protocol 1) + the given ICMP message with bytes 2-3 zero, whose
+// checksum goes there; outer IP header as Udp() builds it.
 Frame Icmp(const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp, const Ipv4Address& dstIp,
            Bytes message);
 // An echo request (type 8) or reply (type 0) message.
@@ -83,32 +74,30 @@ Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const st
 // `mtu` goes in bytes 6-7 (fragmentation needed).
 Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about, size_t quoteBytes);
 
-// Independent field reading; ports and what follows only from a first fragment.
+// Independent field reading; the frame holds at least an Ethernet and an IPv4 header.
 struct Fields {
-    MacAddress srcMac{}, dstMac{};
+    MacAddress dstMac{};
     Ipv4Address srcIp{}, dstIp{};
-    uint8_t protocol = 0;
     uint16_t srcPort = 0, dstPort = 0;
     uint32_t seq = 0, ack = 0;
-    uint8_t flags = 0;
     std::string payload;
 };
-Fields Parse(const Frame& frame);  // the frame holds at least an Ethernet and an IPv4 header
-
-// The view of a TCP (6) or UDP (17) frame with these fields, for the decision steps.
-Nat::FrameView FlowView(uint8_t protocol, const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
-                    const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort);
+Fields Parse(const Frame& frame);
 
 // The ARP cache face that sessions give the translator, over a real table.
 class FakeArpCache : public NativeNetworkDriver::IArpCache, public Nat::IResolvedPacketSubscriber {
 public:
-    explicit FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock);
-    ~FakeArpCache() override;
+    explicit FakeArpCache(NativeNetworkDriver::ArpTable::Clock clock) : table(std::move(clock)) {
+        table.Subscribe(this);
+    }
+    ~FakeArpCache() override { table.Unsubscribe(this); }
     bool RegisterDrivers(const void*, const std::set<std::string>&) override { return true; }
     void UnregisterDrivers(const void*) override {}
     NativeNetworkDriver::ArpTable* GetArpTable() override { return &table; }
-    void OnResolvedFragments(const std::set<Frame>& fragments, const std::string& guid) override;
-    void OnResolvedFrame(const Frame& frame, const std::string& guid) override;
+    void OnResolvedFragments(const std::set<Frame>& fragments, const std::string& guid) override {
+        releasedFragments.emplace_back(fragments, guid);
+    }
+    void OnResolvedFrame(const Frame& frame, const std::string& guid) override { released.emplace_back(frame, guid); }
 
     NativeNetworkDriver::ArpTable table;
     std::vector<std::pair<Frame, std::string>> released;
@@ -116,7 +105,8 @@ public:
 };
 
 // A rule publishing `fromPort` of ext0 as `toPort` of the server on srv0.
-Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource);
+Nat::RedirectRule Rule(uint8_t protocol, uint32_t fromPort, uint32_t toPort, bool translateSource, bool http = false,
+                       bool ftp = false);
 
 // A translator with its clock, ARP table and the network above.
 struct Rig {
@@ -134,6 +124,12 @@ struct Rig {
         return Pass(true, frame, guid, partialChecksum);
     }
     uint32_t Pass(bool fromExternal, Frame& frame, const std::string& guid, bool partialChecksum);
+    // The frame as it comes out; empty when it was not claimed.
+    Frame OutFrame(Frame frame) { return Out(frame) ? frame : Frame{}; }
+    Frame InFrame(Frame frame) { return In(frame) ? frame : Frame{}; }
+    Nat::Decision Decide(bool fromExternal, const Frame& frame) {
+        return nat->Decide(fromExternal, frame, Nat::ReadFrameView(frame));
+    }
     // Translation as a decision of `kind` would have it, without deciding (mapping and rule
     // left to find): for the refusals of frames no decision would hand over.
     const Nat::AdapterInfo& Forced(Nat::TranslationKind kind, bool fromExternal, Frame& frame, const std::string& guid);
