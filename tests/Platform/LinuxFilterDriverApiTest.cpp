@@ -64,19 +64,15 @@ int SocketIn(const std::string& ns, int domain, int type) {
     return fd;
 }
 
-sockaddr_in Ipv4(const std::string& ip, uint16_t port) {
+sockaddr_in Ipv4(const char* ip) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    inet_pton(AF_INET, ip.c_str(), &a.sin_addr);
+    a.sin_port = htons(5001);
+    inet_pton(AF_INET, ip, &a.sin_addr);
     return a;
 }
 
-bool SendUdp(int fd, const std::string& ip, uint16_t port, const std::string& data) {
-    const sockaddr_in a = Ipv4(ip, port);
-    return sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&a), sizeof(a)) ==
-           static_cast<ssize_t>(data.size());
-}
+bool Say(int fd, const std::string& text) { return send(fd, text.data(), text.size(), 0) == ssize_t(text.size()); }
 
 // The next datagram within timeoutMs, or "" when none came.
 std::string ReceiveUdp(int fd, int timeoutMs) {
@@ -217,13 +213,14 @@ protected:
     }
     // Runs body inside the daemon namespace, where the backend looks for its interfaces.
     void InDaemon(const std::function<void()>& body) { ASSERT_TRUE(InNamespace(daemon_, body)); }
-    // UDP sockets bound to `port` on both ends of the veth pair, closed after the test.
-    bool OpenUdp(uint16_t port) {
+    // UDP sockets on both ends of the veth pair, connected to each other, closed after the test.
+    bool OpenUdp() {
         peer = SocketIn(peer_, AF_INET, SOCK_DGRAM);
         local = SocketIn(daemon_, AF_INET, SOCK_DGRAM);
-        const sockaddr_in p = Ipv4(kPeerIp, port), l = Ipv4(kDaemonIp, port);
-        return bind(peer, reinterpret_cast<const sockaddr*>(&p), sizeof(p)) == 0 &&
-               bind(local, reinterpret_cast<const sockaddr*>(&l), sizeof(l)) == 0;
+        const sockaddr_in p = Ipv4(kPeerIp), l = Ipv4(kDaemonIp);
+        const auto *pa = reinterpret_cast<const sockaddr*>(&p), *la = reinterpret_cast<const sockaddr*>(&l);
+        return bind(peer, pa, sizeof(p)) == 0 && bind(local, la, sizeof(l)) == 0 &&
+               connect(peer, la, sizeof(l)) == 0 && connect(local, pa, sizeof(p)) == 0;
     }
     // A TCP stream from the peer, whose offloads hand the veth 64 KiB frames, through the
     // tunnel to a listener in the daemon's namespace.
@@ -286,7 +283,7 @@ TEST_F(LinuxDriver, ListsInterfacesAndFollowsTheHardwareFilter) {
 // and is not captured again; back in normal mode the stack talks to the wire directly; an
 // interface that goes away under an open tunnel fails the calls.
 TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
-    ASSERT_TRUE(OpenUdp(5001));
+    ASSERT_TRUE(OpenUdp());
     const int raw = SocketIn(peer_, AF_PACKET, SOCK_RAW);
     ASSERT_GE(raw, 0);
     sockaddr_ll toPeerIf{};
@@ -295,30 +292,31 @@ TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
     InDaemon([&] {
         Tunnel t;
         ASSERT_TRUE(t.Open());
-        // From the wire.
-        ASSERT_TRUE(SendUdp(peer, kDaemonIp, 5001, "from-the-wire"));
-        const auto in = t.ReadMatching("from-the-wire");
-        ASSERT_TRUE(in.has_value());
-        EXPECT_EQ(in->flags, NdisApi::PACKET_FLAG_ON_RECEIVE);
-        EXPECT_TRUE(ndtest::TransportChecksumValid(in->frame));
-        EXPECT_EQ(ReceiveUdp(local, 300), "") << "the stack saw a frame nobody passed on";
-        ASSERT_TRUE(t.Send(in->frame, true));
-        EXPECT_EQ(ReceiveUdp(local, 3000), "from-the-wire");
-        EXPECT_FALSE(t.ReadMatching("from-the-wire", 300));
-
-        // From the stack, with an odd length whose checksum veth leaves to the hardware.
-        const std::string payload(301, 's');
-        ASSERT_TRUE(SendUdp(local, kPeerIp, 5001, payload));
-        const auto out = t.ReadMatching(payload);
-        ASSERT_TRUE(out.has_value());
-        EXPECT_EQ(out->flags, NdisApi::PACKET_FLAG_ON_SEND);
-        EXPECT_TRUE(ndtest::IpChecksumValid(out->frame));
-        EXPECT_TRUE(ndtest::TransportChecksumValid(out->frame));
+        // From the wire up to the stack; from the stack, with an odd length whose checksum
+        // veth leaves to the hardware, out to the wire.
+        struct Way {
+            int from, to;
+            uint32_t flag;
+            std::string text;
+        };
+        Bytes wire;
+        for (const Way& w : {Way{peer, local, NdisApi::PACKET_FLAG_ON_RECEIVE, "from-the-wire"},
+                             Way{local, peer, NdisApi::PACKET_FLAG_ON_SEND, std::string(301, 's')}}) {
+            SCOPED_TRACE(w.text);
+            const bool up = w.flag == NdisApi::PACKET_FLAG_ON_RECEIVE;
+            ASSERT_TRUE(Say(w.from, w.text));
+            const auto c = t.ReadMatching(w.text);
+            ASSERT_TRUE(c.has_value());
+            EXPECT_EQ(c->flags, w.flag);
+            EXPECT_TRUE(ndtest::IpChecksumValid(c->frame));
+            EXPECT_TRUE(ndtest::TransportChecksumValid(c->frame));
+            EXPECT_EQ(ReceiveUdp(w.to, 300), "") << "a frame went on that nobody passed on";
+            ASSERT_TRUE(t.Send(c->frame, up));
+            EXPECT_EQ(ReceiveUdp(w.to, 3000), w.text);
+            EXPECT_FALSE(t.ReadMatching(w.text, 300));
+            if (up) wire = c->frame;
+        }
         EXPECT_GE(t.api.GetCounters(t.handle).checksumsCompleted, 1u);
-        EXPECT_EQ(ReceiveUdp(peer, 300), "") << "a frame left without being sent to the wire";
-        ASSERT_TRUE(t.Send(out->frame, false));
-        EXPECT_EQ(ReceiveUdp(peer, 3000), payload);
-        EXPECT_FALSE(t.ReadMatching(payload, 300));
         EXPECT_FALSE(t.Send(Bytes(1515, 0), false));
 
         // A runt from the wire is padded to 60 bytes with zeros.
@@ -336,7 +334,7 @@ TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
         const int segment = 1000;
         ASSERT_EQ(setsockopt(local, SOL_UDP, UDP_SEGMENT, &segment, sizeof(segment)), 0);
         const std::string parts[] = {std::string(1000, 'a'), std::string(1000, 'b'), std::string(500, 'c')};
-        ASSERT_TRUE(SendUdp(local, kPeerIp, 5001, parts[0] + parts[1] + parts[2]));
+        ASSERT_TRUE(Say(local, parts[0] + parts[1] + parts[2]));
         for (const std::string& part : parts) {
             const auto c = t.ReadMatching(part);
             ASSERT_TRUE(c.has_value()) << "no datagram of " << part[0];
@@ -350,17 +348,17 @@ TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
         EXPECT_EQ(Shell("ping -c 1 -W 1 127.0.0.1"), 0);
 
         t.Close();
-        ASSERT_TRUE(SendUdp(peer, kDaemonIp, 5001, "direct in"));
+        ASSERT_TRUE(Say(peer, "direct in"));
         EXPECT_EQ(ReceiveUdp(local, 3000), "direct in");
-        ASSERT_TRUE(SendUdp(local, kPeerIp, 5001, "direct out"));
+        ASSERT_TRUE(Say(local, "direct out"));
         EXPECT_EQ(ReceiveUdp(peer, 3000), "direct out");
         NdisApi::INTERMEDIATE_BUFFER buffer{};
         EXPECT_FALSE(t.ReadOne(buffer));
-        EXPECT_FALSE(t.Send(in->frame, true)) << "stack injection needs tunnel mode";
+        EXPECT_FALSE(t.Send(wire, true)) << "stack injection needs tunnel mode";
 
         // Open again, leave a frame queued and take the interface away: every call fails, none hangs.
         ASSERT_TRUE(t.Open());
-        ASSERT_TRUE(SendUdp(peer, kDaemonIp, 5001, "queued"));
+        ASSERT_TRUE(Say(peer, "queued"));
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         ASSERT_EQ(Shell("ip -n " + daemon_ + " link del ndv0"), 0);
         const auto start = std::chrono::steady_clock::now();
@@ -371,8 +369,8 @@ TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
         pollfd p{static_cast<int>(t.event), POLLIN, 0};
         EXPECT_EQ(poll(&p, 1, 200), 0);
         EXPECT_FALSE(t.ReadOne(buffer));
-        EXPECT_FALSE(t.Send(in->frame, false));
-        EXPECT_FALSE(t.Send(in->frame, true));
+        EXPECT_FALSE(t.Send(wire, false));
+        EXPECT_FALSE(t.Send(wire, true));
         uint32_t filter = 0;
         EXPECT_FALSE(t.api.GetHwPacketFilter(t.handle, &filter));
         t.Close();
