@@ -76,11 +76,13 @@ s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
 s.bind((iface, 0))
 eth = bytes.fromhex(peer.replace(":", "")) + s.getsockname()[4]
 if side == "internal":  # an internal host's few flows to a few places (the pools stay big enough)
-    hosts = (["10.1.0.2", "10.1.0.9", "172.16.0.1"], ["198.51.100.2", "203.0.113.10"], [1111, 2222, 3333], [21, 80, 5353])
+    hosts = (["10.1.0.2", "10.1.0.9", "172.16.0.1"], ["198.51.100.2", "203.0.113.10"],
+             [1111, 2222, 3333], [21, 80, 5353])
 else:                   # anyone outside, towards the published and the pool ports
     hosts = (["198.51.100.2", "8.8.8.8", "198.51.100.1"], ["198.51.100.1"], [80, 21, 53], [8080, 21, 40000, 60000])
 payloads = [b"", b"PORT 10,1,0,2,4,1\r\n", b"227 Entering Passive Mode (10,1,0,2,19,137)\r\n", b"PORT 999,1,2\r\n",
-            b"GET / HTTP/1.1\r\nHost: 10.1.0.2\r\n\r\n", b"GET / HTTP/1.1\r\nHost:", b"229 Entering Extended (|||6446|)\r\n"]
+            b"GET / HTTP/1.1\r\nHost: 10.1.0.2\r\n\r\n", b"GET / HTTP/1.1\r\nHost:",
+            b"229 Entering Extended (|||6446|)\r\n"]
 def frame():
     src, dst, sport, dport = (rnd.choice(h) for h in hosts)
     kind, body = rnd.choice([6, 6, 17, 17, 1, 0x806]), rnd.choice(payloads)

@@ -104,7 +104,8 @@ check "every interface works for the daemon host" eval "host_reaches_all && reac
 # The capture, whole once the peer ended with the daemon, holds both directions of the pings
 # between the remote and the LAN host: 3 + 1 (the bridge check after StopNAT) one way, 3 back.
 echoes() { tcpdump -n -r "$WORK/tunnel.pcap" "icmp[icmptype] == $1 and src $2 and dst $3" 2> /dev/null | wc -l; }
-check "the peer ended, and its capture reads whole" eval "wait_for 10 _ended $peer && tcpdump -n -r '$WORK/tunnel.pcap' -w /dev/null"
+check "the peer ended, and its capture reads whole" \
+  eval "wait_for 10 _ended $peer && tcpdump -n -r '$WORK/tunnel.pcap' -w /dev/null"
 check "echo requests and replies both ways in the capture" \
   test "$(echoes icmp-echo 10.9.0.50 10.9.0.2) $(echoes icmp-echoreply 10.9.0.2 10.9.0.50) $(echoes icmp-echo \
           10.9.0.2 10.9.0.50) $(echoes icmp-echoreply 10.9.0.50 10.9.0.2)" = "4 4 3 3"

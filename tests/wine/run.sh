@@ -157,8 +157,9 @@ check "fake driver: VPN opens, captured frames reach the tunnel, tunnel frames a
 check "fake driver: opened as NDISTQFD, one redirect filter on the handle's low half, the packet event set" traced \
   "OpenFilterDriver NDISTQFD" "SetPacketFilterTable size=1 adapter=0000000000009abc direction=3 action=3 fields=0" \
   "SetPacketEvent $a set"
-check "fake driver: promiscuous, then tunnel mode" [ "$(grep -xF -e "SetHwPacketFilter $a 00000020" \
-  -e "SetAdapterMode $a 00000043" "$trace" | tr '\n' '|')" = "SetHwPacketFilter $a 00000020|SetAdapterMode $a 00000043|" ]
+modes=("SetHwPacketFilter $a 00000020" "SetAdapterMode $a 00000043")
+check "fake driver: promiscuous, then tunnel mode" \
+  [ "$(grep -xF -e "${modes[0]}" -e "${modes[1]}" "$trace")" = "$(printf '%s\n' "${modes[@]}")" ]
 check "fake driver: the three captured frames are read" [ "$(grep -c "^ReadPacket $a " "$trace")" = 3 ]
 # Captured: a broadcast goes back to the stack at once, the frame for the supervisor is
 # consumed, one the VPN does not take is passed on. From the tunnel: a frame for an unknown
@@ -175,7 +176,8 @@ check "fake driver: nothing for the supervisor, nothing oversize, nothing on the
 check "fake driver: oversize frame logged" \
   has "$log" "ERROR;The frame size exceeds the max ethernet frame size: 1515. The packet will be dropped."
 check "fake driver: stop restores the adapter" \
-  traced "SetAdapterMode $a 00000000" "FlushAdapterPacketQueue $a" "SetHwPacketFilter $a 0000000b" "SetPacketEvent $a null"
+  traced "SetAdapterMode $a 00000000" "FlushAdapterPacketQueue $a" "SetHwPacketFilter $a 0000000b" \
+  "SetPacketEvent $a null"
 check "fake driver: the driver is closed at the end" [ "$(tail -n 1 "$trace")" = "CloseFilterDriver 4e44" ]
 check "fake driver: adapter opened, capture thread started and stopped, adapter closed, orderly end" has "$log" \
   "INFO;Virtual Ethernet adapter (GUID: $guid) opened." \
