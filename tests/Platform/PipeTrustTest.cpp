@@ -91,7 +91,6 @@ pid_t Listen(const std::string& path, uid_t uid) {
     return answer == '1' ? pid : -1;
 }
 
-
 }  // namespace
 
 TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
@@ -129,15 +128,14 @@ TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
 
     // A folder that is not there is a plain open failure; a path one byte too long for a
     // socket address (108 with its terminator) fails before anything is looked at.
-    setenv("NETWORKDRIVER_PIPE_DIR", (dir.Path() + "/none").c_str(), 1);
-    opened = client.Open(name, false);
-    EXPECT_EQ(opened.error, ENOENT);
-    EXPECT_EQ(opened.refusal, "");
-    for (const size_t size : {107, 108}) {
-        setenv("NETWORKDRIVER_PIPE_DIR", ("/" + std::string(size - name.size() - 2, 'x')).c_str(), 1);
+    const std::string longest = "/" + std::string(107 - name.size() - 2, 'x');
+    for (const auto& [folder, error] : {std::pair{dir.Path() + "/none", ENOENT}, std::pair{longest, ENOENT},
+                                        std::pair{longest + "x", ENAMETOOLONG}}) {
+        setenv("NETWORKDRIVER_PIPE_DIR", folder.c_str(), 1);
         opened = client.Open(name, false);
-        EXPECT_EQ(opened.path.size(), size);
-        EXPECT_EQ(opened.error, size == 108 ? ENAMETOOLONG : ENOENT);
+        EXPECT_EQ(opened.path, folder + "/" + name);
+        EXPECT_EQ(opened.error, error);
+        EXPECT_EQ(opened.refusal, "");
     }
     unsetenv("NETWORKDRIVER_PIPE_DIR");
 }
