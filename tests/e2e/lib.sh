@@ -32,9 +32,7 @@ cleanup() {
   local status=$?
   for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && { kill -9 "$pid"; wait "$pid"; } 2>/dev/null || true; done
   for ns in "${_namespaces[@]:-}"; do
-    [ -n "$ns" ] || continue
-    ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
-    ip netns del "$ns" 2>/dev/null || true
+    [ -n "$ns" ] && { ip netns pids "$ns" | xargs -r kill -9; ip netns del "$ns"; } 2>/dev/null || true
   done
   if [ "$status" -ne 0 ] && [ "$status" -ne 77 ] && [ -f "$LOG" ]; then
     echo "--- daemon log"; tail -n 40 "$LOG"
