@@ -64,14 +64,6 @@ int SocketIn(const std::string& ns, int domain, int type) {
     return fd;
 }
 
-sockaddr_in Ipv4(const char* ip) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(5001);
-    inet_pton(AF_INET, ip, &a.sin_addr);
-    return a;
-}
-
 bool Say(int fd, const std::string& text) { return send(fd, text.data(), text.size(), 0) == ssize_t(text.size()); }
 
 // The next datagram within timeoutMs, or "" when none came.
@@ -181,7 +173,9 @@ protected:
     bool OpenUdp() {
         peer = SocketIn(peer_, AF_INET, SOCK_DGRAM);
         local = SocketIn(daemon_, AF_INET, SOCK_DGRAM);
-        const sockaddr_in p = Ipv4(kPeerIp), l = Ipv4(kDaemonIp);
+        sockaddr_in p{AF_INET, htons(5001), {}, {}}, l = p;
+        inet_pton(AF_INET, kPeerIp, &p.sin_addr);
+        inet_pton(AF_INET, kDaemonIp, &l.sin_addr);
         const auto *pa = reinterpret_cast<const sockaddr*>(&p), *la = reinterpret_cast<const sockaddr*>(&l);
         return bind(peer, pa, sizeof(p)) == 0 && bind(local, la, sizeof(l)) == 0 &&
                connect(peer, la, sizeof(l)) == 0 && connect(local, pa, sizeof(p)) == 0;
