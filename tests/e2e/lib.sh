@@ -32,9 +32,7 @@ cleanup() {
   local status=$?
   for pid in "${_pids[@]:-}"; do [ -n "$pid" ] && { kill -9 "$pid"; wait "$pid"; } 2>/dev/null || true; done
   for ns in "${_namespaces[@]:-}"; do
-    [ -n "$ns" ] || continue
-    ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null || true
-    ip netns del "$ns" 2>/dev/null || true
+    [ -n "$ns" ] && { ip netns pids "$ns" | xargs -r kill -9; ip netns del "$ns"; } 2>/dev/null || true
   done
   if [ "$status" -ne 0 ] && [ "$status" -ne 77 ] && [ -f "$LOG" ]; then
     echo "--- daemon log"; tail -n 40 "$LOG"
@@ -61,14 +59,13 @@ in_ns() { local name=$1$TAG; shift; ip netns exec "$name" "$@"; }
 # turns them off at both ends, so that the suite runs in either mode.
 veth() {
   ip link add "$1" netns "$2$TAG" type veth peer name "$3" netns "$4$TAG"
-  if [ "${ND_OFFLOADS:-on}" = off ]; then
-    ip netns exec "$2$TAG" ethtool -K "$1" tso off gso off gro off > /dev/null
-    ip netns exec "$4$TAG" ethtool -K "$3" tso off gso off gro off > /dev/null
-  fi
-  ip -n "$2$TAG" link set "$1" up
-  ip -n "$4$TAG" link set "$3" up
-  if [ -n "${5:-}" ]; then ip -n "$2$TAG" addr add "$5" dev "$1"; fi
-  if [ -n "${6:-}" ]; then ip -n "$4$TAG" addr add "$6" dev "$3"; fi
+  local end
+  for end in "$2 $1 ${5:-}" "$4 $3 ${6:-}"; do
+    set -- $end
+    [ "${ND_OFFLOADS:-on}" = on ] || ip netns exec "$1$TAG" ethtool -K "$2" tso off gso off gro off > /dev/null
+    ip -n "$1$TAG" link set "$2" up
+    if [ -n "${3:-}" ]; then ip -n "$1$TAG" addr add "$3" dev "$2"; fi
+  done
 }
 
 bg() { "$@" & _pids+=($!); }
@@ -139,14 +136,16 @@ nat_topology() {
   in_ns nd ping -q -c 1 -W 2 198.51.100.2 > /dev/null
 }
 
-# start_session NAT|ICS FIELDS: ndpeer in the daemon's namespace starts the daemon and keeps
-# serving; its one request, StartNAT or StartICS with these fields, must succeed. Waits until
-# the session's drivers are registered.
+# start_daemon SCENARIO: ndpeer in the daemon's namespace starts the daemon and keeps serving.
+start_daemon() { bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$1" --hold -1 > "$WORK/peer.log" 2>&1; }
+
+# start_session NAT|ICS FIELDS: a daemon whose one request, StartNAT or StartICS with these
+# fields, must succeed; waits until the session's drivers are registered.
 MAP='"mappings": [{"external": "nd-ext", "internal": "nd-int"}]'
 pools() { echo "\"tcpPortPoolSize\": $1, \"udpPortPoolSize\": $2, \"timeout\": ${3:-30}"; }
 start_session() {
   echo "{\"steps\": [{\"send\": \"Start$1\", $2, \"expect\": {\"result\": 1}}]}" > "$WORK/start.json"
-  bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/start.json" --hold -1 > "$WORK/peer.log" 2>&1
+  start_daemon "$WORK/start.json"
   wait_for 10 log_has "$1: drivers successfully registered" || { cat "$WORK/peer.log"; exit 1; }
   check "$1 started" grep -q "result 1" "$WORK/peer.log"
 }
@@ -157,8 +156,12 @@ make_www() {
   echo "$1" > "$WORK/www/page.html"
   head -c "${2:-3000000}" /dev/urandom > "$WORK/www/big.bin"
 }
-# fetched NS URL: downloads URL from NS and compares it with $WORK/www/big.bin.
-fetched() { in_ns "$1" curl -sS --max-time 60 -o "$WORK/fetched" "$2" && cmp -s "$WORK/www/big.bin" "$WORK/fetched"; }
+# fetched NS URL [FILE]: downloads URL from NS (at most $LIMIT bytes a second, when set) into
+# $WORK/FILE and compares it with $WORK/www/big.bin.
+fetched() {
+  local file=$WORK/${3:-fetched}
+  in_ns "$1" curl -sS --max-time 60 ${LIMIT:+--limit-rate $LIMIT} -o "$file" "$2" && cmp -s "$WORK/www/big.bin" "$file"
+}
 # page NS URL: the body of a page fetched from NS.
 page() { in_ns "$1" curl -sS --max-time 10 "$2"; }
 
@@ -166,18 +169,12 @@ page() { in_ns "$1" curl -sS --max-time 10 "$2"; }
 serve_http() {
   local ns=$1 address=$2 port=$3 dir=$4
   cat > "$WORK/http_server.py" <<'PY'
-import http.server, sys
+import http.server, socketserver, sys
 class Handler(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, fmt, *args):
+    def log_message(self, fmt, *args):  # stderr is line-buffered: each request is in the log at once
         sys.stderr.write("client=%s host=%s path=%s\n" % (self.client_address[0], self.headers.get("Host"), self.path))
-        sys.stderr.flush()
-class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-    def server_bind(self):  # no reverse lookup of the address: there is no DNS here
-        import socketserver
-        socketserver.TCPServer.server_bind(self)
-        self.server_name, self.server_port = self.server_address[:2]
-Server((sys.argv[1], int(sys.argv[2])), Handler).serve_forever()
+socketserver.ThreadingTCPServer.daemon_threads = True  # a plain TCP server: no reverse lookup of the address
+socketserver.ThreadingTCPServer((sys.argv[1], int(sys.argv[2])), Handler).serve_forever()
 PY
   (cd "$dir" && exec ip netns exec "$ns$TAG" python3 "$WORK/http_server.py" "$address" "$port") 2>> "$WORK/http_$ns.log" &
   _pids+=($!)
@@ -185,23 +182,16 @@ PY
     { echo "web server in $ns did not start:"; cat "$WORK/http_$ns.log"; return 1; }
 }
 
-# udp_service NS ADDRESS PORT [dns]: answers "echo:" + each datagram ("delay=N:text" N seconds
-# late), or as a resolver every A query with 203.0.113.10; logs each client and text, and the
-# late answers, to $WORK/udp_ADDRESS_PORT.log.
+# udp_service NS ADDRESS PORT: answers "echo:" + each datagram ("delay=N:text" N seconds late);
+# logs each client and text, and the late answers, to $WORK/udp_ADDRESS_PORT.log.
 udp_service() {
   cat > "$WORK/udp_service.py" <<'PY'
-import socket, struct, sys, threading, time
-address, port, mode, log = sys.argv[1], int(sys.argv[2]), sys.argv[3], open(sys.argv[4], "a", buffering=1)
+import socket, sys, threading, time
+address, port, log = sys.argv[1], int(sys.argv[2]), open(sys.argv[3], "a", buffering=1)
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.bind((address, port))
 log.write("ready\n")
 def answer(data, peer):
-    if mode == "dns":
-        end = 12
-        while end < len(data) and data[end] != 0:
-            end += data[end] + 1
-        answer = b"\xc0\x0c" + struct.pack(">HHIH", 1, 1, 60, 4) + socket.inet_aton("203.0.113.10")
-        return s.sendto(data[:2] + struct.pack(">HHHHH", 0x8180, 1, 1, 0, 0) + data[12:end + 5] + answer, peer)
     text = data.decode(errors="replace")
     if text.startswith("delay="):
         delay = float(text[6:].split(":", 1)[0])
@@ -210,11 +200,11 @@ def answer(data, peer):
     s.sendto(b"echo:" + data, peer)
 while True:
     data, peer = s.recvfrom(2048)
-    log.write("client=%s:%d %s\n" % (peer[0], peer[1], data.decode(errors="replace") if mode == "echo" else ""))
+    log.write("client=%s:%d %s\n" % (peer[0], peer[1], data.decode(errors="replace")))
     threading.Thread(target=answer, args=(data, peer), daemon=True).start()
 PY
   local log=$WORK/udp_$2_$3.log
-  bg ip netns exec "$1$TAG" python3 "$WORK/udp_service.py" "$2" "$3" "${4:-echo}" "$log"
+  bg ip netns exec "$1$TAG" python3 "$WORK/udp_service.py" "$2" "$3" "$log"
   wait_for 10 grep -q ready "$log" || { echo "UDP service $2:$3 did not start"; return 1; }
 }
 # udp_clients ADDRESS PORT: the distinct client addresses a UDP service saw.

@@ -1,18 +1,17 @@
 #!/usr/bin/env bash
-# FTP through a published port: a real vsftpd on the internal host, a real client outside.
-# Passive (PASV) and active (PORT) downloads, a passive upload and directory listings,
-# through a rule without and a rule with source translation; then the extended commands.
+# FTP through a published port: a real vsftpd on the internal host, a real client outside;
+# beside it a published web server whose requests get their HTTP Host field rewritten.
+# Passive (PASV) and active (PORT) downloads through a rule without and
+# a rule with source translation; then listings by the extended commands (EPSV, EPRT).
 source "$(dirname "$0")/lib.sh"
 require_namespaces
 nat_topology
 
-# The anonymous session runs as the ftp user, who must reach the files; its root must not
-# be writable by it (vsftpd refuses a writable chroot), the upload folder must be.
+# The anonymous session runs as the ftp user, who must reach the files.
 chmod 755 "$WORK"
-mkdir -p "$WORK/ftp/incoming"
+mkdir -p "$WORK/ftp"
 head -c 4000000 /dev/urandom > "$WORK/ftp/big.bin"
 echo "hello over ftp" > "$WORK/ftp/small.txt"
-chown ftp "$WORK/ftp/incoming"
 chmod -R a+rX "$WORK/ftp"
 
 # Active-mode data connections come from the port below the control port, as FTP servers
@@ -20,26 +19,13 @@ chmod -R a+rX "$WORK/ftp"
 cat > "$WORK/vsftpd.conf" <<CONF
 listen=YES
 listen_address=10.1.0.2
-listen_port=21
-background=NO
-anonymous_enable=YES
-no_anon_password=YES
 anon_root=$WORK/ftp
-local_enable=NO
-write_enable=YES
-anon_upload_enable=YES
-anon_umask=022
-pasv_enable=YES
-pasv_min_port=40000
-pasv_max_port=40100
-port_enable=YES
 connect_from_port_20=YES
 seccomp_sandbox=NO
 isolate=NO
 isolate_network=NO
 secure_chroot_dir=/var/run/vsftpd/empty
 xferlog_enable=YES
-xferlog_std_format=NO
 log_ftp_protocol=YES
 vsftpd_log_file=$WORK/vsftpd.log
 CONF
@@ -50,11 +36,19 @@ wait_for 10 in_ns in bash -c "echo > /dev/tcp/10.1.0.2/21" || { echo "vsftpd did
 # answers come back through it anyway, and vsftpd checks that data connections come from the
 # control connection's peer, which holds either way. Port 2121 translates the source as well,
 # for a server that could not route back: it then only ever sees the daemon's internal address.
-rule() {  # rule FROM_PORT TRANSLATE_SOURCE
+# Port 8080 leads to a web server there, with the HTTP Host field rewritten.
+rule() {  # rule FROM_PORT TO_PORT TRANSLATE_SOURCE FLAG
   echo "{\"fromAdapter\": \"nd-ext\", \"fromPort\": $1, \"protocol\": \"TCP\", \"toAdapter\": \"nd-int\",
-         \"toIp\": \"10.1.0.2\", \"toPort\": 21, \"translateSource\": $2, \"ftpSupport\": true}"
+         \"toIp\": \"10.1.0.2\", \"toPort\": $2, \"translateSource\": $3, \"$4\": true}"
 }
-start_session NAT "$(pools 40 10), \"rules\": [$(rule 21 false), $(rule 2121 true)]"
+start_session NAT "$(pools 40 10), \"rules\": [$(rule 21 21 false ftpSupport), $(rule 2121 21 true ftpSupport),
+  $(rule 8080 80 false httpHostTranslation)]"
+make_www "page" 1
+serve_http in 10.1.0.2 80 "$WORK/www"
+check "port 8080: the web server saw the real client and the Host field rewritten" \
+  eval "[ \"\$(page ext http://198.51.100.1:8080/page.html)\" = page ] &&
+        grep -qF 'client=198.51.100.2 host=10.1.0.2 path=/page.html' '$WORK/http_in.log'"
+
 
 # curl would otherwise ignore the address of a 227 reply and reuse the control connection's.
 ftp_curl() { in_ns ext curl -sS --max-time 30 --no-ftp-skip-pasv-ip "$@"; }
@@ -69,15 +63,8 @@ for port in 21 2121; do
   check "port $port: passive (PASV) download of 4 MB arrives intact" same_file "$WORK/ftp/big.bin" "$WORK/pasv$port.bin"
   ftp_curl --disable-eprt -P 198.51.100.2 -o "$WORK/port$port.bin" "$url/big.bin"
   check "port $port: active (PORT) download of 4 MB arrives intact" same_file "$WORK/ftp/big.bin" "$WORK/port$port.bin"
-  check "port $port: passive directory listing" listing "big.bin incoming small.txt " --disable-epsv -l "$url/"
-  check "port $port: active directory listing" listing "big.bin incoming small.txt " --disable-eprt -P 198.51.100.2 -l "$url/"
-  head -c 3000000 /dev/urandom > "$WORK/up$port.bin"
-  ftp_curl --disable-epsv -T "$WORK/up$port.bin" "$url/incoming/up$port.bin"
-  check "port $port: passive upload of 3 MB arrives intact" same_file "$WORK/up$port.bin" "$WORK/ftp/incoming/up$port.bin"
 done
 
-check "the server was asked for PASV and PORT, never EPSV or EPRT" \
-  bash -c "grep -q '\"PASV\"' '$WORK/vsftpd.log' && grep -q '\"PORT ' '$WORK/vsftpd.log' && ! grep -Eq '\"(EPSV|EPRT)' '$WORK/vsftpd.log'"
 # (The start-up probe above connected from 10.1.0.2 itself; only sessions that logged in count.)
 check "the server saw the real client through port 21 and only the daemon through port 2121" \
   bash -c "grep -Eo 'OK LOGIN: Client \"[0-9.]+\"' '$WORK/vsftpd.log' | sort -u | tr '\n' ' ' |
@@ -87,8 +74,8 @@ check "PORT reaches the server naming the address it knows the client by" \
            grep -q 'Client \"10.1.0.1\", \"PORT 10,1,0,1,' '$WORK/vsftpd.log'"
 
 # The extended forms carry the port alone (EPSV) or an address and port (EPRT).
-check "extended passive (EPSV) listing" listing "big.bin incoming small.txt " -l ftp://198.51.100.1:2121/
-check "extended active (EPRT) listing" listing "big.bin incoming small.txt " -P 198.51.100.2 -l ftp://198.51.100.1:2121/
-check "the server was asked for EPSV and EPRT this time" \
+check "extended passive (EPSV) listing" listing "big.bin small.txt " -l ftp://198.51.100.1:2121/
+check "extended active (EPRT) listing" listing "big.bin small.txt " -P 198.51.100.2 -l ftp://198.51.100.1:2121/
+check "the server was asked for EPSV and EPRT, the latter naming the daemon's internal address" \
   bash -c "grep -q '\"EPSV\"' '$WORK/vsftpd.log' && grep -q '\"EPRT |1|10.1.0.1|' '$WORK/vsftpd.log'"
 echo PASS

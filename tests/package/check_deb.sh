@@ -18,9 +18,8 @@ version=$(sed -n 's/^project(NetworkDriver VERSION \([0-9.]*\).*/\1/p' "$source_
 check "version $version, from the project" test "$(dpkg-deb -f "$deb" Version)" = "$version"
 check "named networkdriver_${version}_amd64.deb" test "$(basename "$deb")" = "networkdriver_${version}_amd64.deb"
 depends=$(dpkg-deb -f "$deb" Depends)
-echo "     Depends: $depends"
-check "depends on the C and C++ run-time libraries" \
-  bash -c '[[ $1 == *"libc6 (>="* && $1 == *"libstdc++6 (>="* ]]' _ "$depends"
+check "depends on the C and C++ run-time libraries ($depends)" \
+  eval '[[ $depends == *"libc6 (>="* && $depends == *"libstdc++6 (>="* ]]'
 
 {
   printf '%s\n' /usr/sbin/NetworkDriver /usr/bin/ndpeer \
@@ -35,13 +34,10 @@ check "the package holds exactly the programs, scenarios, manual pages and docum
   diff -u "$root/expected" "$root/actual"
 
 dpkg-deb -x "$deb" "$root/tree"
-check "the manual pages are gzip files" gzip -t "$root"/tree/usr/share/man/man*/*.gz
 export NETWORKDRIVER_APPDATA_DIR=$root/appdata
-status=0
-"$root/tree/usr/bin/ndpeer" --pipe-dir "$root/pipes" --daemon "$root/tree/usr/sbin/NetworkDriver" \
-  --scenario "$root/tree/usr/share/networkdriver/scenarios/control.json" > "$root/peer.log" 2>&1 || status=$?
-cat "$root/peer.log"
-check "the packaged ndpeer ran the control scenario against the packaged daemon" test "$status" -eq 0
+check "the packaged ndpeer ran the control scenario against the packaged daemon" \
+  "$root/tree/usr/bin/ndpeer" --pipe-dir "$root/pipes" --daemon "$root/tree/usr/sbin/NetworkDriver" \
+  --scenario "$root/tree/usr/share/networkdriver/scenarios/control.json"
 check "the packaged daemon logged its start and its end" \
   bash -c 'grep -q "Network Driver .* started\." "$@" && grep -q "Closed pipes" "$@"' _ \
   "$NETWORKDRIVER_APPDATA_DIR"/*/*/Runtime/NetworkDriver_log_0.txt

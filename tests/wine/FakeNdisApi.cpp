@@ -1,8 +1,9 @@
 // A stand-in ndisapi.dll for the wine stage: the exported C functions that the Windows
-// backend loads, over two made-up adapters. It traces every call into ndisapi-trace.txt
-// beside itself and feeds captured frames when the tunnel sends it a trigger frame, so the
-// daemon's Windows driver path (LoadLibrary, exports, structures across the DLL boundary,
-// the packet event, the capture and dispatch threads) runs end to end without a driver.
+// backend loads, over two made-up adapters. It traces the calls into ndisapi-trace.txt in
+// C:\ndfake (where the stage puts it) and feeds captured frames when the tunnel sends it a
+// trigger frame, so the daemon's Windows driver path (LoadLibrary, exports, structures across
+// the DLL boundary, the packet event, the capture and dispatch threads) runs end to end
+// without a driver.
 #include <windows.h>
 
 #include <cstdarg>
@@ -30,7 +31,6 @@ const FakeAdapter kAdapters[] = {
     {"\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x0000001200005678ull, {0x02, 0x11, 0x22, 0x33, 0x44, 0x55}},
     {"\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x0000003400009ABCull, {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE}},
 };
-constexpr uint32_t kSavedHwFilter = 0x0B;
 constexpr uint16_t kTriggerType = 0x88B5;  // local experimental EtherType
 
 HANDLE const kDriver = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x4E44));
@@ -41,19 +41,11 @@ struct Captured {
     std::string frame;
 };
 
-std::mutex lock;
+std::mutex lock, traceLock;
 std::deque<Captured> queue;
 HANDLE packetEvent = nullptr;
 
-std::string TracePath() {
-    HMODULE self = nullptr;
-    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCSTR>(&TracePath), &self);
-    char path[MAX_PATH] = {};
-    const DWORD n = GetModuleFileNameA(self, path, MAX_PATH);
-    std::string folder(path, n);
-    return folder.substr(0, folder.find_last_of('\\') + 1) + "ndisapi-trace.txt";
-}
+const char* const kTracePath = "C:\\ndfake\\ndisapi-trace.txt";
 
 void Trace(const char* format, ...) {
     char line[512];
@@ -61,20 +53,16 @@ void Trace(const char* format, ...) {
     va_start(args, format);
     std::vsnprintf(line, sizeof(line), format, args);
     va_end(args);
-    std::lock_guard guard(lock);
-    if (FILE* f = std::fopen(TracePath().c_str(), "ab")) {
+    std::lock_guard guard(traceLock);
+    if (FILE* f = std::fopen(kTracePath, "ab")) {
         std::fprintf(f, "%s\n", line);
         std::fclose(f);
     }
 }
 
-std::string Hex(const uint8_t* bytes, size_t count) {
-    std::string text;
-    char part[3];
-    for (size_t i = 0; i < count; ++i) {
-        std::snprintf(part, sizeof(part), "%02x", bytes[i]);
-        text += part;
-    }
+std::string Mac(const uint8_t* m) {
+    char text[13];
+    std::snprintf(text, sizeof(text), "%02x%02x%02x%02x%02x%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
     return text;
 }
 
@@ -110,8 +98,8 @@ void QueueCapturedFrames(NdisApi::Handle adapter) {
 BOOL TraceSend(const char* call, ETH_REQUEST* request) {
     if (request == nullptr || request->EthPacket == nullptr) return FALSE;
     const INTERMEDIATE_BUFFER& b = *request->EthPacket;
-    Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Hex(b.m_IBuffer, 6).c_str(),
-          Hex(b.m_IBuffer + 6, 6).c_str(), b.m_Length);
+    Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Mac(b.m_IBuffer).c_str(),
+          Mac(b.m_IBuffer + 6).c_str(), b.m_Length);
     if (b.m_Length < 14 || b.m_Length > NdisApi::kMaxEtherFrame) return FALSE;
     if ((b.m_IBuffer[12] << 8 | b.m_IBuffer[13]) == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
     return TRUE;
@@ -128,20 +116,15 @@ __declspec(dllexport) HANDLE WINAPI OpenFilterDriver(const char* name) {
 
 __declspec(dllexport) VOID WINAPI CloseFilterDriver(HANDLE driver) { Trace("CloseFilterDriver %llx", H(driver)); }
 
-__declspec(dllexport) BOOL WINAPI IsDriverLoaded(HANDLE driver) {
-    Trace("IsDriverLoaded %llx", H(driver));
-    return driver == kDriver;
-}
+__declspec(dllexport) BOOL WINAPI IsDriverLoaded(HANDLE driver) { return driver == kDriver; }
 
 __declspec(dllexport) BOOL WINAPI GetTcpipBoundAdaptersInfo(HANDLE driver, NdisApi::TCP_AdapterList* list) {
-    Trace("GetTcpipBoundAdaptersInfo");
     if (driver != kDriver || list == nullptr) return FALSE;
     std::memset(list, 0, sizeof(*list));
     list->m_nAdapterCount = 2;
     for (uint32_t i = 0; i < 2; ++i) {
         std::strcpy(reinterpret_cast<char*>(list->m_szAdapterNameList[i]), kAdapters[i].name);
         list->m_nAdapterHandle[i] = kAdapters[i].handle;
-        list->m_nAdapterMediumList[i] = 0;
         std::memcpy(list->m_czCurrentAddress[i], kAdapters[i].mac, 6);
         list->m_usMTU[i] = 1500;
     }
@@ -154,10 +137,9 @@ __declspec(dllexport) BOOL WINAPI SetAdapterMode(HANDLE driver, NdisApi::ADAPTER
     return TRUE;
 }
 
-__declspec(dllexport) BOOL WINAPI GetHwPacketFilter(HANDLE driver, HANDLE adapter, DWORD* filter) {
-    Trace("GetHwPacketFilter %016llx", H(adapter));
+__declspec(dllexport) BOOL WINAPI GetHwPacketFilter(HANDLE driver, HANDLE /*adapter*/, DWORD* filter) {
     if (driver != kDriver || filter == nullptr) return FALSE;
-    *filter = kSavedHwFilter;
+    *filter = 0x0B;  // what the stop must restore
     return TRUE;
 }
 
@@ -187,13 +169,10 @@ __declspec(dllexport) BOOL WINAPI SetPacketEvent(HANDLE driver, HANDLE adapter, 
 
 __declspec(dllexport) BOOL WINAPI ReadPacket(HANDLE driver, ETH_REQUEST* request) {
     if (driver != kDriver || request == nullptr || request->EthPacket == nullptr) return FALSE;
-    Captured next;
-    {
-        std::lock_guard guard(lock);
-        if (queue.empty() || queue.front().adapter != request->hAdapterHandle) return FALSE;
-        next = queue.front();
-        queue.pop_front();
-    }
+    std::lock_guard guard(lock);
+    if (queue.empty() || queue.front().adapter != request->hAdapterHandle) return FALSE;
+    const Captured next = queue.front();
+    queue.pop_front();
     INTERMEDIATE_BUFFER& b = *request->EthPacket;
     b.m_dwDeviceFlags = next.flags;
     b.m_Length = static_cast<uint32_t>(next.frame.size());

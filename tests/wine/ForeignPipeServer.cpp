@@ -28,7 +28,6 @@ int main(int argc, char** argv) {
         char byte;
         DWORD got = 0;
         ReadFile(toNative, &byte, 1, &got, nullptr);  // returns when the daemon closes its end
-        std::printf("served\n");
         return 0;
     }
     SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
@@ -44,7 +43,5 @@ int main(int argc, char** argv) {
     STARTUPINFOA startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION child{};
-    if (!CreateProcessA(nullptr, command, nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) return 3;
-    std::printf("%lu\n", GetCurrentProcessId());
-    return 0;
+    return CreateProcessA(nullptr, command, nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child) ? 0 : 3;
 }
