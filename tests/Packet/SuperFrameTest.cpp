@@ -23,6 +23,12 @@ Frame Udp(bool ipv6, const Bytes& payload) {
     return (ipv6 ? b.Ipv6() : b).Build();
 }
 
+FrameOffload Gso(uint8_t type, uint16_t size, FrameOffload h = {}) {
+    h.gsoType = type;
+    h.gsoSize = size;
+    return h;
+}
+
 bool Starts(const FrameOffload& h, const Bytes& frame, size_t length = SIZE_MAX) {
     SuperFrameSplitter splitter;
     return splitter.Start(h, frame.data(), std::min(length, frame.size()), kMax);
@@ -83,11 +89,8 @@ TEST(SuperFrame, TcpSuperFrameIsCutIntoWireSizedSegments) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.payload + c.ipv6);
         const Bytes payload = Pattern(c.payload);
-        const uint8_t superFlags = kAck | kPsh | kFin | kCwr;
-        Bytes super = Tcp(c.ipv6, payload, 0xFFFFF000, superFlags, c.options);  // the sequence wraps
-        FrameOffload h = LeaveChecksumToHardware(super);
-        h.gsoType = c.gsoType;
-        h.gsoSize = c.gsoSize;
+        Bytes super = Tcp(c.ipv6, payload, 0xFFFFF000, kAck | kPsh | kFin | kCwr, c.options);  // the sequence wraps
+        FrameOffload h = Gso(c.gsoType, c.gsoSize, LeaveChecksumToHardware(super));
         h.hdrLen = 200;  // the kernel's linear length, not a header length
         const auto segments = SplitAll(h, super);
         ASSERT_EQ(segments.size(), (payload.size() + c.perSegment - 1) / c.perSegment);
@@ -98,12 +101,10 @@ TEST(SuperFrame, TcpSuperFrameIsCutIntoWireSizedSegments) {
             SCOPED_TRACE("segment " + std::to_string(i));
             ASSERT_EQ(s.size(), std::min(kMax, header + payload.size() - joined.size()));
             EXPECT_TRUE(std::equal(s.begin(), s.begin() + 14, super.begin()));
-            if (c.ipv6) {
-                EXPECT_EQ(Be16(s, 18), s.size() - 54);
-            } else {
-                EXPECT_EQ(Be16(s, 16), s.size() - 14);
+            EXPECT_EQ(Be16(s, c.ipv6 ? 18 : 16), s.size() - (c.ipv6 ? 54 : 14));
+            EXPECT_EQ(IpChecksumValid(s), !c.ipv6);
+            if (!c.ipv6) {
                 EXPECT_EQ(Be16(s, 18), static_cast<uint16_t>(Be16(super, 18) + i));
-                EXPECT_TRUE(IpChecksumValid(s));
             }
             EXPECT_TRUE(TransportChecksumValid(s));
             EXPECT_EQ(Be32(s, l4 + 4), static_cast<uint32_t>(0xFFFFF000 + joined.size()));
@@ -120,10 +121,7 @@ TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
         SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
         const Bytes payload = Pattern(2500);
         const Bytes super = Udp(ipv6, payload);
-        FrameOffload h;
-        h.gsoType = kGsoUdpL4;
-        h.gsoSize = 1000;
-        const auto segments = SplitAll(h, super);
+        const auto segments = SplitAll(Gso(kGsoUdpL4, 1000), super);
         ASSERT_EQ(segments.size(), 3u);
         const size_t l4 = ipv6 ? 54 : 34;
         Bytes joined;
@@ -138,8 +136,25 @@ TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
         }
         EXPECT_EQ(joined, payload);
         // Datagram boundaries cannot move: a segment size that does not fit is refused.
-        h.gsoSize = static_cast<uint16_t>(kMax - l4 - 8 + 1);
-        EXPECT_FALSE(Starts(h, super));
+        EXPECT_FALSE(Starts(Gso(kGsoUdpL4, static_cast<uint16_t>(kMax - l4 - 8 + 1)), super));
+    }
+}
+
+// Behind one VLAN tag or a QinQ pair, the IP and TCP headers are found past the tags, and
+// every segment keeps them: untagged, the segments are those of the untagged super-frame.
+TEST(SuperFrame, TaggedSuperFrameIsCutLikeAnUntaggedOne) {
+    const Bytes plain = Tcp(false, Pattern(3000));
+    const auto expected = SplitAll(Gso(kGsoTcpV4, 1000), plain);
+    ASSERT_EQ(expected.size(), 3u);
+    for (const Bytes& tags : {Bytes{0x81, 0x00, 0x00, 0x05}, Bytes{0x88, 0xA8, 0x00, 0x07, 0x81, 0x00, 0x00, 0x05}}) {
+        Bytes tagged = plain;
+        tagged.insert(tagged.begin() + 12, tags.begin(), tags.end());
+        auto segments = SplitAll(Gso(kGsoTcpV4, 1000), tagged);
+        for (Bytes& s : segments) {
+            EXPECT_TRUE(std::equal(tags.begin(), tags.end(), s.begin() + 12));
+            s.erase(s.begin() + 12, s.begin() + 12 + static_cast<long>(tags.size()));
+        }
+        EXPECT_EQ(segments, expected) << tags.size();
     }
 }
 
@@ -158,10 +173,7 @@ TEST(SuperFrame, MalformedSuperFramesAreRefused) {
     for (const Case& c : cases) {
         Bytes bad = tcp;
         bad[c.at] = c.value;
-        FrameOffload h;
-        h.gsoSize = 1448;
-        h.gsoType = c.gsoType;
-        EXPECT_FALSE(Starts(h, bad, c.length)) << c.what;
+        EXPECT_FALSE(Starts(Gso(c.gsoType, 1448), bad, c.length)) << c.what;
     }
 }
 
@@ -175,10 +187,8 @@ TEST(SuperFrame, RandomInputNeverYieldsOversizeFramesOrRunsAway) {
         frame.resize(random() % (base.size() + 1));
         for (int i = static_cast<int>(random() % 6); i > 0 && !frame.empty(); --i)
             frame[random() % std::min<size_t>(frame.size(), 80)] = static_cast<uint8_t>(random());
-        FrameOffload h;
+        FrameOffload h = Gso(static_cast<uint8_t>(random() % 6), static_cast<uint16_t>(random() % 3000));
         h.flags = static_cast<uint8_t>(random() % 2);
-        h.gsoType = static_cast<uint8_t>(random() % 6);
-        h.gsoSize = static_cast<uint16_t>(random() % 3000);
         h.csumStart = static_cast<uint16_t>(random() % 200);
         h.csumOffset = static_cast<uint16_t>(random() % 40);
         SuperFrameSplitter splitter;
