@@ -4,7 +4,8 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
-#include "PacketTestHelpers.h"
+#include "Packet/NatException.h"
+#include "support/FrameBuilder.h"
 #include "support/LogCapture.h"
 #include "support/RecordingSubscriber.h"
 

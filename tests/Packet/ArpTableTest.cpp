@@ -2,8 +2,9 @@
 
 #include "Packet/ArpTable.h"
 #include "Packet/PacketUtils.h"
-#include "PacketTestHelpers.h"
+#include "support/FrameBuilder.h"
 #include "support/LogCapture.h"
+#include "support/Thrown.h"
 
 using namespace ndtest;
 using NativeNetworkDriver::ArpTable;

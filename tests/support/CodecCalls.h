@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Packet/PacketUtils.h"
+#include "support/FrameBuilder.h"
 
 namespace ndtest {
 
@@ -16,76 +17,71 @@ struct CodecCall {
     const char* what;
     size_t threshold;
     bool arp;
-    void (*call)(Nat::Frame& f, uint32_t v);
+    void (*call)(Frame& f, uint32_t v);
 };
 
-inline Nat::Ipv4Address IpFrom(uint32_t v) {
+inline Ipv4Address IpFrom(uint32_t v) {
     return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
 }
 
 // Checksum-keeping writers read the old checksum first, hence their common threshold.
 inline const CodecCall kCodecCalls[] = {
-    {"getting destination MAC address", 6, false, [](Nat::Frame& f, uint32_t) { pu::GetDestinationMac(f); }},
+    {"getting destination MAC address", 6, false, [](Frame& f, uint32_t) { pu::GetDestinationMac(f); }},
     {"setting destination MAC address", 6, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetDestinationMac(f, Nat::MacAddress{uint8_t(v)}); }},
-    {"getting source MAC address", 12, false, [](Nat::Frame& f, uint32_t) { pu::GetSourceMac(f); }},
+     [](Frame& f, uint32_t v) { pu::SetDestinationMac(f, MacAddress{uint8_t(v)}); }},
+    {"getting source MAC address", 12, false, [](Frame& f, uint32_t) { pu::GetSourceMac(f); }},
     {"setting source MAC address", 12, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetSourceMac(f, Nat::MacAddress{2, uint8_t(v)}); }},
-    {"getting ethernet frame type", 13, false, [](Nat::Frame& f, uint32_t) { pu::GetFrameType(f); }},
-    {"getting IP header size", 14, false, [](Nat::Frame& f, uint32_t) { pu::GetIpHeaderSize(f); }},
-    {"getting IP packet total length", 17, false, [](Nat::Frame& f, uint32_t) { pu::GetIpPacketTotalLength(f); }},
+     [](Frame& f, uint32_t v) { pu::SetSourceMac(f, MacAddress{2, uint8_t(v)}); }},
+    {"getting ethernet frame type", 13, false, [](Frame& f, uint32_t) { pu::GetFrameType(f); }},
+    {"getting IP header size", 14, false, [](Frame& f, uint32_t) { pu::GetIpHeaderSize(f); }},
+    {"getting IP packet total length", 17, false, [](Frame& f, uint32_t) { pu::GetIpPacketTotalLength(f); }},
     {"setting IP packet total length", 17, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetIpPacketTotalLength(f, uint16_t(v)); }},
-    {"getting IP protocol", 23, false, [](Nat::Frame& f, uint32_t) { pu::GetIpProtocol(f); }},
-    {"getting source IP address", 30, false, [](Nat::Frame& f, uint32_t) { pu::GetSourceIp(f); }},
+     [](Frame& f, uint32_t v) { pu::SetIpPacketTotalLength(f, uint16_t(v)); }},
+    {"getting IP protocol", 23, false, [](Frame& f, uint32_t) { pu::GetIpProtocol(f); }},
+    {"getting source IP address", 30, false, [](Frame& f, uint32_t) { pu::GetSourceIp(f); }},
     {"setting source IP address", 30, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetSourceIpAddress(f, pu::Bytes(v % 6, 3)); }},
-    {"getting destination IP address", 34, false, [](Nat::Frame& f, uint32_t) { pu::GetDestinationIp(f); }},
-    {"setting destination IP address", 34, false, [](Nat::Frame& f, uint32_t v) {
-         const Nat::Ipv4Address ip = IpFrom(v);
+     [](Frame& f, uint32_t v) { pu::SetSourceIpAddress(f, pu::Bytes(v % 6, 3)); }},
+    {"getting destination IP address", 34, false, [](Frame& f, uint32_t) { pu::GetDestinationIp(f); }},
+    {"setting destination IP address", 34, false, [](Frame& f, uint32_t v) {
+         const Ipv4Address ip = IpFrom(v);
          pu::SetDestinationIpAddress(f, pu::Bytes(ip.begin(), ip.end()));
      }},
-    {"getting source port", 35, false, [](Nat::Frame& f, uint32_t) { pu::GetSourcePort(f); }},
-    {"getting destination port", 37, false, [](Nat::Frame& f, uint32_t) { pu::GetDestinationPort(f); }},
-    {"getting TCP sequence number", 41, false, [](Nat::Frame& f, uint32_t) { pu::GetTcpSequenceNumber(f); }},
-    {"getting acknowledgment number", 45, false, [](Nat::Frame& f, uint32_t) { pu::GetAcknowledgmentNumber(f); }},
-    {"getting TCP header length", 46, false, [](Nat::Frame& f, uint32_t) { pu::GetTransportHeaderLength(f); }},
-    {"setting tcp RST flag", 47, false, [](Nat::Frame& f, uint32_t) { pu::IsTcpRstFlagSet(f); }},
-    {"setting tcp RST flag", 47, false, [](Nat::Frame& f, uint32_t) { pu::IsTcpFinFlagSet(f); }},
-    {"setting tcp RST flag", 47, false, [](Nat::Frame& f, uint32_t) { pu::IsTcpAckFlagSet(f); }},
-    {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t) { pu::GetTransportHeaderChecksum(f); }},
-    {"getting transport header checksum", 50, false, [](Nat::Frame& f, uint32_t v) {
+    {"getting source port", 35, false, [](Frame& f, uint32_t) { pu::GetSourcePort(f); }},
+    {"getting destination port", 37, false, [](Frame& f, uint32_t) { pu::GetDestinationPort(f); }},
+    {"getting TCP sequence number", 41, false, [](Frame& f, uint32_t) { pu::GetTcpSequenceNumber(f); }},
+    {"getting acknowledgment number", 45, false, [](Frame& f, uint32_t) { pu::GetAcknowledgmentNumber(f); }},
+    {"getting TCP header length", 46, false, [](Frame& f, uint32_t) { pu::GetTransportHeaderLength(f); }},
+    {"setting tcp RST flag", 47, false, [](Frame& f, uint32_t) { pu::IsTcpRstFlagSet(f); }},
+    {"setting tcp RST flag", 47, false, [](Frame& f, uint32_t) { pu::IsTcpFinFlagSet(f); }},
+    {"setting tcp RST flag", 47, false, [](Frame& f, uint32_t) { pu::IsTcpAckFlagSet(f); }},
+    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t) { pu::GetTransportHeaderChecksum(f); }},
+    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) {
          pu::UpdateTransportHeaderChecksum(f, uint16_t(v), uint16_t(v >> 16), uint16_t(v >> 3));
      }},
+    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::SetSourcePort(f, uint16_t(v)); }},
     {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetSourcePort(f, uint16_t(v)); }},
+     [](Frame& f, uint32_t v) { pu::SetDestinationPort(f, uint16_t(v >> 5)); }},
+    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::SetTcpSequenceNumber(f, v); }},
+    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::SetAcknowledgmentNumber(f, ~v); }},
+    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::UpdateSourceIp(f, IpFrom(v)); }},
     {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetDestinationPort(f, uint16_t(v >> 5)); }},
-    {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetTcpSequenceNumber(f, v); }},
-    {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t v) { pu::SetAcknowledgmentNumber(f, ~v); }},
-    {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t v) { pu::UpdateSourceIp(f, IpFrom(v)); }},
-    {"getting transport header checksum", 50, false,
-     [](Nat::Frame& f, uint32_t v) { pu::UpdateDestinationIp(f, IpFrom(~v)); }},
-    {"fixing IP header checksum", 34, false, [](Nat::Frame& f, uint32_t) { pu::FixIpHeaderChecksum(f); }},
-    {"fixing transport header checksum", 0, false, [](Nat::Frame& f, uint32_t) { pu::FixTransportHeaderChecksum(f); }},
-    {"getting ARP protocol type", 17, true, [](Nat::Frame& f, uint32_t) { pu::GetArpProtocolType(f); }},
-    {"getting ARP opcode", 21, true, [](Nat::Frame& f, uint32_t) { pu::GetArpOpcode(f); }},
-    {"getting ARP opcode", 21, true, [](Nat::Frame& f, uint32_t) { pu::IsArpReply(f); }},
-    {"getting ARP sender MAC address", 28, true, [](Nat::Frame& f, uint32_t) { pu::GetArpSenderMacAddress(f); }},
-    {"getting ARP sender IP address", 34, true, [](Nat::Frame& f, uint32_t) { pu::GetArpSenderIpAddress(f); }},
+     [](Frame& f, uint32_t v) { pu::UpdateDestinationIp(f, IpFrom(~v)); }},
+    {"fixing IP header checksum", 34, false, [](Frame& f, uint32_t) { pu::FixIpHeaderChecksum(f); }},
+    {"fixing transport header checksum", 0, false, [](Frame& f, uint32_t) { pu::FixTransportHeaderChecksum(f); }},
+    {"getting ARP protocol type", 17, true, [](Frame& f, uint32_t) { pu::GetArpProtocolType(f); }},
+    {"getting ARP opcode", 21, true, [](Frame& f, uint32_t) { pu::GetArpOpcode(f); }},
+    {"getting ARP opcode", 21, true, [](Frame& f, uint32_t) { pu::IsArpReply(f); }},
+    {"getting ARP sender MAC address", 28, true, [](Frame& f, uint32_t) { pu::GetArpSenderMacAddress(f); }},
+    {"getting ARP sender IP address", 34, true, [](Frame& f, uint32_t) { pu::GetArpSenderIpAddress(f); }},
 };
 
 // Runs every codec function on its own copy of the frame. Each call must answer or throw
 // Nat::Exception (anything else escapes); `sizeKept` hears after every call whether the
 // copy still has the frame's length.
 template <typename Check>
-void CallEveryCodecFunction(const Nat::Frame& frame, uint32_t v, Check sizeKept) {
+void CallEveryCodecFunction(const Frame& frame, uint32_t v, Check sizeKept) {
     for (const CodecCall& c : kCodecCalls) {
-        Nat::Frame f = frame;  // a copy whose storage ends where the frame ends
+        Frame f = frame;  // a copy whose storage ends where the frame ends
         try {
             c.call(f, v);
         } catch (const Nat::Exception&) {
