@@ -124,17 +124,6 @@ TEST_F(ArpCacheTest, AnAdapterIsWatchedWhileAnySessionWantsIt) {
     EXPECT_EQ(Table().ToString().find("10.0.0.3"), std::string::npos);
 }
 
-TEST_F(ArpCacheTest, DestroyedCacheIsNoLongerOffered) {
-    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
-    {
-        ArpCache gone(&publisher);
-        ASSERT_TRUE(gone.RegisterDrivers(&session1, {kGuidA}));
-        gone.GetArpTable()->ResolveOrHold(kGateway, Outbound(1), kGuidA);
-    }
-    Offer(kGuidA, ReplyFrom(kGateway));
-    EXPECT_EQ(other.Take().size(), 1u);  // the reply only: the held frame went with the cache
-}
-
 // The whole path on the publisher's own threads: a reply captured on the wire releases
 // the held frame from the dispatch thread, which already holds the subscribers lock.
 TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
@@ -147,12 +136,20 @@ TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
     EXPECT_EQ(seen[0].guid, kGuidA);
 }
 
-TEST_F(ArpCacheTest, UnconsumedReleasedFrameGoesOnToTheStack) {
-    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+// A frame released that nobody takes goes up the stack; a destroyed cache holds nothing more.
+TEST_F(ArpCacheTest, UnconsumedReleasedFrameGoesUpAndADestroyedCacheIsNoLongerOffered) {
     // Addressed to the adapter itself, so the publisher passes it up when nobody takes it.
     const Frame toUs = FrameBuilder::Udp().EthDst(kMacA).Payload("x").Build();
-    Table().ResolveOrHold(kGateway, toUs, kGuidA);
-    Offer(kGuidA, ReplyFrom(kGateway));
+    {
+        ArpCache gone(&publisher);
+        ASSERT_TRUE(gone.RegisterDrivers(&session1, {kGuidA}));
+        gone.GetArpTable()->ResolveOrHold(kGateway, toUs, kGuidA);
+        gone.GetArpTable()->ResolveOrHold({10, 0, 0, 9}, Outbound(1), kGuidA);
+        Offer(kGuidA, ReplyFrom(kGateway));
+    }
     const auto up = network->SentToStack(kGuidA);
     EXPECT_NE(std::find(up.begin(), up.end(), toUs), up.end());
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
+    Offer(kGuidA, ReplyFrom({10, 0, 0, 9}));
+    EXPECT_EQ(other.Take().size(), 1u);  // the reply only: the held frame went with the cache
 }
