@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <initializer_list>
-#include <map>
 #include <stdexcept>
 
 namespace ndtest {
@@ -144,21 +143,17 @@ bool TransportChecksumValid(const Frame& frame) {
 }
 
 Frame Reassemble(const FragmentList& fragments) {
-    std::map<size_t, Bytes> parts;
-    const Frame* head = nullptr;
-    for (const Frame& f : fragments) {
-        const size_t header = static_cast<size_t>(f.at(14) & 0x0F) * 4;
-        const size_t offset = static_cast<size_t>(Be16(f, 20) & 0x1FFF) * 8;
-        const size_t end = std::min<size_t>(f.size(), 14 + Be16(f, 16));
-        if (offset == 0) head = &f;
-        parts[offset].assign(f.begin() + static_cast<long>(14 + header), f.begin() + static_cast<long>(end));
-    }
-    if (head == nullptr) return {};
-    Frame whole(head->begin(), head->begin() + 14 + ((*head)[14] & 0x0F) * 4);
-    const size_t headers = whole.size();
-    for (const auto& [offset, bytes] : parts) {
-        if (offset != whole.size() - headers) return {};
-        AppendAll(whole, bytes);
+    const auto offset = [](const Frame& f) { return static_cast<size_t>(Be16(f, 20) & 0x1FFF) * 8; };
+    const auto headers = [](const Frame& f) { return 14 + static_cast<long>(f.at(14) & 0x0F) * 4; };
+    FragmentList sorted = fragments;
+    std::sort(sorted.begin(), sorted.end(), [&](const Frame& x, const Frame& y) { return offset(x) < offset(y); });
+    if (sorted.empty()) return {};
+    Frame whole(sorted[0].begin(), sorted[0].begin() + headers(sorted[0]));
+    for (const Frame& f : sorted) {
+        // A hole, or no first fragment.
+        if (offset(f) + static_cast<size_t>(headers(whole)) != whole.size()) return {};
+        const long end = std::min<long>(static_cast<long>(f.size()), 14 + Be16(f, 16));
+        whole.insert(whole.end(), f.begin() + headers(f), f.begin() + end);
     }
     Put16(whole, 16, static_cast<uint16_t>(whole.size() - 14));
     Put16(whole, 20, 0);
@@ -253,8 +248,7 @@ FragmentList FrameBuilder::BuildFragments(size_t fragmentData) const {
     for (size_t offset = 0; offset < whole.size(); offset += fragmentData) {
         const size_t end = std::min(whole.size(), offset + fragmentData);
         const Bytes piece(whole.begin() + static_cast<long>(offset), whole.begin() + static_cast<long>(end));
-        const bool more = end < whole.size();
-        fragments.push_back(Assemble(piece, static_cast<uint16_t>((more ? 0x2000 : 0) | (offset / 8))));
+        fragments.push_back(Assemble(piece, static_cast<uint16_t>((end < whole.size() ? 0x2000 : 0) | (offset / 8))));
     }
     return fragments;
 }
