@@ -55,7 +55,7 @@ protected:
 }  // namespace
 
 // A fragmented datagram comes back as its fragments only.
-TEST_F(ArpTableTest, HeldFramesAreReleasedInOrderWhenTheReplyArrives) {
+TEST_F(ArpTableTest, HeldFramesAreReleasedInOrderOnTheReplyAndBindingsLastThirtySeconds) {
     const FragmentList parts = FrameBuilder::Udp().Payload(Bytes(100, 3)).BuildFragments(48);
     const std::set<Frame> fragments(parts.begin(), parts.end());
     EXPECT_EQ(Hold(1), std::nullopt);
@@ -73,20 +73,22 @@ TEST_F(ArpTableTest, HeldFramesAreReleasedInOrderWhenTheReplyArrives) {
     EXPECT_EQ(table.ToString(), kGatewayResolved);
     table.LearnFromArpReply(gateway, gatewayMac);  // a second reply releases nothing more
     EXPECT_EQ(subscriber.numbers.size(), 2u);
+    now += 29999;  // a binding is trusted for 30 s after its last reply
+    EXPECT_EQ(Hold(4), gatewayMac);
+    now += 1;
+    EXPECT_EQ(Hold(5), std::nullopt);
+    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 1));
     // A reply nobody asked for creates a resolved entry.
     table.LearnFromArpReply({10, 0, 0, 1}, gatewayMac);
-    EXPECT_EQ(table.ResolveOrHold({10, 0, 0, 1}, Numbered(4), kGuid), gatewayMac);
+    EXPECT_EQ(table.ResolveOrHold({10, 0, 0, 1}, Numbered(6), kGuid), gatewayMac);
 }
 
 TEST_F(ArpTableTest, HeldFramesExpireAfterFiveSecondsAndAtMostTenAreKept) {
-    Hold(1);  // will be 6 s old
-    now += 1000;
-    Hold(2);  // exactly 5 s old
-    now += 1;
-    Hold(3);  // 4.999 s old
-    now += 999;
-    Hold(4);
-    now += 4000;
+    // Held 6, exactly 5, 4.999 and 4 s before the reply.
+    for (uint16_t n = 1; const uint32_t step : {1000u, 1u, 999u, 4000u}) {
+        Hold(n++);
+        now += step;
+    }
     table.LearnFromArpReply(gateway, gatewayMac);
     EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{3, 4}));
 
@@ -109,20 +111,6 @@ TEST_F(ArpTableTest, HeldFramesExpireAfterFiveSecondsAndAtMostTenAreKept) {
     EXPECT_NE(table.ToString().find(Line("192.168.1.1", "", 8)), std::string::npos) << table.ToString();
     table.LearnFromArpReply(gateway, gatewayMac);
     EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{4, 5, 6, 7, 8, 9, 10, 11}));
-}
-
-TEST_F(ArpTableTest, BindingsAgeAfterThirtySeconds) {
-    table.LearnFromArpReply(gateway, gatewayMac);
-    now += 29999;
-    EXPECT_EQ(Hold(1), gatewayMac);
-    now += 1;  // exactly 30 s: stale
-    EXPECT_EQ(Hold(2), std::nullopt);
-    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 1));
-    // An unresolved entry ages alike: its held frame goes with it.
-    now += 31000;
-    EXPECT_EQ(Hold(3), std::nullopt);
-    table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_EQ(subscriber.numbers, std::vector<uint16_t>{3});
 }
 
 TEST_F(ArpTableTest, CleanupRunsAtMostEveryTwoMinutesOnReplies) {
