@@ -20,59 +20,53 @@ struct CodecCall {
     void (*call)(Frame& f, uint32_t v);
 };
 
+// Short names for the call's signature, so that each entry fits on one line.
+using F = Frame&;
+using V = uint32_t;
+
 inline Ipv4Address IpFrom(uint32_t v) {
     return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
 }
 
 // Checksum-keeping writers read the old checksum first, hence their common threshold.
 inline const CodecCall kCodecCalls[] = {
-    {"getting destination MAC address", 6, false, [](Frame& f, uint32_t) { pu::GetDestinationMac(f); }},
-    {"setting destination MAC address", 6, false,
-     [](Frame& f, uint32_t v) { pu::SetDestinationMac(f, MacAddress{uint8_t(v)}); }},
-    {"getting source MAC address", 12, false, [](Frame& f, uint32_t) { pu::GetSourceMac(f); }},
-    {"setting source MAC address", 12, false,
-     [](Frame& f, uint32_t v) { pu::SetSourceMac(f, MacAddress{2, uint8_t(v)}); }},
-    {"getting ethernet frame type", 13, false, [](Frame& f, uint32_t) { pu::GetFrameType(f); }},
-    {"getting IP header size", 14, false, [](Frame& f, uint32_t) { pu::GetIpHeaderSize(f); }},
-    {"getting IP packet total length", 17, false, [](Frame& f, uint32_t) { pu::GetIpPacketTotalLength(f); }},
-    {"setting IP packet total length", 17, false,
-     [](Frame& f, uint32_t v) { pu::SetIpPacketTotalLength(f, uint16_t(v)); }},
-    {"getting IP protocol", 23, false, [](Frame& f, uint32_t) { pu::GetIpProtocol(f); }},
-    {"getting source IP address", 30, false, [](Frame& f, uint32_t) { pu::GetSourceIp(f); }},
-    {"setting source IP address", 30, false,
-     [](Frame& f, uint32_t v) { pu::SetSourceIpAddress(f, pu::Bytes(v % 6, 3)); }},
-    {"getting destination IP address", 34, false, [](Frame& f, uint32_t) { pu::GetDestinationIp(f); }},
-    {"setting destination IP address", 34, false, [](Frame& f, uint32_t v) {
-         const Ipv4Address ip = IpFrom(v);
-         pu::SetDestinationIpAddress(f, pu::Bytes(ip.begin(), ip.end()));
-     }},
-    {"getting source port", 35, false, [](Frame& f, uint32_t) { pu::GetSourcePort(f); }},
-    {"getting destination port", 37, false, [](Frame& f, uint32_t) { pu::GetDestinationPort(f); }},
-    {"getting TCP sequence number", 41, false, [](Frame& f, uint32_t) { pu::GetTcpSequenceNumber(f); }},
-    {"getting acknowledgment number", 45, false, [](Frame& f, uint32_t) { pu::GetAcknowledgmentNumber(f); }},
-    {"getting TCP header length", 46, false, [](Frame& f, uint32_t) { pu::GetTransportHeaderLength(f); }},
-    {"setting tcp RST flag", 47, false, [](Frame& f, uint32_t) { pu::IsTcpRstFlagSet(f); }},
-    {"setting tcp RST flag", 47, false, [](Frame& f, uint32_t) { pu::IsTcpFinFlagSet(f); }},
-    {"setting tcp RST flag", 47, false, [](Frame& f, uint32_t) { pu::IsTcpAckFlagSet(f); }},
-    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t) { pu::GetTransportHeaderChecksum(f); }},
-    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) {
-         pu::UpdateTransportHeaderChecksum(f, uint16_t(v), uint16_t(v >> 16), uint16_t(v >> 3));
-     }},
-    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::SetSourcePort(f, uint16_t(v)); }},
+    {"getting destination MAC address", 6, false, [](F f, V) { pu::GetDestinationMac(f); }},
+    {"setting destination MAC address", 6, false, [](F f, V v) { pu::SetDestinationMac(f, MacAddress{uint8_t(v)}); }},
+    {"getting source MAC address", 12, false, [](F f, V) { pu::GetSourceMac(f); }},
+    {"setting source MAC address", 12, false, [](F f, V v) { pu::SetSourceMac(f, MacAddress{2, uint8_t(v)}); }},
+    {"getting ethernet frame type", 13, false, [](F f, V) { pu::GetFrameType(f); }},
+    {"getting IP header size", 14, false, [](F f, V) { pu::GetIpHeaderSize(f); }},
+    {"getting IP packet total length", 17, false, [](F f, V) { pu::GetIpPacketTotalLength(f); }},
+    {"setting IP packet total length", 17, false, [](F f, V v) { pu::SetIpPacketTotalLength(f, uint16_t(v)); }},
+    {"getting IP protocol", 23, false, [](F f, V) { pu::GetIpProtocol(f); }},
+    {"getting source IP address", 30, false, [](F f, V) { pu::GetSourceIp(f); }},
+    {"setting source IP address", 30, false, [](F f, V v) { pu::SetSourceIpAddress(f, pu::Bytes(v % 6, 3)); }},
+    {"getting destination IP address", 34, false, [](F f, V) { pu::GetDestinationIp(f); }},
+    {"setting destination IP address", 34, false, [](F f, V v) { pu::SetDestinationIpAddress(f, ToBytes(IpFrom(v))); }},
+    {"getting source port", 35, false, [](F f, V) { pu::GetSourcePort(f); }},
+    {"getting destination port", 37, false, [](F f, V) { pu::GetDestinationPort(f); }},
+    {"getting TCP sequence number", 41, false, [](F f, V) { pu::GetTcpSequenceNumber(f); }},
+    {"getting acknowledgment number", 45, false, [](F f, V) { pu::GetAcknowledgmentNumber(f); }},
+    {"getting TCP header length", 46, false, [](F f, V) { pu::GetTransportHeaderLength(f); }},
+    {"setting tcp RST flag", 47, false, [](F f, V) { pu::IsTcpRstFlagSet(f); }},
+    {"setting tcp RST flag", 47, false, [](F f, V) { pu::IsTcpFinFlagSet(f); }},
+    {"setting tcp RST flag", 47, false, [](F f, V) { pu::IsTcpAckFlagSet(f); }},
+    {"getting transport header checksum", 50, false, [](F f, V) { pu::GetTransportHeaderChecksum(f); }},
     {"getting transport header checksum", 50, false,
-     [](Frame& f, uint32_t v) { pu::SetDestinationPort(f, uint16_t(v >> 5)); }},
-    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::SetTcpSequenceNumber(f, v); }},
-    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::SetAcknowledgmentNumber(f, ~v); }},
-    {"getting transport header checksum", 50, false, [](Frame& f, uint32_t v) { pu::UpdateSourceIp(f, IpFrom(v)); }},
-    {"getting transport header checksum", 50, false,
-     [](Frame& f, uint32_t v) { pu::UpdateDestinationIp(f, IpFrom(~v)); }},
-    {"fixing IP header checksum", 34, false, [](Frame& f, uint32_t) { pu::FixIpHeaderChecksum(f); }},
-    {"fixing transport header checksum", 0, false, [](Frame& f, uint32_t) { pu::FixTransportHeaderChecksum(f); }},
-    {"getting ARP protocol type", 17, true, [](Frame& f, uint32_t) { pu::GetArpProtocolType(f); }},
-    {"getting ARP opcode", 21, true, [](Frame& f, uint32_t) { pu::GetArpOpcode(f); }},
-    {"getting ARP opcode", 21, true, [](Frame& f, uint32_t) { pu::IsArpReply(f); }},
-    {"getting ARP sender MAC address", 28, true, [](Frame& f, uint32_t) { pu::GetArpSenderMacAddress(f); }},
-    {"getting ARP sender IP address", 34, true, [](Frame& f, uint32_t) { pu::GetArpSenderIpAddress(f); }},
+     [](F f, V v) { pu::UpdateTransportHeaderChecksum(f, uint16_t(v), uint16_t(v >> 16), uint16_t(v >> 3)); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetSourcePort(f, uint16_t(v)); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetDestinationPort(f, uint16_t(v >> 5)); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetTcpSequenceNumber(f, v); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetAcknowledgmentNumber(f, ~v); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::UpdateSourceIp(f, IpFrom(v)); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::UpdateDestinationIp(f, IpFrom(~v)); }},
+    {"fixing IP header checksum", 34, false, [](F f, V) { pu::FixIpHeaderChecksum(f); }},
+    {"fixing transport header checksum", 0, false, [](F f, V) { pu::FixTransportHeaderChecksum(f); }},
+    {"getting ARP protocol type", 17, true, [](F f, V) { pu::GetArpProtocolType(f); }},
+    {"getting ARP opcode", 21, true, [](F f, V) { pu::GetArpOpcode(f); }},
+    {"getting ARP opcode", 21, true, [](F f, V) { pu::IsArpReply(f); }},
+    {"getting ARP sender MAC address", 28, true, [](F f, V) { pu::GetArpSenderMacAddress(f); }},
+    {"getting ARP sender IP address", 34, true, [](F f, V) { pu::GetArpSenderIpAddress(f); }},
 };
 
 // Runs every codec function on its own copy of the frame. Each call must answer or throw
