@@ -4,7 +4,8 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
-#include "PacketTestHelpers.h"
+#include "Packet/NatException.h"
+#include "support/FrameBuilder.h"
 #include "support/LogCapture.h"
 #include "support/RecordingSubscriber.h"
 
@@ -110,30 +111,6 @@ TEST_F(ArpCacheTest, HeldFramesComeBackAsReceivedFramesOfTheirAdapter) {
     EXPECT_EQ(Table().ResolveOrHold(kGateway, Outbound(3), kGuidA), kGatewayMac);
 }
 
-TEST_F(ArpCacheTest, AnAdapterIsWatchedWhileAnySessionWantsIt) {
-    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
-    ASSERT_TRUE(cache.RegisterDrivers(&session2, {kGuidA, kGuidB}));
-    cache.UnregisterDrivers(&session1);
-    Offer(kGuidA, ReplyFrom({10, 0, 0, 1}));
-    Offer(kGuidB, ReplyFrom({10, 0, 0, 2}, kMacB));
-    EXPECT_EQ(Table().ToString(), "IP 10.0.0.1 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n"
-                                  "IP 10.0.0.2 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n");
-    cache.UnregisterDrivers(&session2);
-    Offer(kGuidA, ReplyFrom({10, 0, 0, 3}));
-    EXPECT_EQ(Table().ToString().find("10.0.0.3"), std::string::npos);
-}
-
-TEST_F(ArpCacheTest, DestroyedCacheIsNoLongerOffered) {
-    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
-    {
-        ArpCache gone(&publisher);
-        ASSERT_TRUE(gone.RegisterDrivers(&session1, {kGuidA}));
-        gone.GetArpTable()->ResolveOrHold(kGateway, Outbound(1), kGuidA);
-    }
-    Offer(kGuidA, ReplyFrom(kGateway));
-    EXPECT_EQ(other.Take().size(), 1u);  // the reply only: the held frame went with the cache
-}
-
 // The whole path on the publisher's own threads: a reply captured on the wire releases
 // the held frame from the dispatch thread, which already holds the subscribers lock.
 TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
@@ -146,12 +123,30 @@ TEST_F(ArpCacheTest, ReplyFromTheWireReleasesOnTheDispatchThread) {
     EXPECT_EQ(seen[0].guid, kGuidA);
 }
 
-TEST_F(ArpCacheTest, UnconsumedReleasedFrameGoesOnToTheStack) {
-    ASSERT_TRUE(cache.RegisterDrivers(&session1, {kGuidA}));
+// A released frame that nobody takes goes up the stack; a destroyed cache is offered nothing more.
+TEST_F(ArpCacheTest, AnAdapterIsWatchedWhileAnySessionWantsItAndTheCacheLives) {
     // Addressed to the adapter itself, so the publisher passes it up when nobody takes it.
     const Frame toUs = FrameBuilder::Udp().EthDst(kMacA).Payload("x").Build();
-    Table().ResolveOrHold(kGateway, toUs, kGuidA);
-    Offer(kGuidA, ReplyFrom(kGateway));
+    {
+        ArpCache local(&publisher);
+        NativeNetworkDriver::ArpTable& table = *local.GetArpTable();
+        ASSERT_TRUE(local.RegisterDrivers(&session1, {kGuidA}));
+        ASSERT_TRUE(local.RegisterDrivers(&session2, {kGuidA, kGuidB}));
+        local.UnregisterDrivers(&session1);
+        table.ResolveOrHold(kGateway, toUs, kGuidA);
+        table.ResolveOrHold({10, 0, 0, 9}, Outbound(1), kGuidA);
+        Offer(kGuidA, ReplyFrom(kGateway));
+        Offer(kGuidB, ReplyFrom({10, 0, 0, 2}, kMacB));
+        EXPECT_EQ(table.ToString(), "IP 10.0.0.2 MAC 02::aa::bb::cc::dd::ee  unresolved packets count: 0\n"
+                                    "IP 10.0.0.9 MAC   unresolved packets count: 1\n" + kGatewayLine);
+        local.UnregisterDrivers(&session2);
+        Offer(kGuidA, ReplyFrom({10, 0, 0, 3}));
+        EXPECT_EQ(table.ToString().find("10.0.0.3"), std::string::npos);
+        ASSERT_TRUE(local.RegisterDrivers(&session1, {kGuidA}));
+    }
     const auto up = network->SentToStack(kGuidA);
     EXPECT_NE(std::find(up.begin(), up.end(), toUs), up.end());
+    ASSERT_TRUE(publisher.Register(&other, {kGuidA}));
+    Offer(kGuidA, ReplyFrom({10, 0, 0, 9}));
+    EXPECT_EQ(other.Take().size(), 1u);  // the reply only: the held frame went with the cache
 }

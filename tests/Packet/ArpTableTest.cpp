@@ -2,8 +2,9 @@
 
 #include "Packet/ArpTable.h"
 #include "Packet/PacketUtils.h"
-#include "PacketTestHelpers.h"
+#include "support/FrameBuilder.h"
 #include "support/LogCapture.h"
+#include "support/Thrown.h"
 
 using namespace ndtest;
 using NativeNetworkDriver::ArpTable;
@@ -40,8 +41,8 @@ protected:
     uint32_t now = 0xFFFFFFFFu - 50000;
     ArpTable table{[this] { return now; }};
     RecordingSubscriber subscriber;
-    const Ipv4Address gateway = Ip("192.168.1.1");
-    const MacAddress gatewayMac = Mac("02:aa:bb:cc:dd:ee");
+    const Ipv4Address gateway{192, 168, 1, 1};
+    const MacAddress gatewayMac{0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};
 
     void SetUp() override { table.Subscribe(&subscriber); }
 
@@ -53,48 +54,46 @@ protected:
 
 }  // namespace
 
-TEST_F(ArpTableTest, HeldFramesAreReleasedInOrderWhenTheReplyArrives) {
+// A fragmented datagram comes back as its fragments only.
+TEST_F(ArpTableTest, HeldFramesAreReleasedInOrderOnTheReplyAndBindingsLastThirtySeconds) {
+    const FragmentList parts = FrameBuilder::Udp().Payload(Bytes(100, 3)).BuildFragments(48);
+    const std::set<Frame> fragments(parts.begin(), parts.end());
     EXPECT_EQ(Hold(1), std::nullopt);
     now += 1000;
     EXPECT_EQ(Hold(2, "{other}"), std::nullopt);
-    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 2));
+    EXPECT_EQ(table.ResolveOrHold(gateway, parts[0], kGuid, fragments), std::nullopt);
+    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 3));
     EXPECT_TRUE(subscriber.numbers.empty());
     now += 1000;
     table.LearnFromArpReply(gateway, gatewayMac);
     EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{1, 2}));
-    EXPECT_EQ(subscriber.guids, (std::vector<std::string>{kGuid, "{other}"}));
+    EXPECT_EQ(subscriber.guids, (std::vector<std::string>{kGuid, "{other}", kGuid}));
+    EXPECT_EQ(subscriber.fragmentSets, std::vector<std::set<Frame>>{fragments});
     EXPECT_EQ(Hold(3), gatewayMac);
     EXPECT_EQ(table.ToString(), kGatewayResolved);
     table.LearnFromArpReply(gateway, gatewayMac);  // a second reply releases nothing more
     EXPECT_EQ(subscriber.numbers.size(), 2u);
+    now += 29999;  // a binding is trusted for 30 s after its last reply
+    EXPECT_EQ(Hold(4), gatewayMac);
+    now += 1;
+    EXPECT_EQ(Hold(5), std::nullopt);
+    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 1));
     // A reply nobody asked for creates a resolved entry.
-    table.LearnFromArpReply(Ip("10.0.0.1"), gatewayMac);
-    EXPECT_EQ(table.ResolveOrHold(Ip("10.0.0.1"), Numbered(4), kGuid), gatewayMac);
-}
-
-TEST_F(ArpTableTest, FragmentedDatagramIsReleasedAsItsFragmentsOnly) {
-    const FragmentList parts = FrameBuilder::Udp().Payload(Bytes(100, 3)).BuildFragments(48);
-    const std::set<Frame> fragments(parts.begin(), parts.end());
-    table.ResolveOrHold(gateway, parts[0], kGuid, fragments);
-    table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_EQ(subscriber.fragmentSets, std::vector<std::set<Frame>>{fragments});
-    EXPECT_TRUE(subscriber.numbers.empty());
+    table.LearnFromArpReply({10, 0, 0, 1}, gatewayMac);
+    EXPECT_EQ(table.ResolveOrHold({10, 0, 0, 1}, Numbered(6), kGuid), gatewayMac);
 }
 
 TEST_F(ArpTableTest, HeldFramesExpireAfterFiveSecondsAndAtMostTenAreKept) {
-    Hold(1);  // will be 6 s old
-    now += 1000;
-    Hold(2);  // exactly 5 s old
-    now += 1;
-    Hold(3);  // 4.999 s old
-    now += 999;
-    Hold(4);
-    now += 4000;
+    // Held 6, exactly 5, 4.999 and 4 s before the reply.
+    for (uint16_t n = 1; const uint32_t step : {1000u, 1u, 999u, 4000u}) {
+        Hold(n++);
+        now += step;
+    }
     table.LearnFromArpReply(gateway, gatewayMac);
     EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{3, 4}));
 
     // Eleven frames: the oldest goes.
-    const Ipv4Address busy = Ip("10.9.9.9");
+    const Ipv4Address busy{10, 9, 9, 9};
     subscriber.numbers.clear();
     for (uint16_t n = 1; n <= 11; ++n, now += 100) table.ResolveOrHold(busy, Numbered(n), kGuid);
     EXPECT_EQ(table.ToString(), Line("10.9.9.9", "", 10) + kGatewayResolved);
@@ -114,22 +113,8 @@ TEST_F(ArpTableTest, HeldFramesExpireAfterFiveSecondsAndAtMostTenAreKept) {
     EXPECT_EQ(subscriber.numbers, (std::vector<uint16_t>{4, 5, 6, 7, 8, 9, 10, 11}));
 }
 
-TEST_F(ArpTableTest, BindingsAgeAfterThirtySeconds) {
-    table.LearnFromArpReply(gateway, gatewayMac);
-    now += 29999;
-    EXPECT_EQ(Hold(1), gatewayMac);
-    now += 1;  // exactly 30 s: stale
-    EXPECT_EQ(Hold(2), std::nullopt);
-    EXPECT_EQ(table.ToString(), Line("192.168.1.1", "", 1));
-    // An unresolved entry ages alike: its held frame goes with it.
-    now += 31000;
-    EXPECT_EQ(Hold(3), std::nullopt);
-    table.LearnFromArpReply(gateway, gatewayMac);
-    EXPECT_EQ(subscriber.numbers, std::vector<uint16_t>{3});
-}
-
 TEST_F(ArpTableTest, CleanupRunsAtMostEveryTwoMinutesOnReplies) {
-    const Ipv4Address a = Ip("10.0.0.1"), b = Ip("10.0.0.2"), c = Ip("10.0.0.3");
+    const Ipv4Address a{10, 0, 0, 1}, b{10, 0, 0, 2}, c{10, 0, 0, 3};
     const std::string macText = "02::aa::bb::cc::dd::ee";
     table.LearnFromArpReply(a, gatewayMac);
     table.ResolveOrHold(b, Numbered(1), kGuid);
@@ -172,7 +157,7 @@ TEST_F(ArpTableTest, ReleasedFrameMayReenterTheTableOnTheSameThread) {
     std::optional<MacAddress> seen;
     subscriber.onFrame = [&](const Frame& frame) {
         seen = table.ResolveOrHold(gateway, frame, kGuid);  // would deadlock on a plain mutex
-        table.ResolveOrHold(Ip("192.168.1.77"), frame, kGuid);
+        table.ResolveOrHold({192, 168, 1, 77}, frame, kGuid);
     };
     Hold(1);
     table.LearnFromArpReply(gateway, gatewayMac);
@@ -188,7 +173,7 @@ TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
     now += 30000;
     Hold(3);
     now += 200000;
-    table.LearnFromArpReply(Ip("10.1.1.1"), gatewayMac);
+    table.LearnFromArpReply({10, 1, 1, 1}, gatewayMac);
     const std::string text = log.Text();
     const std::string held1 = Line("192.168.1.1", "", 1), held2 = Line("192.168.1.1", "", 2);
     for (const std::string& entry : {";DEBUG;Added entry to Arp cache (192.168.1.1)\n" + held1,
@@ -201,9 +186,8 @@ TEST_F(ArpTableTest, ChangesAreLoggedAtLevelThreeWithTheDump) {
 }
 
 TEST(ArpRequest, BroadcastRequestLayout) {
-    const Frame request =
-        NativeNetworkDriver::BuildArpRequest(Mac("02:11:22:33:44:55"), Ip("192.168.1.50"), Ip("192.168.1.1"));
-    EXPECT_EQ(request, FrameBuilder::Arp().EthSrc(Mac("02:11:22:33:44:55")).ArpOpcode(1)
-                           .ArpSender(Mac("02:11:22:33:44:55"), Ip("192.168.1.50"))
-                           .ArpTarget(MacAddress{}, Ip("192.168.1.1")).PadTo(60).Build());
+    const MacAddress mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+    const Frame request = NativeNetworkDriver::BuildArpRequest(mac, {192, 168, 1, 50}, {192, 168, 1, 1});
+    EXPECT_EQ(request, FrameBuilder::Arp().EthSrc(mac).ArpSender(mac, {192, 168, 1, 50})
+                           .ArpTarget({}, {192, 168, 1, 1}).PadTo(60).Build());
 }

@@ -12,14 +12,6 @@ using Nat::Frame;
 
 namespace {
 
-template <typename F>
-void Try(F&& f) {
-    try {
-        f();
-    } catch (const Nat::Exception&) {
-    }
-}
-
 void Check(bool condition) {
     if (!condition) std::abort();
 }
@@ -28,48 +20,31 @@ void Check(bool condition) {
 // every incremental writer must land where a full recompute lands.
 void IncrementalAgreesWithFull(const Frame& original, uint32_t v) {
     Frame base = original;
+    bool tcp;
     try {
         pu::FixTransportHeaderChecksum(base);
         const uint32_t h = pu::GetIpHeaderSize(base);
-        if (h < 20) return;
+        tcp = pu::GetIpProtocol(base) == 6;
         // Both checksum bytes must lie inside the frame.
-        if (base.size() < 14 + h + (pu::GetIpProtocol(base) == 6 ? 16 : 6) + 2) return;
+        if (h < 20 || base.size() < 14 + h + (tcp ? 16 : 6) + 2) return;
     } catch (const Nat::Exception&) {
         return;
     }
-    const Nat::Ipv4Address ip{uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
-    const auto agree = [&](auto&& write) {
+    void (*const writers[])(Frame&, uint32_t) = {
+        [](Frame& f, uint32_t x) { pu::SetSourcePort(f, uint16_t(x)); },
+        [](Frame& f, uint32_t x) { pu::SetDestinationPort(f, uint16_t(x >> 7)); },
+        [](Frame& f, uint32_t x) { pu::UpdateSourceIp(f, ndtest::IpFrom(x)); },
+        [](Frame& f, uint32_t x) { pu::UpdateDestinationIp(f, ndtest::IpFrom(~x)); },
+        [](Frame& f, uint32_t x) { pu::SetTcpSequenceNumber(f, x * 2654435761u); },  // TCP only from here on
+        [](Frame& f, uint32_t x) { pu::SetAcknowledgmentNumber(f, ~x); },
+    };
+    for (size_t i = 0; i < (tcp ? 6 : 4); ++i) {
         Frame incremental = base;
-        write(incremental);
+        writers[i](incremental, v);
         Frame full = incremental;
         pu::FixTransportHeaderChecksum(full);
         Check(full == incremental);
-    };
-    const bool tcp = pu::GetIpProtocol(base) == 6;
-    agree([&](Frame& f) { pu::SetSourcePort(f, uint16_t(v)); });
-    agree([&](Frame& f) { pu::SetDestinationPort(f, uint16_t(v >> 7)); });
-    agree([&](Frame& f) { pu::UpdateSourceIp(f, ip); });
-    agree([&](Frame& f) { pu::UpdateDestinationIp(f, ip); });
-    if (tcp) {
-        agree([&](Frame& f) { pu::SetTcpSequenceNumber(f, v * 2654435761u); });
-        agree([&](Frame& f) { pu::SetAcknowledgmentNumber(f, ~v); });
     }
-}
-
-void Texts(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
-    const bool valid = pu::IsValidIpAddress(text);
-    try {
-        const pu::Bytes bytes = pu::FromIPStringToByteArray(text);
-        Check(valid && bytes.size() == 4);
-        const std::string back = pu::FromVectorToIpString(bytes);
-        Check(back == "0.0.0.0" || pu::FromIPStringToByteArray(back) == bytes);
-    } catch (const Nat::Exception&) {
-        Check(!valid);
-    }
-    const pu::Bytes raw(data, data + size);
-    Check(pu::FromVectorToHexString(raw, "::").size() == (size == 0 ? 0 : size * 4 - 2));
-    Try([&] { pu::FromVectorToIpString(raw); });
 }
 
 }  // namespace
@@ -81,6 +56,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Frame frame(data, data + size);
     ndtest::CallEveryCodecFunction(frame, v, Check);
     IncrementalAgreesWithFull(frame, v);
-    if (size <= 64) Texts(data, size);
+    // Text conversions never crash and agree with each other.
+    const std::string text(reinterpret_cast<const char*>(data), size < 64 ? size : 64);
+    try {
+        const pu::Bytes bytes = pu::FromIPStringToByteArray(text);
+        Check(pu::IsValidIpAddress(text) && bytes.size() == 4);
+    } catch (const Nat::Exception&) {
+        Check(!pu::IsValidIpAddress(text));
+    }
     return 0;
 }

@@ -21,15 +21,10 @@ using Bytes = std::vector<uint8_t>;
 
 // TCP flag bits.
 inline constexpr uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPsh = 0x08, kAck = 0x10, kCwr = 0x80;
-inline constexpr uint16_t kEtherIpv4 = 0x0800, kEtherArp = 0x0806, kEtherIpv6 = 0x86DD;
 inline constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17;
 
-// "02:00:00:00:00:01" / "10.0.0.1"; throw on malformed text.
-MacAddress Mac(const std::string& text);
-Ipv4Address Ip(const std::string& text);
 Bytes ToBytes(const MacAddress& mac);
 Bytes ToBytes(const Ipv4Address& ip);
-Bytes ToBytes(const std::string& text);
 // n bytes of a fixed, non-repeating-looking pattern.
 Bytes Pattern(size_t n, uint32_t seed = 7);
 
@@ -80,8 +75,6 @@ public:
     // Ethernet
     FrameBuilder& EthDst(const MacAddress& mac) { ethDst_ = mac; return *this; }
     FrameBuilder& EthSrc(const MacAddress& mac) { ethSrc_ = mac; return *this; }
-    // Overrides the type the kind implies.
-    FrameBuilder& EtherType(uint16_t type) { etherType_ = type; return *this; }
     // Ethernet padding: zero bytes appended until the frame has this many bytes.
     FrameBuilder& PadTo(size_t frameSize) { padTo_ = frameSize; return *this; }
 
@@ -89,7 +82,6 @@ public:
     FrameBuilder& Ipv6() { ipv6_ = true; return *this; }
     FrameBuilder& IpSrc(const Ipv4Address& ip) { ipSrc_ = ip; return *this; }
     FrameBuilder& IpDst(const Ipv4Address& ip) { ipDst_ = ip; return *this; }
-    FrameBuilder& Ttl(uint8_t ttl) { ttl_ = ttl; return *this; }
     FrameBuilder& IpId(uint16_t id) { ipId_ = id; return *this; }
     FrameBuilder& DontFragment(bool on) { fragmentField_ = on ? 0x4000 : 0; return *this; }
     // A fragment at this byte offset (a multiple of 8), with the more-fragments bit.
@@ -106,11 +98,10 @@ public:
     FrameBuilder& TcpOptions(const Bytes& options) { tcpOptions_ = PadOptions(options); return *this; }
     FrameBuilder& NoUdpChecksum() { noUdpChecksum_ = true; return *this; }  // UDP checksum 0: "none"
     FrameBuilder& Payload(const Bytes& payload) { payload_ = payload; return *this; }
-    FrameBuilder& Payload(const std::string& payload) { payload_ = ToBytes(payload); return *this; }
+    FrameBuilder& Payload(const std::string& text) { payload_.assign(text.begin(), text.end()); return *this; }
 
     // ARP (Ethernet/IPv4)
     FrameBuilder& ArpOpcode(uint16_t opcode) { arpOpcode_ = opcode; return *this; }
-    FrameBuilder& ArpProtocolType(uint16_t type) { arpProtocolType_ = type; return *this; }
     FrameBuilder& ArpSender(const MacAddress& mac, const Ipv4Address& ip) { arpSender_ = {mac, ip}; return *this; }
     FrameBuilder& ArpTarget(const MacAddress& mac, const Ipv4Address& ip) { arpTarget_ = {mac, ip}; return *this; }
 
@@ -122,27 +113,22 @@ public:
 
 private:
     enum class Kind { Tcp, Udp, Arp, Raw };
-    explicit FrameBuilder(Kind kind);
+    explicit FrameBuilder(Kind kind, uint8_t protocol) : kind_(kind), protocol_(protocol) {}
     static Bytes PadOptions(Bytes options);
-    uint8_t ProtocolNumber() const;
     Bytes IpPayload() const;  // transport header + payload, checksum included
     Frame Assemble(const Bytes& ipPayload, uint16_t fragmentField) const;
 
     Kind kind_;
+    uint8_t protocol_;
     MacAddress ethDst_{0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
     MacAddress ethSrc_{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
-    std::optional<uint16_t> etherType_;
     size_t padTo_ = 0;
-
     bool ipv6_ = false;
     Ipv4Address ipSrc_{10, 0, 0, 1};
     Ipv4Address ipDst_{10, 0, 0, 2};
-    uint8_t ttl_ = 64;
     uint16_t ipId_ = 0x1234;
     uint16_t fragmentField_ = 0x4000;  // don't fragment
-    std::optional<uint8_t> protocol_;
     Bytes ipOptions_;
-
     uint16_t srcPort_ = 40000;
     uint16_t dstPort_ = 80;
     uint32_t seq_ = 1000;
@@ -151,11 +137,9 @@ private:
     Bytes tcpOptions_;
     bool noUdpChecksum_ = false;
     Bytes payload_;
-
     uint16_t arpOpcode_ = 1;
-    uint16_t arpProtocolType_ = kEtherIpv4;
-    std::pair<MacAddress, Ipv4Address> arpSender_{{0x02, 0x00, 0x00, 0x00, 0x00, 0x01}, {10, 0, 0, 1}};
-    std::pair<MacAddress, Ipv4Address> arpTarget_{{}, {10, 0, 0, 2}};
+    std::pair<MacAddress, Ipv4Address> arpSender_{ethSrc_, ipSrc_};
+    std::pair<MacAddress, Ipv4Address> arpTarget_{{}, ipDst_};
 };
 
 }  // namespace ndtest
