@@ -2,7 +2,7 @@
 // of both ends kept consistent across the segments that follow a rewrite.
 #include <gtest/gtest.h>
 
-#include <tuple>
+#include <initializer_list>
 
 #include "Nat/ApplicationLayer.h"
 #include "support/NatRig.h"
@@ -12,9 +12,18 @@ namespace App = Nat::ApplicationLayer;
 
 namespace {
 
+// One segment and, when they change on the way, its numbers and payload at the other end.
+struct Step {
+    bool fromClient;
+    uint32_t seq, ack;
+    uint8_t flags;
+    std::string payload = {};
+    uint32_t seqThere = seq, ackThere = ack;
+    std::string payloadThere = payload;
+};
+
 // A client out on the far side talking to the published server. Each segment must reach
-// the other end whole (addresses, ports, flags, every checksum); what may change, the
-// numbers and the payload, is handed back.
+// the other end whole: addresses, ports, flags, numbers, payload and every checksum.
 struct Conversation {
     Rig& rig;
     uint16_t clientPort = 40000;
@@ -23,22 +32,20 @@ struct Conversation {
     uint16_t serverSeesPort = 40000;
     uint16_t serverPort = 80;
 
-    Fields FromClient(uint32_t seq, uint32_t ack, uint8_t flags, const std::string& payload = {}) {
-        Frame f = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, clientPort, published, seq, ack, flags, payload});
-        EXPECT_EQ(rig.In(f), 2u);
-        const Fields got = Parse(f);
-        EXPECT_EQ(f, Tcp({kSrvMac, kServerMac, serverSees, kServerIp, serverSeesPort, serverPort, got.seq, got.ack,
-                          flags, got.payload}));
-        return got;
-    }
-    Fields FromServer(uint32_t seq, uint32_t ack, uint8_t flags, const std::string& payload = {}) {
-        Frame f = Tcp({kServerMac, kSrvMac, kServerIp, serverSees, serverPort, serverSeesPort, seq, ack, flags,
-                       payload});
-        EXPECT_EQ(rig.Out(f, "srv0"), 2u);
-        const Fields got = Parse(f);
-        EXPECT_EQ(f, Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, published, clientPort, got.seq, got.ack, flags,
-                          got.payload}));
-        return got;
+    void Run(std::initializer_list<Step> steps) {
+        for (const Step& s : steps) {
+            SCOPED_TRACE(std::to_string(s.seq) + " " + std::to_string(s.ack));
+            const TcpSpec client{kGatewayMac, kExtMac, kFarIp, kExtIp, clientPort, published, s.seq, s.ack, s.flags,
+                                 s.payload};
+            const TcpSpec server{kServerMac, kSrvMac, kServerIp, serverSees, serverPort, serverSeesPort, s.seq, s.ack,
+                                 s.flags, s.payload};
+            Frame f = s.fromClient ? client.Build() : server.Build();
+            EXPECT_EQ(s.fromClient ? rig.In(f) : rig.Out(f, "srv0"), 2u);
+            EXPECT_EQ(f, s.fromClient ? Tcp({kSrvMac, kServerMac, serverSees, kServerIp, serverSeesPort, serverPort,
+                                             s.seqThere, s.ackThere, s.flags, s.payloadThere})
+                                      : Tcp({kExtMac, kGatewayMac, kExtIp, kFarIp, published, clientPort,
+                                             s.seqThere, s.ackThere, s.flags, s.payloadThere}));
+        }
     }
 };
 
@@ -100,85 +107,70 @@ TEST(NatApplicationLayer, ParsersFindWhatToRewriteAndNothingElse) {
 TEST(NatHttp, RewrittenRequestsKeepBothEndsSequenceNumbersConsistent) {
     Rig rig({Rule(6, 8080, 80, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation c{rig};
     const std::string first = "GET / HTTP/1.1\r\nHost: 10.0.0.2:8080\r\n\r\n";    // 39 bytes at 1001
     const std::string second = "GET /b HTTP/1.1\r\nHost: 10.0.0.2:8080\r\n\r\n";  // 40 bytes at 1040
-    const struct {
-        bool fromClient;
-        uint32_t seq, ack;
-        uint8_t flags;
-        std::string payload;
-        uint32_t seqThere, ackThere;
-        std::string payloadThere;
-    } steps[] = {
-        {true, 1000, 0, kSyn, "", 1000, 0, ""},
-        {false, 5000, 1001, kSyn | kAck, "", 5000, 1001, ""},
+    const std::string secondThere = "GET /b HTTP/1.1\r\nHost: 172.20.0.20\r\n\r\n";
+    Conversation{rig}.Run({
+        {true, 1000, 0, kSyn},
+        {false, 5000, 1001, kSyn | kAck},
         {true, 1001, 5001, kAck | kPsh, first, 1001, 5001, "GET / HTTP/1.1\r\nHost: 172.20.0.20\r\n\r\n"},
-        {false, 5001, 1038, kAck, "", 5001, 1040, ""},
-        {true, 1040, 5001, kAck | kPsh, second, 1038, 5001, "GET /b HTTP/1.1\r\nHost: 172.20.0.20\r\n\r\n"},
+        {false, 5001, 1038, kAck, "", 5001, 1040},
+        {true, 1040, 5001, kAck | kPsh, second, 1038, 5001, secondThere},
         // A retransmission of the latest rewritten segment moves nothing twice.
-        {true, 1040, 5001, kAck | kPsh, second, 1038, 5001, "GET /b HTTP/1.1\r\nHost: 172.20.0.20\r\n\r\n"},
-        {true, 1080, 5001, kAck | kPsh, "body", 1076, 5001, "body"},
-        {false, 5001, 1080, kAck, "", 5001, 1084, ""},
-        {false, 5001, 1080, kAck | kPsh, "HTTP/1.1 200 OK\r\n\r\n", 5001, 1084, "HTTP/1.1 200 OK\r\n\r\n"},
-    };
-    for (const auto& s : steps) {
-        SCOPED_TRACE(std::to_string(s.seq) + " " + std::to_string(s.ack));
-        const Fields got = s.fromClient ? c.FromClient(s.seq, s.ack, s.flags, s.payload)
-                                        : c.FromServer(s.seq, s.ack, s.flags, s.payload);
-        EXPECT_EQ(std::tie(got.seq, got.ack, got.payload), std::tie(s.seqThere, s.ackThere, s.payloadThere));
-    }
+        {true, 1040, 5001, kAck | kPsh, second, 1038, 5001, secondThere},
+        {true, 1080, 5001, kAck | kPsh, "body", 1076},
+        {false, 5001, 1080, kAck, "", 5001, 1084},
+        {false, 5001, 1080, kAck | kPsh, "HTTP/1.1 200 OK\r\n\r\n", 5001, 1084},
+    });
 }
 
 TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
     Rig rig({Rule(6, 8080, 8081, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation c{.rig = rig, .serverPort = 8081};
     const std::string head = "GET / HTTP/1.1\r\nHost: 1.2.3.4\r\n";
     std::string big = head + std::string(1514 - 54 - head.size() - 4, 'a') + "\r\n\r\n";
     ASSERT_EQ(54 + big.size(), 1514u);
-    EXPECT_EQ(c.FromClient(1, 0, kAck, big).payload, big);
-    std::string fits = head + "\r\n";
-    EXPECT_EQ(c.FromClient(1 + static_cast<uint32_t>(big.size()), 0, kAck, fits).payload,
-              "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\n\r\n");
+    const uint32_t next = 1 + static_cast<uint32_t>(big.size());
+    Conversation{.rig = rig, .serverPort = 8081}.Run({
+        {true, 1, 0, kAck, big},
+        {true, next, 0, kAck, head + "\r\n", next, 0, "GET / HTTP/1.1\r\nHost: 172.20.0.20:8081\r\n\r\n"},
+    });
 }
 
+// The 49-byte passive reply at 7001 leaves 3 bytes shorter.
 TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     Rig rig({Rule(6, 21, 21, false, false, true)});
     rig.Learn(kServerIp, kServerMac);
     Conversation control{.rig = rig, .published = 21, .serverPort = 21};
-    control.FromClient(100, 0, kSyn);
-    control.FromServer(7000, 101, kSyn | kAck);
-    const std::string reply = "227 Entering Passive Mode (172,20,0,20,19,137).\r\n";
-    const Fields out = control.FromServer(7001, 101, kAck | kPsh, reply);
-    EXPECT_EQ(out.payload, "227 Entering Passive Mode (10,0,0,2,19,136).\r\n");
-    EXPECT_EQ(out.seq, 7001u);
+    control.Run({
+        {true, 100, 0, kSyn},
+        {false, 7000, 101, kSyn | kAck},
+        {false, 7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,19,137).\r\n", 7001, 101,
+         "227 Entering Passive Mode (10,0,0,2,19,136).\r\n"},
+        {true, 101, 7047, kAck, "", 101, 7050},
+        {false, 7050, 101, kAck | kPsh, "150 ok\r\n", 7047},
+    });
     ASSERT_EQ(rig.nat->Rules().size(), 2u);
     EXPECT_TRUE(rig.nat->Rules().back().temporary);
     EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 7u);
 
-    const uint32_t replyLen = static_cast<uint32_t>(reply.size());
-    EXPECT_EQ(control.FromClient(101, 7001 + replyLen - 3, kAck).ack, 7001 + replyLen);
-    EXPECT_EQ(control.FromServer(7001 + replyLen, 101, kAck | kPsh, "150 ok\r\n").seq, 7001 + replyLen - 3);
-
     // The data connection through the published pool port reaches the server's port.
     Conversation data{.rig = rig, .clientPort = 40001, .published = 5000, .serverSeesPort = 40001, .serverPort = 5001};
-    data.FromClient(1, 0, kSyn);
-    data.FromServer(9, 2, kSyn | kAck);
+    data.Run({{true, 1, 0, kSyn}, {false, 9, 2, kSyn | kAck}});
     EXPECT_EQ(rig.Decide(true, Tcp({kGatewayMac, kExtMac, Ip(8, 8, 8, 8), kExtIp, 40001, 5000, 1, 0, kSyn})).kind,
               Nat::TranslationKind::None);  // not the client
 
     // Data activity keeps the idle control connection alive: its own last frame is
     // 70 s old when the next one comes.
     rig.now += 25000;
-    data.FromClient(2, 10, kAck);
+    data.Run({{true, 2, 10, kAck}});
     rig.now += 25000;
-    data.FromClient(2, 10, kAck);
+    data.Run({{true, 2, 10, kAck}});
     rig.now += 20000;
-    control.FromClient(101, 7009, kAck);
+    control.Run({{true, 101, 7055, kAck, "", 101, 7058}});
 
     // The temporary rule lives 30 s past its last match, then its port returns.
-    data.FromClient(2, 10, kRst);
+    data.Run({{true, 2, 10, kRst}});
     rig.now += 29999;
     const Frame another = Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 40002, 5000, 1, 0, kSyn});
     EXPECT_EQ(rig.Decide(true, another).kind, Nat::TranslationKind::Dnat);
@@ -188,26 +180,26 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
     EXPECT_EQ(rig.nat->TcpTable().FreePorts().back(), 5000u);
 }
 
+// The 27-byte PORT command at 101 leaves 3 bytes shorter.
 TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
     Rig rig({Rule(6, 21, 21, true, false, true)});
     rig.Learn(kServerIp, kServerMac);
     Conversation control{
         .rig = rig, .published = 21, .serverSees = kSrvSideIp, .serverSeesPort = 5000, .serverPort = 21};
-
-    control.FromClient(100, 0, kSyn);
-    control.FromServer(7000, 101, kSyn | kAck);
-    const std::string command = "PORT 93,184,216,34,156,65\r\n";  // the client listens on 40001
-    EXPECT_EQ(control.FromClient(101, 7001, kAck | kPsh, command).payload, "PORT 172,20,0,1,19,137\r\n");
+    control.Run({
+        {true, 100, 0, kSyn},
+        {false, 7000, 101, kSyn | kAck},
+        {true, 101, 7001, kAck | kPsh, "PORT 93,184,216,34,156,65\r\n", 101, 7001, "PORT 172,20,0,1,19,137\r\n"},
+        {false, 7001, 125, kAck, "", 7001, 128},
+        {true, 128, 7001, kAck | kPsh, "LIST\r\n", 125},
+    });
     EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 6u);
-    const uint32_t commandLen = static_cast<uint32_t>(command.size());
-    EXPECT_EQ(control.FromServer(7001, 101 + commandLen - 3, kAck).ack, 101 + commandLen);
-    EXPECT_EQ(control.FromClient(101 + commandLen, 7001, kAck | kPsh, "LIST\r\n").seq, 101 + commandLen - 3);
 
-    // The server connects from its data port to the address it was given.
+    // The server connects from its data port to the address it was given (the client
+    // listens on 40001).
     Conversation data{.rig = rig, .clientPort = 40001, .published = 5001, .serverSees = kSrvSideIp,
                       .serverSeesPort = 5001, .serverPort = 20};
-    EXPECT_EQ(data.FromServer(300, 0, kSyn).seq, 300u);
-    EXPECT_EQ(data.FromClient(800, 301, kSyn | kAck).ack, 301u);
+    data.Run({{false, 300, 0, kSyn}, {true, 800, 301, kSyn | kAck}});
 }
 
 // Two rules publish the same server, one of them translating the source. A passive data
@@ -216,16 +208,14 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
 TEST(NatFtp, PassiveDataConnectionIsTranslatedLikeItsControlConnection) {
     Rig rig({Rule(6, 21, 21, false, false, true), Rule(6, 2121, 21, true, false, true)});
     rig.Learn(kServerIp, kServerMac);
-    Conversation control{
-        .rig = rig, .published = 2121, .serverSees = kSrvSideIp, .serverSeesPort = 5000, .serverPort = 21};
-
-    control.FromClient(100, 0, kSyn);
-    control.FromServer(7000, 101, kSyn | kAck);
-    EXPECT_EQ(control.FromServer(7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,156,64).\r\n").payload,
-              "227 Entering Passive Mode (10,0,0,2,19,137).\r\n");
-
-    Conversation data{.rig = rig, .clientPort = 40001, .published = 5001, .serverSees = kSrvSideIp,
-                      .serverSeesPort = 5002, .serverPort = 40000};
-    data.FromClient(1, 0, kSyn);
-    data.FromServer(9, 2, kSyn | kAck);
+    Conversation{.rig = rig, .published = 2121, .serverSees = kSrvSideIp, .serverSeesPort = 5000, .serverPort = 21}
+        .Run({
+            {true, 100, 0, kSyn},
+            {false, 7000, 101, kSyn | kAck},
+            {false, 7001, 101, kAck | kPsh, "227 Entering Passive Mode (172,20,0,20,156,64).\r\n", 7001, 101,
+             "227 Entering Passive Mode (10,0,0,2,19,137).\r\n"},
+        });
+    Conversation{.rig = rig, .clientPort = 40001, .published = 5001, .serverSees = kSrvSideIp,
+                 .serverSeesPort = 5002, .serverPort = 40000}
+        .Run({{true, 1, 0, kSyn}, {false, 9, 2, kSyn | kAck}});
 }

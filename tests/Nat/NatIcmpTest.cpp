@@ -13,22 +13,13 @@ constexpr MacAddress kHost2Mac = Mac(0x12);
 constexpr Ipv4Address kHost2Ip = Ip(192, 168, 1, 11);
 constexpr Ipv4Address kRouterIp = Ip(198, 18, 0, 1);  // a router beyond the gateway
 
-enum class Flow { Tcp, Udp, Echo };
-
-// The datagram of one flow as the internal host sends it (out) or receives it (back).
-Frame HostSends(Flow flow) {
-    switch (flow) {
-        case Flow::Tcp:
-            return Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 1000, 2000, kAck | kPsh, "GET / HTTP/1.0\r\n"});
-        case Flow::Udp: return Udp({kHostMac, kIntMac, kHostIp, kFarIp, 53000, 53, "a query"});
-        default: return Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 0x1234, 7, "ping data"));
-    }
-}
-
-Frame RemoteSends(Flow flow, uint16_t externalPort) {
-    if (flow == Flow::Tcp) return Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, externalPort, 2000, 1016, kAck, "OK"});
-    return Udp({kGatewayMac, kExtMac, kFarIp, kExtIp, 53, externalPort, "an answer"});
-}
+// The datagram of each flow as the internal host sends it.
+enum Flow { kTcpFlow, kUdpFlow, kEchoFlow };
+const Frame kHostSends[] = {
+    Tcp({kHostMac, kIntMac, kHostIp, kFarIp, 40000, 80, 1000, 2000, kAck | kPsh, "GET / HTTP/1.0\r\n"}),
+    Udp({kHostMac, kIntMac, kHostIp, kFarIp, 53000, 53, "a query"}),
+    Icmp(kHostMac, kIntMac, kHostIp, kFarIp, EchoMessage(8, 0x1234, 7, "ping data")),
+};
 
 }  // namespace
 
@@ -67,27 +58,29 @@ TEST(NatIcmp, ErrorsFollowTheFlowTheyQuoteWithEveryChecksumKept) {
         size_t quote;
         bool fromRemote;
     } cases[] = {
-        {"TCP, fragmentation needed, whole datagram", Flow::Tcp, true, 3, 4, 1280, 1000, false},
-        {"TCP, time exceeded, 8 bytes: no checksum in the quote", Flow::Tcp, true, 11, 0, 0, 28, false},
-        {"TCP, parameter problem, ports only", Flow::Tcp, true, 12, 0, 0, 24, false},
-        {"TCP, unreachable from the remote itself", Flow::Tcp, true, 3, 1, 0, 1000, true},
-        {"UDP, port unreachable, 8 bytes with checksum", Flow::Udp, true, 3, 3, 0, 28, true},
-        {"UDP, time exceeded, whole datagram", Flow::Udp, true, 11, 0, 0, 1000, false},
-        {"echo, time exceeded, 8 bytes", Flow::Echo, true, 11, 0, 0, 28, false},
-        {"echo, host unreachable, identifier only", Flow::Echo, true, 3, 1, 0, 26, false},
-        {"echo, fragmentation needed, whole", Flow::Echo, true, 3, 4, 1400, 1000, false},
-        {"UDP reply refused by the internal host", Flow::Udp, false, 3, 3, 0, 1000, false},
-        {"UDP reply refused by the internal host, 8 bytes", Flow::Udp, false, 3, 3, 0, 28, false},
-        {"TCP reply, parameter problem from the internal host", Flow::Tcp, false, 12, 0, 0, 1000, false},
+        {"TCP, fragmentation needed, whole datagram", kTcpFlow, true, 3, 4, 1280, 1000, false},
+        {"TCP, time exceeded, 8 bytes: no checksum in the quote", kTcpFlow, true, 11, 0, 0, 28, false},
+        {"TCP, parameter problem, ports only", kTcpFlow, true, 12, 0, 0, 24, false},
+        {"TCP, unreachable from the remote itself", kTcpFlow, true, 3, 1, 0, 1000, true},
+        {"UDP, port unreachable, 8 bytes with checksum", kUdpFlow, true, 3, 3, 0, 28, true},
+        {"UDP, time exceeded, whole datagram", kUdpFlow, true, 11, 0, 0, 1000, false},
+        {"echo, time exceeded, 8 bytes", kEchoFlow, true, 11, 0, 0, 28, false},
+        {"echo, host unreachable, identifier only", kEchoFlow, true, 3, 1, 0, 26, false},
+        {"echo, fragmentation needed, whole", kEchoFlow, true, 3, 4, 1400, 1000, false},
+        {"UDP reply refused by the internal host", kUdpFlow, false, 3, 3, 0, 1000, false},
+        {"UDP reply refused by the internal host, 8 bytes", kUdpFlow, false, 3, 3, 0, 28, false},
+        {"TCP reply, parameter problem from the internal host", kTcpFlow, false, 12, 0, 0, 1000, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         Rig rig({}, {Rig::DefaultMapping()});
         // The datagram the error quotes, as the internal host and as the remote side see it.
-        Frame host = HostSends(c.flow), wire = host;
+        Frame host = kHostSends[c.flow], wire = host;
         ASSERT_EQ(rig.Out(wire), 1u);
-        if (!c.inbound) {
-            wire = RemoteSends(c.flow, Parse(wire).srcPort);
+        if (!c.inbound) {  // the remote's answer
+            const uint16_t port = Parse(wire).srcPort;
+            wire = c.flow == kTcpFlow ? Tcp({kGatewayMac, kExtMac, kFarIp, kExtIp, 80, port, 2000, 1016, kAck, "OK"})
+                                      : Udp({kGatewayMac, kExtMac, kFarIp, kExtIp, 53, port, "an answer"});
             host = wire;
             ASSERT_EQ(rig.In(host), 1u);
         }
@@ -105,7 +98,7 @@ TEST(NatIcmp, ErrorsFollowTheFlowTheyQuoteWithEveryChecksumKept) {
 // Echoes that are not an internal host's flow, and errors that name no translated flow.
 TEST(NatIcmp, IcmpOfNoTranslatedFlowPassesOnUnchanged) {
     Rig rig({}, {Rig::DefaultMapping()});
-    Frame sent = HostSends(Flow::Udp);
+    Frame sent = kHostSends[kUdpFlow];
     ASSERT_EQ(rig.Out(sent), 1u);
     Frame otherPort = sent;
     otherPort[14 + 20 + 2] ^= 1;  // destination port: not the flow (checksums do not matter here)
@@ -143,7 +136,7 @@ TEST(NatIcmp, IcmpOfNoTranslatedFlowPassesOnUnchanged) {
 // The IP header still claims the whole message; the frame ends inside the quote.
 TEST(NatIcmp, AQuoteCutByTheFrameIsTranslatedAsFarAsItGoes) {
     Rig rig({}, {Rig::DefaultMapping()});
-    const Frame hostSent = HostSends(Flow::Tcp);
+    const Frame hostSent = kHostSends[kTcpFlow];
     Frame wireSent = hostSent;
     ASSERT_EQ(rig.Out(wireSent), 1u);
     const Frame error = Icmp(kGatewayMac, kExtMac, kRouterIp, kExtIp, ErrorMessage(11, 0, 0, wireSent, 1000));

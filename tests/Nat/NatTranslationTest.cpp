@@ -249,46 +249,44 @@ TEST(NatDnat, SourceRangesAndRuleOrderDecideWhichRuleMatches) {
     }
 }
 
-TEST(NatFragments, HeadDecidesAndLaterFragmentsGetAddressesOnly) {
+// Two fragments of one UDP datagram; the later one first when `tailFirst`. The head decides,
+// later fragments get addresses only, and an unknown next hop holds the whole list.
+TEST(NatFragments, HeadDecidesLaterFragmentsGetAddressesOnlyAndAnUnknownHopHoldsTheList) {
     Rig rig({}, {Rig::DefaultMapping()});
-    const std::string payload(2600, 'x');
-    FragmentList fragments = UdpSpec(kHostMac, kIntMac, kHostIp, kFarIp, 50000, 9000, payload).BuildFragments(1480);
-    const Nat::AdapterInfo* egress = rig.nat->Translate(false, fragments, Nat::ReadFrameView(fragments[0]), "int0");
-    ASSERT_NE(egress, nullptr);
-    EXPECT_EQ(egress->id, "ext0");
-    EXPECT_EQ(fragments, UdpSpec(kExtMac, kGatewayMac, kExtIp, kFarIp, 6000, 9000, payload).BuildFragments(1480));
+    auto fragments = [](const MacAddress& srcMac, const MacAddress& dstMac, const Ipv4Address& srcIp,
+                        const Ipv4Address& dstIp, uint16_t srcPort, uint16_t dstPort, bool tailFirst = false) {
+        FragmentList list = UdpSpec(srcMac, dstMac, srcIp, dstIp, srcPort, dstPort, std::string(2600, 'x'))
+                                .BuildFragments(1480);
+        if (tailFirst) std::swap(list[0], list[1]);
+        return list;
+    };
+    auto translate = [&rig](bool fromExternal, FragmentList& list, size_t head) {
+        const auto* adapter = rig.nat->Translate(fromExternal, list, Nat::ReadFrameView(list[head]),
+                                                 fromExternal ? "ext0" : "int0");
+        return adapter ? adapter->id : "";
+    };
+    FragmentList out = fragments(kHostMac, kIntMac, kHostIp, kFarIp, 50000, 9000);
+    EXPECT_EQ(translate(false, out, 0), "ext0");
+    EXPECT_EQ(out, fragments(kExtMac, kGatewayMac, kExtIp, kFarIp, 6000, 9000));
 
-    // The reply's fragments arrive tail first.
-    FragmentList reply = UdpSpec(kGatewayMac, kExtMac, kFarIp, kExtIp, 9000, 6000, payload).BuildFragments(1480);
-    std::swap(reply[0], reply[1]);
-    EXPECT_EQ(Thrown([&] { rig.nat->Translate(true, reply, Nat::ReadFrameView(reply[0]), "ext0"); }),
-              "Unexpected IP fragment");  // a later fragment handed in as the head
-    const Nat::AdapterInfo* ingress = rig.nat->Translate(true, reply, Nat::ReadFrameView(reply[1]), "ext0");
-    ASSERT_NE(ingress, nullptr);
-    EXPECT_EQ(ingress->id, "int0");
-    FragmentList toHost = UdpSpec(kIntMac, kHostMac, kFarIp, kHostIp, 9000, 50000, payload).BuildFragments(1480);
-    std::swap(toHost[0], toHost[1]);
-    EXPECT_EQ(reply, toHost);
+    FragmentList reply = fragments(kGatewayMac, kExtMac, kFarIp, kExtIp, 9000, 6000, true);
+    EXPECT_EQ(Thrown([&] { translate(true, reply, 0); }), "Unexpected IP fragment");  // a later one as the head
+    EXPECT_EQ(translate(true, reply, 1), "int0");
+    EXPECT_EQ(reply, fragments(kIntMac, kHostMac, kFarIp, kHostIp, 9000, 50000, true));
 
     FragmentList empty;
     EXPECT_EQ(Thrown([&] { rig.nat->Translate(false, empty, {}, "int0"); }), "The fragments list is empty.");
     FragmentList tailOnly{reply[0]};
-    EXPECT_EQ(Thrown([&] { rig.nat->Translate(true, tailOnly, Nat::ReadFrameView(tailOnly[0]), "ext0"); }),
-              "The fragments list holds no first fragment.");
+    EXPECT_EQ(Thrown([&] { translate(true, tailOnly, 0); }), "The fragments list holds no first fragment.");
     EXPECT_EQ(Thrown([&] { rig.Forced(Nat::TranslationKind::Snat, true, tailOnly[0], "ext0"); }),
               "Unexpected IP fragment");
-}
 
-TEST(NatFragments, UnresolvedNextHopHoldsTheWholeList) {
-    Rig rig({}, {Rig::DefaultMapping()});
-    const FragmentList original =
-        UdpSpec(kHostMac, kIntMac, kHostIp, kPeerIp, 50000, 9000, std::string(2000, 'x')).BuildFragments(1480);
-    FragmentList fragments = original;
-    EXPECT_THROW(rig.nat->Translate(false, fragments, Nat::ReadFrameView(fragments[0]), "int0"),
-                 Nat::UnknownMacException);
-    EXPECT_EQ(fragments, original);
+    const FragmentList toPeer = fragments(kHostMac, kIntMac, kHostIp, kPeerIp, 50000, 9000);
+    FragmentList held = toPeer;
+    EXPECT_THROW(translate(false, held, 0), Nat::UnknownMacException);
+    EXPECT_EQ(held, toPeer);
     rig.Learn(kPeerIp, kPeerMac);
     ASSERT_EQ(rig.arp.releasedFragments.size(), 1u);
-    EXPECT_EQ(rig.arp.releasedFragments[0], std::make_pair(std::set<Frame>(original.begin(), original.end()),
-                                                           std::string("int0")));
+    EXPECT_EQ(rig.arp.releasedFragments[0],
+              std::make_pair(std::set<Frame>(toPeer.begin(), toPeer.end()), std::string("int0")));
 }

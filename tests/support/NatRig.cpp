@@ -44,21 +44,12 @@ Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about,
 }
 
 Fields Parse(const Frame& f) {
-    if (f.size() < 34) throw std::invalid_argument("frame too short to parse");
+    const size_t t = f.size() < 34 ? f.size() : 14 + (f[14] & 0x0F) * 4u;
+    if (f.size() < t + 2) throw std::invalid_argument("frame too short to parse");
     Fields r;
-    std::copy_n(f.begin(), 6, r.dstMac.begin());
     std::copy_n(f.begin() + 26, 4, r.srcIp.begin());
     std::copy_n(f.begin() + 30, 4, r.dstIp.begin());
-    const size_t t = 14 + (f[14] & 0x0F) * 4u;
-    // Ports and what follows only from a first fragment of TCP or UDP.
-    if ((Be16(f, 20) & 0x1FFF) != 0 || (f[23] != kProtoTcp && f[23] != kProtoUdp) || f.size() < t + 20) return r;
     r.srcPort = Be16(f, t);
-    r.dstPort = Be16(f, t + 2);
-    r.seq = Be32(f, t + 4);
-    r.ack = Be32(f, t + 8);
-    const size_t begin = t + (f[23] == kProtoTcp ? (f[t + 12] >> 4) * 4u : 8u);
-    const size_t end = std::min<size_t>(f.size(), 14 + Be16(f, 16));
-    if (begin < end) r.payload.assign(f.begin() + static_cast<long>(begin), f.begin() + static_cast<long>(end));
     return r;
 }
 

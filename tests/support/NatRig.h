@@ -74,13 +74,11 @@ Bytes EchoMessage(uint8_t type, uint16_t identifier, uint16_t sequence, const st
 // `mtu` goes in bytes 6-7 (fragmentation needed).
 Bytes ErrorMessage(uint8_t type, uint8_t code, uint16_t mtu, const Frame& about, size_t quoteBytes);
 
-// Independent field reading; the frame holds at least an Ethernet and an IPv4 header.
+// Independent field reading: the addresses and, where a TCP or UDP header starts, the
+// source port.
 struct Fields {
-    MacAddress dstMac{};
     Ipv4Address srcIp{}, dstIp{};
-    uint16_t srcPort = 0, dstPort = 0;
-    uint32_t seq = 0, ack = 0;
-    std::string payload;
+    uint16_t srcPort = 0;
 };
 Fields Parse(const Frame& frame);
 
