@@ -197,10 +197,9 @@ TEST_F(LinuxDriver, ListsInterfacesAndFollowsTheHardwareFilter) {
         ASSERT_TRUE(t.api.GetTcpipBoundAdaptersInfo(&list));
         ASSERT_EQ(list.m_nAdapterCount, 2u);  // lo and the veth
         const uint32_t i = list.m_nAdapterHandle[0] == handle ? 0 : 1;
-        const uint16_t mtu = list.m_usMTU[i];  // packed: copy before comparing
-        const uint8_t mac[6] = {0x02, 0x4e, 0x44, 0, 0, 1};
-        EXPECT_EQ(std::memcmp(list.m_czCurrentAddress[i], mac, 6), 0);
-        EXPECT_EQ(mtu, 1500);
+        // The veth's MAC, then its MTU (a copy: the field is packed).
+        EXPECT_EQ(Bytes(list.m_czCurrentAddress[i], list.m_czCurrentAddress[i] + 6), (Bytes{2, 0x4e, 0x44, 0, 0, 1}));
+        EXPECT_EQ(+list.m_usMTU[i], 1500);
 
         // Tunnel mode diverts everything: a catch-all redirect table is all it can honour.
         NdisApi::STATIC_FILTER_TABLE table{};

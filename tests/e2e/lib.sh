@@ -167,44 +167,41 @@ page() { in_ns "$1" curl -sS --max-time 10 "$2"; }
 
 # serve_http NS ADDRESS PORT DIR: a web server that logs each request's client and Host.
 serve_http() {
-  local ns=$1 address=$2 port=$3 dir=$4
-  cat > "$WORK/http_server.py" <<'PY'
+  # Each request is in the log at once (stderr is line-buffered); a plain TCP server does no
+  # reverse lookup of the address.
+  (cd "$4" && exec ip netns exec "$1$TAG" python3 -c '
 import http.server, socketserver, sys
 class Handler(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, fmt, *args):  # stderr is line-buffered: each request is in the log at once
-        sys.stderr.write("client=%s host=%s path=%s\n" % (self.client_address[0], self.headers.get("Host"), self.path))
-socketserver.ThreadingTCPServer.daemon_threads = True  # a plain TCP server: no reverse lookup of the address
-socketserver.ThreadingTCPServer((sys.argv[1], int(sys.argv[2])), Handler).serve_forever()
-PY
-  (cd "$dir" && exec ip netns exec "$ns$TAG" python3 "$WORK/http_server.py" "$address" "$port") 2>> "$WORK/http_$ns.log" &
+    def log_message(self, *args):
+        host = self.headers.get("Host")
+        sys.stderr.write(f"client={self.client_address[0]} host={host} path={self.path}\n")
+socketserver.ThreadingTCPServer((sys.argv[1], int(sys.argv[2])), Handler).serve_forever()' "$2" "$3") \
+    2>> "$WORK/http_$1.log" &
   _pids+=($!)
-  wait_for 10 in_ns "$ns" bash -c "echo > /dev/tcp/$address/$port" ||
-    { echo "web server in $ns did not start:"; cat "$WORK/http_$ns.log"; return 1; }
+  wait_for 10 in_ns "$1" bash -c "echo > /dev/tcp/$2/$3" ||
+    { echo "web server in $1 did not start:"; cat "$WORK/http_$1.log"; return 1; }
 }
 
 # udp_service NS ADDRESS PORT: answers "echo:" + each datagram ("delay=N:text" N seconds late);
 # logs each client and text, and the late answers, to $WORK/udp_ADDRESS_PORT.log.
 udp_service() {
-  cat > "$WORK/udp_service.py" <<'PY'
+  local log=$WORK/udp_$2_$3.log
+  bg ip netns exec "$1$TAG" python3 -c '
 import socket, sys, threading, time
-address, port, log = sys.argv[1], int(sys.argv[2]), open(sys.argv[3], "a", buffering=1)
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind((address, port))
+s.bind((sys.argv[1], int(sys.argv[2])))
+log = open(sys.argv[3], "a", buffering=1)
 log.write("ready\n")
 def answer(data, peer):
-    text = data.decode(errors="replace")
-    if text.startswith("delay="):
-        delay = float(text[6:].split(":", 1)[0])
-        time.sleep(delay)
-        log.write("late answer sent to %s:%d after %g s\n" % (peer[0], peer[1], delay))
+    if data.startswith(b"delay="):
+        delay = data[6:].split(b":")[0].decode()
+        time.sleep(float(delay))
+        log.write("late answer sent to %s:%d after %s s\n" % (*peer, delay))
     s.sendto(b"echo:" + data, peer)
 while True:
     data, peer = s.recvfrom(2048)
-    log.write("client=%s:%d %s\n" % (peer[0], peer[1], data.decode(errors="replace")))
-    threading.Thread(target=answer, args=(data, peer), daemon=True).start()
-PY
-  local log=$WORK/udp_$2_$3.log
-  bg ip netns exec "$1$TAG" python3 "$WORK/udp_service.py" "$2" "$3" "$log"
+    log.write("client=%s:%d %s\n" % (*peer, data.decode(errors="replace")))
+    threading.Thread(target=answer, args=(data, peer)).start()' "$2" "$3" "$log"
   wait_for 10 grep -q ready "$log" || { echo "UDP service $2:$3 did not start"; return 1; }
 }
 # udp_clients ADDRESS PORT: the distinct client addresses a UDP service saw.

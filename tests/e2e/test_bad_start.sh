@@ -50,8 +50,9 @@ check "the daemon host still reaches both sides" reaches nd 198.51.100.2 10.1.0.
 touch "$WORK/absent-checked"
 
 check "a UDP pool of 20 with ten ephemeral ports: result 0, the shortage with the real counts" \
-  eval 'answer 2 "type 9 (StartNAT), result 0 " && log_has "ERROR;NAT: error reserving UDP ports, required: 20 reserved: 10" \
-                                                            "ERROR;Error opening NAT: error reserving TCP/UDP ports"'
+  eval 'answer 2 "type 9 (StartNAT), result 0 " &&
+    log_has "ERROR;NAT: error reserving UDP ports, required: 20 reserved: 10" \
+      "ERROR;Error opening NAT: error reserving TCP/UDP ports"'
 check "the TCP pool of 5 was not reported short" fails log_has "error reserving TCP ports"
 in_ns nd sysctl -qw net.ipv4.ip_local_port_range="32768 60999"
 touch "$WORK/ports-restored"
@@ -95,22 +96,23 @@ PY
 SEED=${SEED:-$RANDOM}
 ND_INT_MAC=$(in_ns nd cat /sys/class/net/nd-int/address)
 ND_EXT_MAC=$(in_ns nd cat /sys/class/net/nd-ext/address)
-ip netns exec "ext$TAG" tcpdump -Z root -i ext0 -n -U -w "$WORK/out.pcap" "ether src $ND_EXT_MAC and src host 198.51.100.1" 2> "$WORK/tcpdump.err" &
+ip netns exec "ext$TAG" tcpdump -Z root -i ext0 -n -U -w "$WORK/out.pcap" \
+  "ether src $ND_EXT_MAC and src host 198.51.100.1" 2> "$WORK/tcpdump.err" &
 dump=$!
 wait_for 10 grep -q "listening on" "$WORK/tcpdump.err"
 # An internal host's few flows to a few places (the pools stay big enough); anyone outside, towards
 # the published and the pool ports.
 from_inside=$(in_ns in python3 "$WORK/blast.py" in0 "${BLAST_FRAMES:-4000}" "$SEED" "$ND_INT_MAC" \
   10.1.0.2,10.1.0.9,172.16.0.1 198.51.100.2,203.0.113.10 1111,2222,3333 21,80,5353)
-from_outside=$(in_ns ext python3 "$WORK/blast.py" ext0 "$(( ${BLAST_FRAMES:-4000} / 2 ))" "$((SEED + 1))" "$ND_EXT_MAC" \
-  198.51.100.2,8.8.8.8,198.51.100.1 198.51.100.1 80,21,53 8080,21,40000,60000)
+from_outside=$(in_ns ext python3 "$WORK/blast.py" ext0 "$(( ${BLAST_FRAMES:-4000} / 2 ))" "$((SEED + 1))" \
+  "$ND_EXT_MAC" 198.51.100.2,8.8.8.8,198.51.100.1 198.51.100.1 80,21,53 8080,21,40000,60000)
 echo "     (seed $SEED: $from_inside frames from inside, $from_outside from outside)"
 sleep 1  # let the daemon's queue drain before counting what it translated
 kill -INT $dump; wait $dump 2>/dev/null || true
 translated=$(tcpdump -r "$WORK/out.pcap" -n 2>/dev/null | wc -l)
-echo "     ($translated of them translated out of nd-ext)"
 check "thousands of frames went out" test $((from_inside + from_outside)) -ge 5000
-check "and the daemon translated a good share of them (not all refused at the door)" test "$translated" -ge 200
+check "and the daemon translated a good share of them out of nd-ext ($translated, not all refused at the door)" \
+  test "$translated" -ge 200
 check "source translation, the published port (to the first rule's target) and the host's own traffic work" \
   eval 'test "$(page in http://198.51.100.2:8000/index.html)|$(page ext http://198.51.100.1:8080/index.html)" = \
     "port 80|port 80" && test "$(udp_ask in 198.51.100.2 5353 ping)" = echo:ping && reaches nd 198.51.100.2 10.1.0.2'

@@ -17,26 +17,25 @@
 
 namespace {
 
-using NdisApi::ETH_REQUEST;
-using NdisApi::INTERMEDIATE_BUFFER;
+using namespace NdisApi;
 
 struct FakeAdapter {
     const char* name;
-    NdisApi::Handle handle;
+    Handle handle;
     uint8_t mac[6];
 };
 
 // The second adapter carries the GUID that the wine scenarios start the VPN on.
 const FakeAdapter kAdapters[] = {
-    {"\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x0000001200005678ull, {0x02, 0x11, 0x22, 0x33, 0x44, 0x55}},
-    {"\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x0000003400009ABCull, {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE}},
+    {"\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x0000001200005678ull, {2, 0x11, 0x22, 0x33, 0x44, 0x55}},
+    {"\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x0000003400009ABCull, {2, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE}},
 };
 constexpr uint16_t kTriggerType = 0x88B5;  // local experimental EtherType
 
 HANDLE const kDriver = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x4E44));
 
 struct Captured {
-    NdisApi::Handle adapter;
+    Handle adapter;
     uint32_t flags;
     std::string frame;
 };
@@ -81,26 +80,26 @@ std::string Frame(const uint8_t* dst, const uint8_t* src, uint16_t type, uint8_t
 
 // What the adapter captures once the tunnel triggers it: a broadcast from the wire, a frame
 // the stack sends to the supervisor, and a unicast from the wire for the adapter itself.
-void QueueCapturedFrames(NdisApi::Handle adapter) {
+void QueueCapturedFrames(Handle adapter) {
     static const uint8_t kBroadcast[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
     static const uint8_t kSupervisor[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
     static const uint8_t kNeighbour[6] = {0x02, 0x77, 0x77, 0x77, 0x77, 0x77};
     const uint8_t* own = kAdapters[1].mac;
     std::lock_guard guard(lock);
-    queue.push_back({adapter, NdisApi::PACKET_FLAG_ON_RECEIVE, Frame(kBroadcast, own, 0x0806, 0x01)});
-    queue.push_back({adapter, NdisApi::PACKET_FLAG_ON_SEND, Frame(kSupervisor, own, 0x0800, 0xA0)});
-    queue.push_back({adapter, NdisApi::PACKET_FLAG_ON_RECEIVE, Frame(own, kNeighbour, 0x0800, 0x50)});
+    queue.push_back({adapter, PACKET_FLAG_ON_RECEIVE, Frame(kBroadcast, own, 0x0806, 0x01)});
+    queue.push_back({adapter, PACKET_FLAG_ON_SEND, Frame(kSupervisor, own, 0x0800, 0xA0)});
+    queue.push_back({adapter, PACKET_FLAG_ON_RECEIVE, Frame(own, kNeighbour, 0x0800, 0x50)});
     if (packetEvent != nullptr) SetEvent(packetEvent);
 }
 
 // Every frame handed over is traced, an oversize one as well (its len= gives it away), and
 // refused where a driver would refuse it.
-BOOL TraceSend(const char* call, ETH_REQUEST* request) {
-    if (request == nullptr || request->EthPacket == nullptr) return FALSE;
+BOOL TraceSend(const char* call, HANDLE driver, ETH_REQUEST* request) {
+    if (driver != kDriver || request == nullptr || request->EthPacket == nullptr) return FALSE;
     const INTERMEDIATE_BUFFER& b = *request->EthPacket;
     Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Mac(b.m_IBuffer).c_str(),
           Mac(b.m_IBuffer + 6).c_str(), b.m_Length);
-    if (b.m_Length < 14 || b.m_Length > NdisApi::kMaxEtherFrame) return FALSE;
+    if (b.m_Length < 14 || b.m_Length > kMaxEtherFrame) return FALSE;
     if ((b.m_IBuffer[12] << 8 | b.m_IBuffer[13]) == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
     return TRUE;
 }
@@ -118,7 +117,7 @@ __declspec(dllexport) VOID WINAPI CloseFilterDriver(HANDLE driver) { Trace("Clos
 
 __declspec(dllexport) BOOL WINAPI IsDriverLoaded(HANDLE driver) { return driver == kDriver; }
 
-__declspec(dllexport) BOOL WINAPI GetTcpipBoundAdaptersInfo(HANDLE driver, NdisApi::TCP_AdapterList* list) {
+__declspec(dllexport) BOOL WINAPI GetTcpipBoundAdaptersInfo(HANDLE driver, TCP_AdapterList* list) {
     if (driver != kDriver || list == nullptr) return FALSE;
     std::memset(list, 0, sizeof(*list));
     list->m_nAdapterCount = 2;
@@ -131,7 +130,7 @@ __declspec(dllexport) BOOL WINAPI GetTcpipBoundAdaptersInfo(HANDLE driver, NdisA
     return TRUE;
 }
 
-__declspec(dllexport) BOOL WINAPI SetAdapterMode(HANDLE driver, NdisApi::ADAPTER_MODE* mode) {
+__declspec(dllexport) BOOL WINAPI SetAdapterMode(HANDLE driver, ADAPTER_MODE* mode) {
     if (driver != kDriver || mode == nullptr) return FALSE;
     Trace("SetAdapterMode %016llx %08x", mode->hAdapterHandle, mode->dwFlags);
     return TRUE;
@@ -148,9 +147,9 @@ __declspec(dllexport) BOOL WINAPI SetHwPacketFilter(HANDLE driver, HANDLE adapte
     return driver == kDriver;
 }
 
-__declspec(dllexport) BOOL WINAPI SetPacketFilterTable(HANDLE driver, NdisApi::STATIC_FILTER_TABLE* table) {
+__declspec(dllexport) BOOL WINAPI SetPacketFilterTable(HANDLE driver, STATIC_FILTER_TABLE* table) {
     if (driver != kDriver || table == nullptr) return FALSE;
-    const NdisApi::STATIC_FILTER& f = table->m_StaticFilters[0];
+    const STATIC_FILTER& f = table->m_StaticFilters[0];
     Trace("SetPacketFilterTable size=%u adapter=%016llx direction=%u action=%u fields=%u", table->m_TableSize,
           static_cast<unsigned long long>(f.m_Adapter), f.m_dwDirectionFlags, f.m_FilterAction, f.m_ValidFields);
     return TRUE;
@@ -182,11 +181,11 @@ __declspec(dllexport) BOOL WINAPI ReadPacket(HANDLE driver, ETH_REQUEST* request
 }
 
 __declspec(dllexport) BOOL WINAPI SendPacketToAdapter(HANDLE driver, ETH_REQUEST* request) {
-    return driver == kDriver && TraceSend("SendPacketToAdapter", request);
+    return TraceSend("SendPacketToAdapter", driver, request);
 }
 
 __declspec(dllexport) BOOL WINAPI SendPacketToMstcp(HANDLE driver, ETH_REQUEST* request) {
-    return driver == kDriver && TraceSend("SendPacketToMstcp", request);
+    return TraceSend("SendPacketToMstcp", driver, request);
 }
 
 __declspec(dllexport) BOOL WINAPI FlushAdapterPacketQueue(HANDLE driver, HANDLE adapter) {
