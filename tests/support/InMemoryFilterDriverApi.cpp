@@ -71,12 +71,7 @@ public:
     bool SetPacketFilterTable(const NdisApi::STATIC_FILTER_TABLE* table) override {
         std::lock_guard lock(net_->mutex_);
         if (table == nullptr || table->m_TableSize == 0) return false;
-        const NdisApi::STATIC_FILTER filter = table->m_StaticFilters[0];
-        for (auto& [guid, adapter] : net_->adapters_) {
-            if ((adapter.handle & 0xFFFFFFFFull) != filter.m_Adapter) continue;
-            ++adapter.filterTables;
-            adapter.lastFilter = filter;
-        }
+        net_->filters.push_back(table->m_StaticFilters[0]);
         return true;
     }
     bool SetPacketEvent(NdisApi::Handle handle, NdisApi::Handle event) override {

@@ -52,8 +52,6 @@ public:
         std::vector<Nat::Frame> stack;
         std::vector<Nat::FrameOffload> wireOffloads;  // beside wire: how each frame was sent
         int tunnelEntries = 0;  // how many times it went from normal to tunnel mode
-        int filterTables = 0;   // filter tables installed for it (matched by the handle's low half)
-        NdisApi::STATIC_FILTER lastFilter{};
     };
 
     // Restores the empty factory when it goes.
@@ -79,6 +77,7 @@ public:
     // Events created through CreateAdapterEvent and not closed yet, and driver clients alive.
     std::atomic<int> openEvents{0};
     std::atomic<int> liveClients{0};
+    std::vector<NdisApi::STATIC_FILTER> filters;  // the first entry of each filter table set
 
     // True when the frame was diverted to the driver, false when it passed straight through.
     bool InjectFromWire(const std::string& guid, const Nat::Frame& frame, const Nat::FrameOffload& offload = {}) {
