@@ -1,12 +1,14 @@
 #include "FilterDriver/FilterDriver.h"
+#include "FilterDriver/FilterDriverApiAdapter.h"
 
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <cstring>
 #include <functional>
-#include <tuple>
 #include <mutex>
 #include <stdexcept>
+#include <tuple>
 
 #include "support/FrameBuilder.h"
 #include "support/InMemoryFilterDriverApi.h"
@@ -24,14 +26,10 @@ const Nat::MacAddress kOtherMac{0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
 
 class RecordingReader : public IFilterDriverDataRead {
 public:
-    struct Read {
-        Nat::Frame frame;
-        bool isSend;
-        FilterDriver* source;
-    };
+    using Read = std::tuple<Nat::Frame, bool, FilterDriver*>;  // the frame, isSend, the source
     void OnDataRead(const uint8_t* frame, uint32_t length, FilterDriver* source, bool isSend) override {
         std::lock_guard lock(mutex);
-        reads.push_back(Read{Nat::Frame(frame, frame + length), isSend, source});
+        reads.emplace_back(Nat::Frame(frame, frame + length), isSend, source);
         changed.notify_all();
     }
     std::vector<Read> WaitFor(size_t count) {
@@ -83,10 +81,8 @@ TEST_F(FilterDriverTest, AnOpenDriverTakesTheAdapterAndReadsItsFramesUntilItGoes
         EXPECT_TRUE(network->InjectFromStack(guid, sent));
         const auto reads = reader.WaitFor(2);
         ASSERT_EQ(reads.size(), 2u);
-        EXPECT_EQ(reads[0].frame, received);
-        EXPECT_EQ(reads[1].frame, sent);
-        EXPECT_EQ(std::make_tuple(reads[0].isSend, reads[1].isSend, reads[0].source),
-                  std::make_tuple(false, true, &driver));
+        EXPECT_EQ(reads[0], RecordingReader::Read(received, false, &driver));
+        EXPECT_EQ(reads[1], RecordingReader::Read(sent, true, &driver));
         // Diverted frames go nowhere by themselves.
         EXPECT_TRUE(network->SentToWire(guid).empty() && network->SentToStack(guid).empty());
         driver.Open();  // a second open fails; the first one stands until the driver goes
@@ -187,6 +183,54 @@ TEST_F(FilterDriverTest, MissingPacketEventEndsOnlyTheCaptureThread) {
                         guid + ")."));
     EXPECT_TRUE(log.Has("INFO;Error in CaptureThread of Virtual Ethernet adapter (GUID: " + guid + ")."));
     EXPECT_EQ(network->AdapterMode(guid), 0u);
+}
+
+// The adapter wrapper's lookup of an adapter by its GUID text in the driver's adapter list.
+TEST_F(FilterDriverTest, TheFirstAdapterNameContainingTheGuidTextWins) {
+    const std::string target = "{6B29FC40-CA47-1067-B31D-00DD010662DA}";
+    network->AddAdapter("{6b29fc40-ca47-1067-b31d-00dd010662da}", {2, 0, 0, 0, 0, 2});  // other case: no match
+    const NdisApi::Handle found = network->AddAdapter(target + "_NDISWANIP", {2, 0, 0, 0, 0, 3});
+    network->AddAdapter(target, {2, 0, 0, 0, 0, 4});
+    FilterDriverApiAdapter adapter(CreateFilterDriverApi());
+
+    std::vector<uint8_t> mac;
+    EXPECT_EQ(adapter.FindAdapterHandle(target, &mac), found);
+    EXPECT_EQ(mac, (std::vector<uint8_t>{0x02, 0, 0, 0, 0, 3}));
+    EXPECT_NE(adapter.AdapterEvent(found), 0u);
+    EXPECT_EQ(adapter.AdapterEvent(handle), 0u);
+    // A second lookup gives the adapter a new event and closes the old one.
+    EXPECT_EQ(adapter.FindAdapterHandle(target, nullptr), found);
+    EXPECT_NE(adapter.AdapterEvent(found), 0u);
+    EXPECT_EQ(network->openEvents, 1);
+    adapter.ReleaseAdapterEvent(found);
+    EXPECT_EQ(adapter.AdapterEvent(found), 0u);
+    EXPECT_EQ(network->openEvents, 0);
+
+    std::vector<uint8_t> untouched(6, 0xEE);
+    EXPECT_EQ(adapter.FindAdapterHandle("{6B29FC40-CA47-1067-B31D-00DD010662DB}", &untouched), 0u);
+    EXPECT_EQ(untouched, std::vector<uint8_t>(6, 0xEE));
+    EXPECT_EQ(adapter.FindAdapterHandle("", nullptr), handle);  // the empty text is in every name
+    network->failing = Call::GetTcpipBoundAdaptersInfo;
+    EXPECT_EQ(adapter.FindAdapterHandle(guid, nullptr), 0u);
+    EXPECT_EQ(FilterDriverApiAdapter(nullptr).FindAdapterHandle(guid, nullptr), 0u);
+}
+
+TEST_F(FilterDriverTest, TheAdapterListIsReadWithinItsBoundsAndItsEventsCloseWithIt) {
+    for (uint32_t i = 1; i < NdisApi::kAdapterListSize; ++i) network->AddAdapter(std::to_string(i), {}, 0x100 + i);
+    // The last name fills all 256 bytes with no terminator, and the count claims more than 32.
+    network->editList = [](NdisApi::TCP_AdapterList& list) {
+        uint8_t* last = list.m_szAdapterNameList[NdisApi::kAdapterListSize - 1];
+        std::memset(last, 'A', NdisApi::kAdapterNameSize);
+        std::memcpy(last + NdisApi::kAdapterNameSize - 4, "GUID", 4);
+        list.m_nAdapterCount = 1000;
+    };
+    {
+        FilterDriverApiAdapter adapter(CreateFilterDriverApi());
+        EXPECT_EQ(adapter.FindAdapterHandle("AGUID", nullptr), 0x100u + NdisApi::kAdapterListSize - 1);
+        EXPECT_EQ(adapter.FindAdapterHandle("GUIDX", nullptr), 0u);
+        EXPECT_EQ(network->openEvents, 1);
+    }
+    EXPECT_EQ(network->openEvents, 0);
 }
 
 }  // namespace

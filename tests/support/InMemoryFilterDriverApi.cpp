@@ -49,18 +49,13 @@ public:
                           "\\DEVICE\\%s", guid.c_str());
             list->m_nAdapterHandle[i] = adapter.handle;
             std::memcpy(list->m_czCurrentAddress[i], adapter.mac.data(), 6);
-            list->m_usMTU[i] = 1500;
         }
         if (net_->editList) net_->editList(*list);
         return true;
     }
 
     bool SetAdapterMode(const NdisApi::ADAPTER_MODE* mode) override {
-        return OnAdapter(mode->hAdapterHandle, Call::SetAdapterMode, [&](Adapter& adapter) {
-            constexpr uint32_t kTunnel = NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL;
-            if ((adapter.mode & kTunnel) == 0 && (mode->dwFlags & kTunnel) != 0) ++adapter.tunnelEntries;
-            adapter.mode = mode->dwFlags;
-        });
+        return OnAdapter(mode->hAdapterHandle, Call::SetAdapterMode, [&](Adapter& a) { a.mode = mode->dwFlags; });
     }
     bool GetHwPacketFilter(NdisApi::Handle handle, uint32_t* filter) override {
         return OnAdapter(handle, Call::GetHwPacketFilter, [&](Adapter& a) { *filter = a.hwFilter; });
@@ -90,24 +85,13 @@ public:
         Adapter* adapter = net_->ByHandle(handle);
         size_t read = 0;
         for (; adapter != nullptr && read < count && !adapter->queue.empty(); ++read) {
-            const CapturedFrame& captured = adapter->queue.front();
             // As a real backend: the vector keeps its capacity, nothing is cleared first.
-            frames[read].bytes.assign(captured.bytes.begin(), captured.bytes.end());
-            frames[read].offload = captured.offload;
-            frames[read].isSend = captured.isSend;
+            frames[read] = adapter->queue.front();
             ndtest::HarnessScope harness;
             adapter->queue.pop_front();
         }
         net_->changed_.notify_all();
         return read;
-    }
-
-    bool SendFrame(NdisApi::Handle handle, const uint8_t* frame, size_t length, const Nat::FrameOffload& offload,
-                   bool toStack) override {
-        // With super-frames they are recorded whole; otherwise the base cuts them into wire frames.
-        if (!net_->superFrames) return IFilterDriverApi::SendFrame(handle, frame, length, offload, toStack);
-        std::lock_guard lock(net_->mutex_);
-        return Record(handle, frame, length, offload, !toStack);
     }
 
     bool FlushAdapterPacketQueue(NdisApi::Handle handle) override {
@@ -141,17 +125,10 @@ private:
         const NdisApi::INTERMEDIATE_BUFFER* buffer = request->EthPacket;
         const size_t n = std::min<size_t>(buffer->m_Length, NdisApi::kMaxEtherFrame);
         std::lock_guard lock(net_->mutex_);
-        return Record(request->hAdapterHandle, buffer->m_IBuffer, n, {}, toWire);
-    }
-
-    // Called with the lock held.
-    bool Record(NdisApi::Handle handle, const uint8_t* frame, size_t length, const Nat::FrameOffload& offload,
-                bool toWire) {
         ndtest::HarnessScope harness;
-        Adapter* adapter = net_->ByHandle(handle);
+        Adapter* adapter = net_->ByHandle(request->hAdapterHandle);
         if (adapter == nullptr) return false;
-        if (toWire) adapter->wireOffloads.push_back(offload);
-        (toWire ? adapter->wire : adapter->stack).emplace_back(frame, frame + length);
+        (toWire ? adapter->wire : adapter->stack).emplace_back(buffer->m_IBuffer, buffer->m_IBuffer + n);
         net_->changed_.notify_all();
         return true;
     }
@@ -199,18 +176,12 @@ bool InMemoryNetwork::Inject(const std::string& guid, const Nat::Frame& frame, b
     const uint32_t divertFlag = fromWire ? NdisApi::MSTCP_FLAG_RECV_TUNNEL : NdisApi::MSTCP_FLAG_SENT_TUNNEL;
     if ((adapter.mode & divertFlag) == 0) {
         (fromWire ? adapter.stack : adapter.wire).push_back(frame);
-        if (!fromWire) adapter.wireOffloads.push_back(offload);
         changed_.notify_all();
         return false;
     }
     adapter.queue.push_back(CapturedFrame{frame, offload, !fromWire});
     if (adapter.packetEvent != 0) (void)Platform::SetEvent(adapter.packetEvent);
     return true;
-}
-
-bool InMemoryNetwork::WaitUntil(const std::function<bool()>& done) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(5), done);
 }
 
 bool InMemoryNetwork::Settle(const std::string& guid) {
@@ -224,11 +195,9 @@ bool InMemoryNetwork::Settle(const std::string& guid) {
     }
     if (!InjectFromStack(guid, marker)) return false;
     const auto& wire = At(guid).wire;
-    return WaitUntil([&] { return std::find(wire.begin(), wire.end(), marker) != wire.end(); });
-}
-
-bool InMemoryNetwork::WaitForStack(const std::string& guid, size_t count) {
-    return WaitUntil([&] { return At(guid).stack.size() >= count; });
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(5),
+                             [&] { return std::find(wire.begin(), wire.end(), marker) != wire.end(); });
 }
 
 std::vector<Nat::Frame> InMemoryNetwork::Sent(const std::string& guid, std::vector<Nat::Frame> Adapter::*side) const {
@@ -242,7 +211,6 @@ void InMemoryNetwork::ClearSent(const std::string& guid) {
     std::lock_guard lock(mutex_);
     Adapter& adapter = At(guid);
     adapter.wire.clear();
-    adapter.wireOffloads.clear();
     adapter.stack.clear();
 }
 

@@ -50,8 +50,6 @@ public:
         std::deque<CapturedFrame> queue;
         std::vector<Nat::Frame> wire;
         std::vector<Nat::Frame> stack;
-        std::vector<Nat::FrameOffload> wireOffloads;  // beside wire: how each frame was sent
-        int tunnelEntries = 0;  // how many times it went from normal to tunnel mode
     };
 
     // Restores the empty factory when it goes.
@@ -70,16 +68,14 @@ public:
     std::function<void(NdisApi::TCP_AdapterList&)> editList;
     std::atomic<bool> driverLoaded{true};
     std::atomic<Call> failing{Call::None};
-    // Frames are read with the offload state they were injected with. With super-frames
-    // they are also sent whole with it, as the Linux backend does; without (the default),
-    // the driver's default send cuts them into wire frames, as for a backend without.
-    std::atomic<bool> superFrames{false};
     // Events created through CreateAdapterEvent and not closed yet, and driver clients alive.
     std::atomic<int> openEvents{0};
     std::atomic<int> liveClients{0};
     std::vector<NdisApi::STATIC_FILTER> filters;  // the first entry of each filter table set
 
     // True when the frame was diverted to the driver, false when it passed straight through.
+    // Frames are read with the offload state they were injected with; the driver's default
+    // send cuts super-frames into the wire frames they stand for.
     bool InjectFromWire(const std::string& guid, const Nat::Frame& frame, const Nat::FrameOffload& offload = {}) {
         return Inject(guid, frame, true, offload);
     }
@@ -87,8 +83,6 @@ public:
     // Waits (bounded) until everything captured on the adapter before this call has been
     // dispatched: a marker sent by the stack goes out on the wire once its turn comes.
     bool Settle(const std::string& guid);
-    // Waits (bounded) until at least `count` frames were sent to the stack.
-    bool WaitForStack(const std::string& guid, size_t count);
 
     std::vector<Nat::Frame> SentToWire(const std::string& guid) const { return Sent(guid, &Adapter::wire); }
     std::vector<Nat::Frame> SentToStack(const std::string& guid) const { return Sent(guid, &Adapter::stack); }
@@ -103,7 +97,6 @@ private:
     Adapter& At(const std::string& guid) const;
     Adapter* ByHandle(NdisApi::Handle handle);
     bool Inject(const std::string& guid, const Nat::Frame& frame, bool fromWire, const Nat::FrameOffload& offload);
-    bool WaitUntil(const std::function<bool()>& done);
     std::vector<Nat::Frame> Sent(const std::string& guid, std::vector<Nat::Frame> Adapter::*side) const;
 
     mutable std::mutex mutex_;
