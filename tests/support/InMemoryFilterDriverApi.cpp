@@ -4,10 +4,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
 
 #include "Platform/Events.h"
 #include "support/AllocationScope.h"
+#include "support/FrameBuilder.h"
 
 namespace NativeNetworkDriver::Testing {
 
@@ -155,12 +155,6 @@ InMemoryNetwork::FactoryGuard InMemoryNetwork::Install() {
     return {};
 }
 
-InMemoryNetwork::Adapter& InMemoryNetwork::At(const std::string& guid) const {
-    auto found = adapters_.find(guid);
-    if (found == adapters_.end()) throw std::logic_error("no such adapter: " + guid);
-    return found->second;
-}
-
 InMemoryNetwork::Adapter* InMemoryNetwork::ByHandle(NdisApi::Handle handle) {
     for (auto& [guid, adapter] : adapters_) {
         if (adapter.handle == handle) return &adapter;
@@ -172,7 +166,7 @@ bool InMemoryNetwork::Inject(const std::string& guid, const Nat::Frame& frame, b
                              const Nat::FrameOffload& offload) {
     ndtest::HarnessScope harness;
     std::lock_guard lock(mutex_);
-    Adapter& adapter = At(guid);
+    Adapter& adapter = adapters_.at(guid);
     const uint32_t divertFlag = fromWire ? NdisApi::MSTCP_FLAG_RECV_TUNNEL : NdisApi::MSTCP_FLAG_SENT_TUNNEL;
     if ((adapter.mode & divertFlag) == 0) {
         (fromWire ? adapter.stack : adapter.wire).push_back(frame);
@@ -185,38 +179,35 @@ bool InMemoryNetwork::Inject(const std::string& guid, const Nat::Frame& frame, b
 }
 
 bool InMemoryNetwork::Settle(const std::string& guid) {
-    Nat::Frame marker = {0x02, 0x4D, 0x4B, 0x00, 0x00, 0x01};  // nobody's address
+    Nat::Frame marker;
     {
         std::lock_guard lock(mutex_);
-        const Nat::MacAddress& source = At(guid).mac;
-        marker.insert(marker.end(), source.begin(), source.end());
-        marker.insert(marker.end(), {kMarkerType >> 8, kMarkerType & 0xFF});
-        marker.resize(60, ++markerSerial_);
+        const Nat::MacAddress nobody{0x02, 0x4D, 0x4B, 0x00, 0x00, 0x01};
+        marker = ndtest::EthernetFrame(nobody, adapters_.at(guid).mac, kMarkerType, 46, ++markerSerial_);
     }
     if (!InjectFromStack(guid, marker)) return false;
-    const auto& wire = At(guid).wire;
     std::unique_lock lock(mutex_);
+    const auto& wire = adapters_.at(guid).wire;
     return changed_.wait_for(lock, std::chrono::seconds(5),
                              [&] { return std::find(wire.begin(), wire.end(), marker) != wire.end(); });
 }
 
 std::vector<Nat::Frame> InMemoryNetwork::Sent(const std::string& guid, std::vector<Nat::Frame> Adapter::*side) const {
     std::lock_guard lock(mutex_);
-    std::vector<Nat::Frame> frames = At(guid).*side;
+    std::vector<Nat::Frame> frames = adapters_.at(guid).*side;
     std::erase_if(frames, IsMarker);
     return frames;
 }
 
 void InMemoryNetwork::ClearSent(const std::string& guid) {
     std::lock_guard lock(mutex_);
-    Adapter& adapter = At(guid);
-    adapter.wire.clear();
-    adapter.stack.clear();
+    adapters_.at(guid).wire.clear();
+    adapters_.at(guid).stack.clear();
 }
 
 InMemoryNetwork::Adapter InMemoryNetwork::State(const std::string& guid) const {
     std::lock_guard lock(mutex_);
-    return At(guid);
+    return adapters_.at(guid);
 }
 
 }  // namespace NativeNetworkDriver::Testing

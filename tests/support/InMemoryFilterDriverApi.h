@@ -94,7 +94,6 @@ private:
     friend class InMemoryClient;
 
     InMemoryNetwork() = default;
-    Adapter& At(const std::string& guid) const;
     Adapter* ByHandle(NdisApi::Handle handle);
     bool Inject(const std::string& guid, const Nat::Frame& frame, bool fromWire, const Nat::FrameOffload& offload);
     std::vector<Nat::Frame> Sent(const std::string& guid, std::vector<Nat::Frame> Adapter::*side) const;
