@@ -172,7 +172,6 @@ TEST_F(PublisherTest, FragmentedDatagramsAreOfferedWholeAndPassedOnInOrder) {
     const auto offers = subscriber.Take();
     ASSERT_EQ(offers.size(), 2u);
     EXPECT_EQ(offers[0].kind + "," + offers[1].kind, "receivedFragments,sentFragments");
-    EXPECT_EQ(offers[0].frames, (Frames{first, second, last}));
     EXPECT_EQ(offers[1].frames, (Frames{takenHead, takenTail}));
 
     // One more incomplete datagram than the collector holds: the oldest is given up and goes on.

@@ -9,7 +9,7 @@
 #include "Platform/Events.h"
 #include "support/Thrown.h"
 
-TEST(WaitHandle, WaitAnyReportsTheFirstSetEventAndResetsOnlyIt) {
+TEST(WaitHandle, WaitAnyReportsTheFirstSetEventAndResetsOnlyItAndAWrapperOwnsNothing) {
     AutoResetEvent first, second;
     WaitHandle* const both[2] = {&first, &second};
     ASSERT_TRUE(first.IsValid() && second.IsValid());
@@ -25,23 +25,21 @@ TEST(WaitHandle, WaitAnyReportsTheFirstSetEventAndResetsOnlyIt) {
 
     EXPECT_TRUE(first.Close());
     EXPECT_FALSE(first.IsValid() || first.Close());
-    second.Close();
-}
 
-TEST(WaitHandle, AWrapperOwnsNothingAndANullHandleFailsTheWait) {
-    AutoResetEvent owner, other;
+    // A wrapper owns nothing; a null handle fails the wait.
+    AutoResetEvent other;
     {
-        WaitHandle wrapper(owner.Handle());
+        WaitHandle wrapper(second.Handle());
         EXPECT_TRUE(wrapper.IsValid());
         EXPECT_FALSE(wrapper.Close());
     }
-    ASSERT_TRUE(Platform::SetEvent(owner.Handle()));  // still usable after the wrapper is gone
+    ASSERT_TRUE(Platform::SetEvent(second.Handle()));  // still usable after the wrapper is gone
     WaitHandle none(0);
     EXPECT_FALSE(none.IsValid() || none.Close());
-    WaitHandle* const pair[2] = {&other, &owner};
+    WaitHandle* const pair[2] = {&other, &second};
     EXPECT_EQ(WaitAny(pair), 1);
-    WaitHandle* const withNull[2] = {&owner, &none};
+    WaitHandle* const withNull[2] = {&second, &none};
     EXPECT_EQ(ndtest::Thrown<std::runtime_error>([&] { WaitAny(withNull); }), "wait failed");
-    owner.Close();
+    second.Close();
     other.Close();
 }
