@@ -108,9 +108,12 @@ TEST_F(FilterDriverTest, AnOpenDriverTakesTheAdapterAndReadsItsFramesUntilItGoes
         EXPECT_TRUE(log.Has("INFO;" + text)) << text;
 }
 
-TEST_F(FilterDriverTest, WriteTargets) {
+// Writing needs no packet event: without one only the capture thread ends.
+TEST_F(FilterDriverTest, WriteTargetsAndAMissingPacketEvent) {
+    network->failing = Call::CreateAdapterEvent;
     FilterDriver driver(guid, &reader);
     driver.Open();
+    ASSERT_TRUE(driver.IsOpened());
     const Nat::Frame full = ndtest::EthernetFrame(kOtherMac, kAdapterMac, 0x0800, 1500, 9);  // 1514 bytes
     for (uint32_t target : {uint32_t{ToAdapter}, uint32_t{ToStack}, uint32_t{ToBoth}, 3u})
         driver.WriteFrame(full, target);
@@ -123,6 +126,10 @@ TEST_F(FilterDriverTest, WriteTargets) {
     EXPECT_TRUE(log.Has("ERROR;The frame size exceeds the max ethernet frame size: 1515. The packet will be dropped."));
 
     driver.Close();
+    EXPECT_EQ(network->AdapterMode(guid), 0u);
+    EXPECT_TRUE(log.Has("DEBUG;Failed to create notification event or set it for virtual Ethernet adapter (GUID: " +
+                        guid + ")."));
+    EXPECT_TRUE(log.Has("INFO;Error in CaptureThread of Virtual Ethernet adapter (GUID: " + guid + ")."));
     const size_t linesAfterClose = log.Lines().size();
     driver.WriteFrame(full, ToBoth);
     driver.WriteFrame(oversize, ToBoth);
@@ -130,17 +137,15 @@ TEST_F(FilterDriverTest, WriteTargets) {
     EXPECT_EQ(log.Lines().size(), linesAfterClose);
 }
 
+
+
 // Each way an open can fail: logged with its own DEBUG line ("%s" is the GUID), then the
 // common INFO line; the adapter is left alone and closing the driver throws.
 TEST_F(FilterDriverTest, FailedOpensAreLoggedAndLeaveTheAdapterAlone) {
-    struct Failure {
-        std::function<void()> arrange;
-        std::string debugLine;
-    };
     const auto fail = [this](Call call) { return [this, call] { network->failing = call; }; };
     const std::string notFound = "Not found adapter handle of Virtual Ethernet adapter (GUID: %s).";
     const std::string noDriver = "Error in OpenFilterDriver() of Virtual Ethernet adapter (GUID: %s).";
-    const Failure failures[] = {
+    const std::pair<std::function<void()>, std::string> failures[] = {
         {[&] { network->driverLoaded = false; }, noDriver},
         {[&] { network->driverLoaded = true; }, notFound},  // an adapter the driver does not list
         {fail(Call::GetTcpipBoundAdaptersInfo), notFound},
@@ -149,10 +154,10 @@ TEST_F(FilterDriverTest, FailedOpensAreLoggedAndLeaveTheAdapterAlone) {
         {fail(Call::SetAdapterMode), "Failed to set adapter mode for the network interface."},
         {[&] { SetFilterDriverApiFactory({}); }, noDriver},  // no driver client at all
     };
-    for (const Failure& failure : failures) {
-        failure.arrange();
-        const std::string target = failure.debugLine == notFound ? Testing::Guid(99) : guid;
-        std::string debug = failure.debugLine;
+    for (const auto& [arrange, debugLine] : failures) {
+        arrange();
+        const std::string target = debugLine == notFound ? Testing::Guid(99) : guid;
+        std::string debug = debugLine;
         if (auto at = debug.find("%s"); at != std::string::npos) debug.replace(at, 2, target);
         SCOPED_TRACE(debug);
         ndtest::LogCapture caseLog;
@@ -169,18 +174,6 @@ TEST_F(FilterDriverTest, FailedOpensAreLoggedAndLeaveTheAdapterAlone) {
         ExpectReleased();
         EXPECT_EQ(network->liveClients, 0);
     }
-}
-
-TEST_F(FilterDriverTest, MissingPacketEventEndsOnlyTheCaptureThread) {
-    network->failing = Call::CreateAdapterEvent;
-    FilterDriver driver(guid, &reader);
-    driver.Open();
-    EXPECT_TRUE(driver.IsOpened());
-    driver.Close();
-    EXPECT_TRUE(log.Has("DEBUG;Failed to create notification event or set it for virtual Ethernet adapter (GUID: " +
-                        guid + ")."));
-    EXPECT_TRUE(log.Has("INFO;Error in CaptureThread of Virtual Ethernet adapter (GUID: " + guid + ")."));
-    EXPECT_EQ(network->AdapterMode(guid), 0u);
 }
 
 // The adapter wrapper's lookup of an adapter by its GUID text in the driver's adapter list.

@@ -147,8 +147,7 @@ NdisApi::Handle InMemoryNetwork::AddAdapter(const std::string& guid, const Nat::
 }
 
 InMemoryNetwork::FactoryGuard InMemoryNetwork::Install() {
-    std::weak_ptr<InMemoryNetwork> weak = shared_from_this();
-    SetFilterDriverApiFactory([weak]() -> std::unique_ptr<IFilterDriverApi> {
+    SetFilterDriverApiFactory([weak = weak_from_this()]() -> std::unique_ptr<IFilterDriverApi> {
         auto network = weak.lock();
         return network ? std::make_unique<InMemoryClient>(network) : nullptr;
     });
@@ -156,9 +155,8 @@ InMemoryNetwork::FactoryGuard InMemoryNetwork::Install() {
 }
 
 InMemoryNetwork::Adapter* InMemoryNetwork::ByHandle(NdisApi::Handle handle) {
-    for (auto& [guid, adapter] : adapters_) {
+    for (auto& [guid, adapter] : adapters_)
         if (adapter.handle == handle) return &adapter;
-    }
     return nullptr;
 }
 
@@ -179,12 +177,8 @@ bool InMemoryNetwork::Inject(const std::string& guid, const Nat::Frame& frame, b
 }
 
 bool InMemoryNetwork::Settle(const std::string& guid) {
-    Nat::Frame marker;
-    {
-        std::lock_guard lock(mutex_);
-        const Nat::MacAddress nobody{0x02, 0x4D, 0x4B, 0x00, 0x00, 0x01};
-        marker = ndtest::EthernetFrame(nobody, adapters_.at(guid).mac, kMarkerType, 46, ++markerSerial_);
-    }
+    const Nat::MacAddress nobody{0x02, 0x4D, 0x4B, 0x00, 0x00, 0x01};
+    const Nat::Frame marker = ndtest::EthernetFrame(nobody, State(guid).mac, kMarkerType, 46, ++markerSerial_);
     if (!InjectFromStack(guid, marker)) return false;
     std::unique_lock lock(mutex_);
     const auto& wire = adapters_.at(guid).wire;

@@ -103,7 +103,7 @@ private:
     mutable std::map<std::string, Adapter> adapters_;
     std::vector<std::string> order_;  // the driver's adapter list order
     NdisApi::Handle nextHandle_ = 0x1000;
-    uint8_t markerSerial_ = 0;
+    uint8_t markerSerial_ = 0;  // Settle is called from the test's thread only
 };
 
 }  // namespace NativeNetworkDriver::Testing

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Packet/IFilterDriversSubscriber.h"
-#include "Packet/Frame.h"
 #include "support/InMemoryFilterDriverApi.h"
 
 namespace NativeNetworkDriver::Testing {
