@@ -6,7 +6,6 @@
 
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "Packet/ArpCache.h"
-#include "Packet/ArpTable.h"
 #include "Sessions/NAT.h"
 #include "support/AllocationCounter.h"
 #include "support/InMemoryFilterDriverApi.h"

@@ -3,8 +3,8 @@
 #include "FilterDriver/FilterDriversPublisher.h"
 #include "VPN/VPN.h"
 #include "support/FrameBuilder.h"
-#include "support/LogCapture.h"
 #include "support/InMemoryFilterDriverApi.h"
+#include "support/LogCapture.h"
 
 namespace NativeNetworkDriver {
 namespace {
