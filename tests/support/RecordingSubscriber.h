@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Packet/IFilterDriversSubscriber.h"
-#include "Packet/Frame.h"
 #include "support/InMemoryFilterDriverApi.h"
 
 namespace NativeNetworkDriver::Testing {
@@ -23,36 +22,29 @@ public:
         std::string guid;
     };
 
-    explicit RecordingSubscriber(std::string name = {}, std::vector<std::string>* order = nullptr)
-        : name_(std::move(name)), order_(order) {}
-
     std::function<bool(const Nat::Frame&)> consume = [](const Nat::Frame&) { return false; };
 
     bool OnSentFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override {
         return Record("sentFragments", fragments, guid);
     }
-    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameView&,
-                     const Nat::FrameOffload&, const std::string& guid) override {
+    bool OnSentFrame(Nat::Frame& frame, const Nat::FrameView&, const Nat::FrameOffload&,
+                     const std::string& guid) override {
         return Record("sent", {frame}, guid);
     }
     bool OnReceivedFragments(Nat::FragmentList& fragments, const Nat::FrameView&, const std::string& guid) override {
         return Record("receivedFragments", fragments, guid);
     }
-    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&,
-                         const Nat::FrameOffload&, const std::string& guid) override {
+    bool OnReceivedFrame(Nat::Frame& frame, const Nat::FrameView&, const Nat::FrameOffload&,
+                         const std::string& guid) override {
         return Record("received", {frame}, guid);
     }
 
-    std::vector<Offer> Offers() const {
-        std::lock_guard lock(mutex_);
-        return offers_;
-    }
     // The offers so far, forgetting them.
     std::vector<Offer> Take() {
         std::lock_guard lock(mutex_);
         return std::exchange(offers_, {});
     }
-    bool WaitForOffers(size_t count, std::chrono::seconds timeout = std::chrono::seconds(5)) const {
+    bool WaitForOffers(size_t count, std::chrono::seconds timeout = std::chrono::seconds(5)) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return offers_.size() >= count; });
     }
@@ -63,7 +55,6 @@ private:
         {
             std::lock_guard lock(mutex_);
             offers_.push_back(Offer{kind, frames, guid});
-            if (order_ != nullptr) order_->push_back(name_);
             changed_.notify_all();
         }
         bool consumed = false;
@@ -71,10 +62,8 @@ private:
         return consumed;
     }
 
-    std::string name_;
-    std::vector<std::string>* order_;
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
     std::vector<Offer> offers_;
 };
 
