@@ -120,7 +120,8 @@ TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
         }
         EXPECT_EQ(segments, expected);
         const size_t l4 = ipv6 ? 54 : 34;
-        // Datagram boundaries cannot move: a segment size that does not fit is refused.
+        // Datagram boundaries cannot move: a segment size of 0 or one that does not fit is refused.
+        EXPECT_FALSE(Starts(Gso(kGsoUdpL4, 0), super));
         EXPECT_FALSE(Starts(Gso(kGsoUdpL4, kMax - l4 - 8 + 1), super));
     }
 }

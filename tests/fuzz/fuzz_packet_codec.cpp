@@ -30,17 +30,10 @@ void IncrementalAgreesWithFull(const Frame& original, uint32_t v) {
     } catch (const Nat::Exception&) {
         return;
     }
-    void (*const writers[])(Frame&, uint32_t) = {
-        [](Frame& f, uint32_t x) { pu::SetSourcePort(f, uint16_t(x)); },
-        [](Frame& f, uint32_t x) { pu::SetDestinationPort(f, uint16_t(x >> 7)); },
-        [](Frame& f, uint32_t x) { pu::UpdateSourceIp(f, ndtest::IpFrom(x)); },
-        [](Frame& f, uint32_t x) { pu::UpdateDestinationIp(f, ndtest::IpFrom(~x)); },
-        [](Frame& f, uint32_t x) { pu::SetTcpSequenceNumber(f, x * 2654435761u); },  // TCP only from here on
-        [](Frame& f, uint32_t x) { pu::SetAcknowledgmentNumber(f, ~x); },
-    };
-    for (size_t i = 0; i < (tcp ? 6 : 4); ++i) {
+    for (const ndtest::CodecCall& c : ndtest::kCodecCalls) {
+        if (!c.keeps || (c.tcpOnly && !tcp)) continue;
         Frame incremental = base;
-        writers[i](incremental, v);
+        c.call(incremental, v);
         Frame full = incremental;
         pu::FixTransportHeaderChecksum(full);
         Check(full == incremental);

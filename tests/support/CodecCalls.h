@@ -13,11 +13,13 @@ namespace pu = Nat::PacketUtils;
 // One codec function, its values drawn from `v`. On a TCP frame with a 20-byte IP header
 // (an ARP frame for `arp`) shorter than `threshold` it throws
 // "Error <what>, unexpected packet size: <size>"; a threshold of 0 means it has no plain one.
+// `keeps`: a writer that carries its change into the transport checksum (on TCP only: `tcpOnly`).
 struct CodecCall {
     const char* what;
     size_t threshold;
     bool arp;
     void (*call)(Frame& f, uint32_t v);
+    bool keeps = false, tcpOnly = false;
 };
 
 // Short names for the call's signature, so that each entry fits on one line.
@@ -54,12 +56,12 @@ inline const CodecCall kCodecCalls[] = {
     {"getting transport header checksum", 50, false, [](F f, V) { pu::GetTransportHeaderChecksum(f); }},
     {"getting transport header checksum", 50, false,
      [](F f, V v) { pu::UpdateTransportHeaderChecksum(f, uint16_t(v), uint16_t(v >> 16), uint16_t(v >> 3)); }},
-    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetSourcePort(f, uint16_t(v)); }},
-    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetDestinationPort(f, uint16_t(v >> 5)); }},
-    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetTcpSequenceNumber(f, v); }},
-    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetAcknowledgmentNumber(f, ~v); }},
-    {"getting transport header checksum", 50, false, [](F f, V v) { pu::UpdateSourceIp(f, IpFrom(v)); }},
-    {"getting transport header checksum", 50, false, [](F f, V v) { pu::UpdateDestinationIp(f, IpFrom(~v)); }},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetSourcePort(f, uint16_t(v)); }, true},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetDestinationPort(f, uint16_t(~v)); }, true},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetTcpSequenceNumber(f, v); }, true, true},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::SetAcknowledgmentNumber(f, ~v); }, true, true},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::UpdateSourceIp(f, IpFrom(v)); }, true},
+    {"getting transport header checksum", 50, false, [](F f, V v) { pu::UpdateDestinationIp(f, IpFrom(~v)); }, true},
     {"fixing IP header checksum", 34, false, [](F f, V) { pu::FixIpHeaderChecksum(f); }},
     {"fixing transport header checksum", 0, false, [](F f, V) { pu::FixTransportHeaderChecksum(f); }},
     {"getting ARP protocol type", 17, true, [](F f, V) { pu::GetArpProtocolType(f); }},
