@@ -102,12 +102,12 @@ TEST(NoThousandSep, LogNumbersAreNeverGroupedWhateverTheGlobalLocale) {
 
 TEST(BrandInfo, TheExecutablePathChoosesTheBrand) {
     const std::string s(1, Platform::kPathSeparator);
-    const std::string base = Platform::CommonAppDataFolder() + s;
-    const std::string halbrook = "Halbrook Automation" + s + "Cobaltreach Remote Access";
     const std::pair<const char*, std::string> cases[] = {
-        {"/opt/VUD/Halbrook/NetworkDriver", base + "VUD" + s + "TARVELIS connect" + s + "Runtime" + s},
-        {"/opt/Halbrook/NetworkDriver", base + halbrook + s + "Runtime" + s},
-        {"/opt/vud/NetworkDriver", base + "TORV" + s + "Tessaril" + s + "Runtime" + s},  // case matters
+        {"/opt/VUD/Halbrook/NetworkDriver", "VUD" + s + "TARVELIS connect"},
+        {"/opt/Halbrook/NetworkDriver", "Halbrook Automation" + s + "Cobaltreach Remote Access"},
+        {"/opt/vud/NetworkDriver", "TORV" + s + "Tessaril"},  // case matters
     };
-    for (const auto& [path, folder] : cases) EXPECT_EQ(TorvUtils::ChooseBrand(path)->logDirectory, folder);
+    for (const auto& [path, folder] : cases)
+        EXPECT_EQ(TorvUtils::ChooseBrand(path)->logDirectory,
+                  Platform::CommonAppDataFolder() + s + folder + s + "Runtime" + s);
 }
