@@ -65,11 +65,6 @@ TEST(Messages, StartRequestsRoundTripAndLogEveryField) {
                       "DNatTableEntryTimeout1234567, ReservedPortPoolLowerBound: 40000, "
                       "ReservedPortPoolUpperBound: 41000");
     }
-
-    EXPECT_EQ(ToLogLine(DecodeStartNATRequest(Encode(StartNATRequest{}))),
-              "Received StartNATRequest message: Has proxy? false, ProxyMacAddress: , ProxyPort: 0, ProxyIpAddress: ; "
-              "MacAddressWhiteList: empty, TcpPortPoolSize: 0, UdpPortPoolSize: 0, DNatTableEntryTimeout0, "
-              "ReservedPortPoolLowerBound: 0, ReservedPortPoolUpperBound: 0");
 }
 
 TEST(Messages, VpnRequestsRoundTripAndLog) {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <set>
 #include <stdexcept>
 
 #include "Logging/Logger.h"
