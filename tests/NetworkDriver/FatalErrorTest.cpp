@@ -13,20 +13,12 @@
 #include "Logging/Logger.h"
 #include "support/LogCapture.h"
 
-namespace {
-
-void ArmTerminate() {
-    std::set_terminate(NativeNetworkDriver::LogFatalAndAbort);
-    alarm(10);  // a hang ends the child by SIGALRM, which fails the expectation below
-}
-
-}  // namespace
-
 TEST(FatalErrorDeathTest, AFailureInsideALogWriteIsStillLogged) {
     ndtest::LogCapture log(2);
     EXPECT_EXIT(
         {
-            ArmTerminate();
+            std::set_terminate(NativeNetworkDriver::LogFatalAndAbort);
+            alarm(10);  // a hang ends the child by SIGALRM, which fails the expectation below
             TorvUtils::Logger::Instance().SetToConsole(true);
             ::close(STDOUT_FILENO);  // the console write fails and throws inside the logger's lock
             std::cout.exceptions(std::ios::badbit);
@@ -44,7 +36,8 @@ TEST(FatalErrorDeathTest, ALogWriteStuckOnAnotherThreadDoesNotHoldTheProcess) {
     ASSERT_EQ(mkfifo(log.File().c_str(), 0600), 0);
     EXPECT_EXIT(
         {
-            ArmTerminate();
+            std::set_terminate(NativeNetworkDriver::LogFatalAndAbort);
+            alarm(10);
             // Opening a FIFO nobody reads blocks: that thread keeps the lock for good.
             std::thread([] { Log("blocked", LogLevel::Info); }).detach();
             std::this_thread::sleep_for(std::chrono::milliseconds(300));

@@ -65,11 +65,6 @@ TEST(Messages, StartRequestsRoundTripAndLogEveryField) {
                       "DNatTableEntryTimeout1234567, ReservedPortPoolLowerBound: 40000, "
                       "ReservedPortPoolUpperBound: 41000");
     }
-
-    EXPECT_EQ(ToLogLine(DecodeStartNATRequest(Encode(StartNATRequest{}))),
-              "Received StartNATRequest message: Has proxy? false, ProxyMacAddress: , ProxyPort: 0, ProxyIpAddress: ; "
-              "MacAddressWhiteList: empty, TcpPortPoolSize: 0, UdpPortPoolSize: 0, DNatTableEntryTimeout0, "
-              "ReservedPortPoolLowerBound: 0, ReservedPortPoolUpperBound: 0");
 }
 
 TEST(Messages, VpnRequestsRoundTripAndLog) {
@@ -78,13 +73,12 @@ TEST(Messages, VpnRequestsRoundTripAndLog) {
     EXPECT_EQ(ToLogLine(DecodeStartVPNRequest(Encode(vpn))),
               "Received StartVPNRequest message: SupervisorMACAddress: 02:00:00:00:00:01, VpnPromiscuousMode: true, "
               "GUID: {00006F6C-0000-0000-0000-000000000000}, name: lo");
-    const AddSupervisorMACToVPNRequest add{{1, 2, 3, 4, 5, 6}, false};
-    EXPECT_EQ(ToLogLine(DecodeAddSupervisorMACToVPNRequest(Encode(add))),
+    EXPECT_EQ(ToLogLine(DecodeAddSupervisorMACToVPNRequest(Encode(AddSupervisorMACToVPNRequest{{1, 2, 3, 4, 5, 6}}))),
               "Received AddSupervisorMACToVPNRequest message: SupervisorMACAddress: 01:02:03:04:05:06, "
               "VpnPromiscuousMode: false");
-    const RemoveSupervisorMACFromVPNRequest remove{{1, 2, 3, 4, 5, 6}};
+    const RemoveSupervisorMACFromVPNRequest remove{{9, 2, 3, 4, 5, 6}};
     EXPECT_EQ(ToLogLine(DecodeRemoveSupervisorMACFromVPNRequest(Encode(remove))),
-              "Received RemoveSupervisorMACFromVPNRequest message: SupervisorMACAddress: 01:02:03:04:05:06");
+              "Received RemoveSupervisorMACFromVPNRequest message: SupervisorMACAddress: 09:02:03:04:05:06");
     EXPECT_EQ(ToLogLine(DecodeInitializeConfigurationRequest({0, 5, 1})),
               "Received InitializeConfigurationRequest message: HandleVirtualMachine: true");
     const Bytes guid = {0x65, 0x74, 0x68, 0x30, 0x01, 0x02, 0x03, 0x04, 0xA0, 0xB1, 0xC2, 0xD3, 0xE4, 0xF5, 0x06, 0x17};

@@ -1,10 +1,8 @@
 // libFuzzer target for the control-message decoder. The first byte picks the message
-// type, the rest is its payload. Every payload either decodes or throws DecodingError with
-// one of the two decoding texts; a decoded request encodes to bytes that decode to the
-// same request (so nothing half-read survives), and its log line can be written.
+// type, the rest is its payload. Every payload either decodes or throws DecodingError; a
+// decoded request encodes to bytes that decode to the same request (so nothing half-read survives), and its log line can be written.
 #include <cstdint>
 #include <cstdlib>
-#include <string>
 
 #include "NetworkDriver/Messages.h"
 
@@ -36,11 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case kStartNAT: RoundTrip(payload, DecodeStartNATRequest); break;
             default: break;
         }
-    } catch (const DecodingError& e) {
-        const std::string& text = e.Message();
-        if (text.rfind("Deserialization error: found type: ", 0) != 0 &&
-            text != "Error in deserialization of uint8 vector representing a Guid: expected 16 as vector length.")
-            std::abort();
+    } catch (const DecodingError&) {
+        // a refusal is as good an outcome as a decoded request
     }
     return 0;
 }

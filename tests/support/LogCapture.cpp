@@ -28,14 +28,13 @@ std::string LogCapture::Text() const { return ReadFile(File()); }
 std::vector<std::string> LogCapture::Lines() const { return LogEntries(File()); }
 
 int LogCapture::Count(const std::string& levelAndText) const {
-    const auto lines = Lines();
-    return static_cast<int>(std::count(lines.begin(), lines.end(), levelAndText));
+    return static_cast<int>(std::ranges::count(Lines(), levelAndText));
 }
 
 std::vector<std::string> LogCapture::From(const std::string& first) const {
     auto lines = Lines();
-    const auto at = std::find(lines.begin(), lines.end(), first);
-    return std::vector<std::string>(at, lines.end());
+    lines.erase(lines.begin(), std::find(lines.begin(), lines.end(), first));
+    return lines;
 }
 
 }  // namespace ndtest
