@@ -31,10 +31,7 @@ using NdisApi::Handle;
 
 namespace {
 
-// The addresses the set-up script in LinuxDriver::SetUp gives the two ends.
 constexpr const char* kDaemonIf = "ndv0";
-constexpr const char* kDaemonIp = "10.251.0.1";
-constexpr const char* kPeerIp = "10.251.0.2";
 constexpr uint32_t kTunnelMode = NdisApi::MSTCP_FLAG_SENT_TUNNEL | NdisApi::MSTCP_FLAG_RECV_TUNNEL |
                                  NdisApi::MSTCP_FLAG_LOOPBACK_BLOCK;
 
@@ -80,22 +77,20 @@ struct Tunnel {
     Platform::LinuxFilterDriverApi api;
     Handle handle = 0;
     Handle event = 0;
-    uint32_t savedFilter = 0;
     uint32_t flags = 0;  // of the frame ReadMatching found last
 
     bool Open() {
         handle = if_nametoindex(kDaemonIf);
         event = api.CreateAdapterEvent(handle);
         const NdisApi::ADAPTER_MODE mode{handle, kTunnelMode};
-        return event != 0 && api.GetHwPacketFilter(handle, &savedFilter) &&
-               api.SetHwPacketFilter(handle, NdisApi::NDIS_PACKET_TYPE_PROMISCUOUS) && api.SetAdapterMode(&mode) &&
-               api.SetPacketEvent(handle, event);
+        return event != 0 && api.SetHwPacketFilter(handle, NdisApi::NDIS_PACKET_TYPE_PROMISCUOUS) &&
+               api.SetAdapterMode(&mode) && api.SetPacketEvent(handle, event);
     }
     void Close() {
         const NdisApi::ADAPTER_MODE normal{handle, 0};
         api.SetAdapterMode(&normal);
         api.FlushAdapterPacketQueue(handle);
-        api.SetHwPacketFilter(handle, savedFilter);
+        api.SetHwPacketFilter(handle, 0x0B);  // what the interface had
         api.SetPacketEvent(handle, 0);
         api.CloseAdapterEvent(handle, event);
     }
@@ -143,14 +138,13 @@ protected:
         const int built = Shell("d=" + daemon_ + " p=" + peer_ + R"( && set -e
             ip netns add $d; ip netns add $p
             ip link add ndv0 netns $d address 02:4e:44:00:00:01 type veth peer name ndv1 netns $p address 02:4e:44:00:00:02
-            for n in $d $p; do
-              ip netns exec $n sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
-              ip -n $n link set lo up
-            done
-            ip -n $d addr add 10.251.0.1/24 dev ndv0; ip -n $d link set ndv0 up
-            ip -n $p addr add 10.251.0.2/24 dev ndv1; ip -n $p link set ndv1 up
-            ip -n $d neigh replace 10.251.0.2 lladdr 02:4e:44:00:00:02 dev ndv0 nud permanent
-            ip -n $p neigh replace 10.251.0.1 lladdr 02:4e:44:00:00:01 dev ndv1 nud permanent)");
+            for end in "$d 0 1 2" "$p 1 2 1"; do  # namespace, veth number, own and other host number
+              set -- $end
+              ip netns exec $1 sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+              ip -n $1 link set lo up
+              ip -n $1 addr add 10.251.0.$3/24 dev ndv$2; ip -n $1 link set ndv$2 up
+              ip -n $1 neigh replace 10.251.0.$4 lladdr 02:4e:44:00:00:0$4 dev ndv$2 nud permanent
+            done)");
         if (built != 0) GTEST_SKIP() << "could not build the veth pair between two network namespaces";
     }
     void TearDown() override {
@@ -160,13 +154,13 @@ protected:
     }
     // Runs body inside the daemon namespace, where the backend looks for its interfaces.
     void InDaemon(const std::function<void()>& body) { ASSERT_TRUE(InNamespace(daemon_, body)); }
-    // UDP sockets on both ends of the veth pair, connected to each other, closed after the test.
+    // UDP sockets on both ends of the veth pair (10.251.0.2 and .1), connected to each other,
+    // closed after the test.
     bool OpenUdp() {
         peer = SocketIn(peer_, AF_INET, SOCK_DGRAM);
         local = SocketIn(daemon_, AF_INET, SOCK_DGRAM);
-        sockaddr_in p{AF_INET, htons(5001), {}, {}}, l = p;
-        inet_pton(AF_INET, kPeerIp, &p.sin_addr);
-        inet_pton(AF_INET, kDaemonIp, &l.sin_addr);
+        const sockaddr_in p{AF_INET, htons(5001), {htonl(0x0AFB0002)}, {}};
+        const sockaddr_in l{AF_INET, htons(5001), {htonl(0x0AFB0001)}, {}};
         const auto *pa = reinterpret_cast<const sockaddr*>(&p), *la = reinterpret_cast<const sockaddr*>(&l);
         return bind(peer, pa, sizeof(p)) == 0 && bind(local, la, sizeof(l)) == 0 &&
                connect(peer, la, sizeof(l)) == 0 && connect(local, pa, sizeof(p)) == 0;
