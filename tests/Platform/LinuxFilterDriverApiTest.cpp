@@ -171,8 +171,18 @@ protected:
 
 }  // namespace
 
-TEST_F(LinuxDriver, ListsInterfacesAndFollowsTheHardwareFilter) {
+// The interfaces as listed and their hardware filter; then tunnel mode in both directions: a
+// captured frame goes on only when the daemon sends it, and is not captured again; back in normal
+// mode the stack talks to the wire directly; an interface that goes away under an open tunnel
+// fails the calls.
+TEST_F(LinuxDriver, ListsInterfacesAndHoldsEveryFrameUntilTheDaemonSendsItOn) {
     const std::string promiscuity = "ip -d -n " + daemon_ + " link show ndv0 | grep -q 'promiscuity ";
+    ASSERT_TRUE(OpenUdp());
+    const int raw = SocketIn(peer_, AF_PACKET, SOCK_RAW);
+    ASSERT_GE(raw, 0);
+    sockaddr_ll toPeerIf{};
+    toPeerIf.sll_family = AF_PACKET;
+    InNamespace(peer_, [&] { toPeerIf.sll_ifindex = static_cast<int>(if_nametoindex("ndv1")); });
     InDaemon([&] {
         Tunnel t;
         EXPECT_TRUE(t.api.IsDriverLoaded());
@@ -213,21 +223,7 @@ TEST_F(LinuxDriver, ListsInterfacesAndFollowsTheHardwareFilter) {
             EXPECT_EQ(filter, set | 0x0Bu);
             EXPECT_EQ(Shell(promiscuity + (set == 0x20 ? "1'" : "0'")), 0);
         }
-    });
-}
 
-// Tunnel mode in both directions: a captured frame goes on only when the daemon sends it,
-// and is not captured again; back in normal mode the stack talks to the wire directly; an
-// interface that goes away under an open tunnel fails the calls.
-TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
-    ASSERT_TRUE(OpenUdp());
-    const int raw = SocketIn(peer_, AF_PACKET, SOCK_RAW);
-    ASSERT_GE(raw, 0);
-    sockaddr_ll toPeerIf{};
-    toPeerIf.sll_family = AF_PACKET;
-    InNamespace(peer_, [&] { toPeerIf.sll_ifindex = static_cast<int>(if_nametoindex("ndv1")); });
-    InDaemon([&] {
-        Tunnel t;
         ASSERT_TRUE(t.Open());
         // From the wire up to the stack; from the stack, with an odd length whose checksum
         // veth leaves to the hardware, out to the wire.
@@ -295,7 +291,6 @@ TEST_F(LinuxDriver, TunnelHoldsEveryFrameUntilTheDaemonSendsItOn) {
         pollfd p{static_cast<int>(t.event), POLLIN, 0};
         EXPECT_EQ(poll(&p, 1, 200), 0);
         for (const bool toStack : {false, true}) EXPECT_FALSE(t.Send(frame, toStack));
-        uint32_t filter = 0;
         EXPECT_FALSE(t.api.GetHwPacketFilter(t.handle, &filter));
         t.Close();
     });
@@ -322,7 +317,6 @@ TEST_F(LinuxDriver, SuperFramesPassCutOrWhole) {
             // Every frame from the wire goes up, every frame from the stack goes out.
             std::thread pass([&] {
                 NdisApi::INTERMEDIATE_BUFFER buffer{};
-                NdisApi::ETH_REQUEST request{t.handle, &buffer};
                 std::array<NativeNetworkDriver::CapturedFrame, 8> frames;
                 for (size_t n; !stop;) {
                     pollfd p{static_cast<int>(t.event), POLLIN, 0};
@@ -334,13 +328,12 @@ TEST_F(LinuxDriver, SuperFramesPassCutOrWhole) {
                                         !t.api.SendFrame(t.handle, f.bytes.data(), f.bytes.size(), f.offload, up);
                         }
                     }
-                    while (!whole && t.api.ReadPacket(&request)) {
-                        const size_t length = std::min<size_t>(buffer.m_Length, NdisApi::kMaxEtherFrame);
-                        const Bytes f(buffer.m_IBuffer, buffer.m_IBuffer + length);
-                        const bool toWire = buffer.m_dwDeviceFlags == NdisApi::PACKET_FLAG_ON_SEND;
-                        failures += length < buffer.m_Length || !ndtest::IpChecksumValid(f) ||
+                    while (!whole && t.ReadOne(buffer)) {
+                        const Bytes f(buffer.m_IBuffer,
+                                      buffer.m_IBuffer + std::min<size_t>(buffer.m_Length, NdisApi::kMaxEtherFrame));
+                        failures += f.size() < buffer.m_Length || !ndtest::IpChecksumValid(f) ||
                                     !ndtest::TransportChecksumValid(f) ||
-                                    !(toWire ? t.api.SendPacketToAdapter(&request) : t.api.SendPacketToMstcp(&request));
+                                    !t.Send(f, buffer.m_dwDeviceFlags != NdisApi::PACKET_FLAG_ON_SEND);
                     }
                 }
             });
