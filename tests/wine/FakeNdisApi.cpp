@@ -31,7 +31,6 @@ const FakeAdapter kAdapters[] = {
     {"\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x0000001200005678ull, {2, 0x11, 0x22, 0x33, 0x44, 0x55}},
     {"\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x0000003400009ABCull, {2, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE}},
 };
-constexpr uint16_t kTriggerType = 0x88B5;  // local experimental EtherType
 
 HANDLE const kDriver = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x4E44));
 
@@ -52,12 +51,6 @@ void Trace(const char* format, ...) {
         std::fprintf(f, "%s\n", line);
         std::fclose(f);
     }
-}
-
-std::string Mac(const uint8_t* m) {
-    char text[13];
-    std::snprintf(text, sizeof(text), "%02x%02x%02x%02x%02x%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return text;
 }
 
 unsigned long long H(HANDLE h) { return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(h)); }
@@ -86,10 +79,12 @@ void QueueCapturedFrames(Handle adapter) {
 BOOL TraceSend(const char* call, HANDLE driver, ETH_REQUEST* request) {
     if (driver != kDriver || request == nullptr || request->EthPacket == nullptr) return FALSE;
     const INTERMEDIATE_BUFFER& b = *request->EthPacket;
-    Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Mac(b.m_IBuffer).c_str(),
-          Mac(b.m_IBuffer + 6).c_str(), b.m_Length);
+    const uint8_t* m = b.m_IBuffer;
+    Trace("%s %016llx dst=%02x%02x%02x%02x%02x%02x src=%02x%02x%02x%02x%02x%02x len=%u", call, request->hAdapterHandle,
+          m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8], m[9], m[10], m[11], b.m_Length);
     if (b.m_Length < 14 || b.m_Length > kMaxEtherFrame) return FALSE;
-    if ((b.m_IBuffer[12] << 8 | b.m_IBuffer[13]) == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
+    // The trigger carries the local experimental EtherType.
+    if ((m[12] << 8 | m[13]) == 0x88B5) QueueCapturedFrames(request->hAdapterHandle);
     return TRUE;
 }
 
