@@ -86,13 +86,13 @@ struct Tunnel {
         return event != 0 && api.SetHwPacketFilter(handle, NdisApi::NDIS_PACKET_TYPE_PROMISCUOUS) &&
                api.SetAdapterMode(&mode) && api.SetPacketEvent(handle, event);
     }
-    void Close() {
+    bool Close() {
         const NdisApi::ADAPTER_MODE normal{handle, 0};
-        api.SetAdapterMode(&normal);
-        api.FlushAdapterPacketQueue(handle);
-        api.SetHwPacketFilter(handle, 0x0B);  // what the interface had
-        api.SetPacketEvent(handle, 0);
+        // 0x0B: what the interface had.
+        const bool closed = api.SetAdapterMode(&normal) && api.FlushAdapterPacketQueue(handle) &&
+                            api.SetHwPacketFilter(handle, 0x0B) && api.SetPacketEvent(handle, 0);
         api.CloseAdapterEvent(handle, event);
+        return closed;
     }
     bool Send(const Bytes& frame, bool toStack) {
         NdisApi::INTERMEDIATE_BUFFER buffer{};
@@ -181,8 +181,7 @@ TEST_F(LinuxDriver, ListsInterfacesAndHoldsEveryFrameUntilTheDaemonSendsItOn) {
     const int raw = SocketIn(peer_, AF_PACKET, SOCK_RAW);
     ASSERT_GE(raw, 0);
     sockaddr_ll toPeerIf{};
-    toPeerIf.sll_family = AF_PACKET;
-    InNamespace(peer_, [&] { toPeerIf.sll_ifindex = static_cast<int>(if_nametoindex("ndv1")); });
+    InNamespace(peer_, [&] { toPeerIf = {AF_PACKET, 0, static_cast<int>(if_nametoindex("ndv1")), 0, 0, 0, {}}; });
     InDaemon([&] {
         Tunnel t;
         EXPECT_TRUE(t.api.IsDriverLoaded());
@@ -269,15 +268,14 @@ TEST_F(LinuxDriver, ListsInterfacesAndHoldsEveryFrameUntilTheDaemonSendsItOn) {
         // Only the tunnelled interface is diverted.
         EXPECT_EQ(Shell("ping -c 1 -W 1 127.0.0.1"), 0);
 
-        t.Close();
+        ASSERT_TRUE(t.Close());
         for (const auto& [from, to] : {std::pair{peer, local}, std::pair{local, peer}}) {
             ASSERT_TRUE(Say(from, "direct"));
             EXPECT_EQ(ReceiveUdp(to, 3000), "direct");
         }
         NdisApi::INTERMEDIATE_BUFFER buffer{};
         EXPECT_FALSE(t.ReadOne(buffer));
-        const Bytes frame(60, 0);
-        EXPECT_FALSE(t.Send(frame, true)) << "stack injection needs tunnel mode";
+        EXPECT_FALSE(t.Send(Bytes(60, 0), true)) << "stack injection needs tunnel mode";
 
         // Open again, leave a frame queued and take the interface away: every call fails, none hangs.
         ASSERT_TRUE(t.Open());
@@ -290,7 +288,7 @@ TEST_F(LinuxDriver, ListsInterfacesAndHoldsEveryFrameUntilTheDaemonSendsItOn) {
         // Drained, the event stays quiet: a capture thread waiting on it would not spin.
         pollfd p{static_cast<int>(t.event), POLLIN, 0};
         EXPECT_EQ(poll(&p, 1, 200), 0);
-        for (const bool toStack : {false, true}) EXPECT_FALSE(t.Send(frame, toStack));
+        for (const bool toStack : {false, true}) EXPECT_FALSE(t.Send(Bytes(60, 0), toStack));
         EXPECT_FALSE(t.api.GetHwPacketFilter(t.handle, &filter));
         t.Close();
     });
