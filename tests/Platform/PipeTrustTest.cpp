@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 #include "Platform/Pipe.h"
 #include "support/TestFiles.h"
@@ -31,7 +32,8 @@ TEST(PipeTrust, FolderMustBeOwnedByRootOrSelfAndClosedToOthers) {
         {0, 040775, 0, "folder writable by group or others (mode 0775)"},
         {0, 040757, 0, "folder writable by group or others (mode 0757)"},
     };
-    for (const Case& c : cases) EXPECT_EQ(PipeFolderDistrust(c.owner, c.mode, c.self), c.refusal) << c.owner << " " << c.mode;
+    for (const Case& c : cases)
+        EXPECT_EQ(PipeFolderDistrust(c.owner, c.mode, c.self), c.refusal) << c.owner << " " << c.mode;
     EXPECT_EQ(PipePeerDistrust(0, 1000), "");
     EXPECT_EQ(PipePeerDistrust(1000, 1000), "");
     EXPECT_EQ(PipePeerDistrust(65534, 0), "server runs as user 65534");
@@ -101,30 +103,24 @@ TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
     const std::string path = dir.Path() + "/" + name;
     PipeClient client;
 
-    ASSERT_EQ(chmod(dir.Path().c_str(), 0755), 0);
-    pid_t listener = Listen(path, 0);
-    ASSERT_GT(listener, 0);
-    auto opened = client.Open(name, false);
-    EXPECT_EQ(opened.path, path);
-    EXPECT_EQ(opened.error, 0);
-    EXPECT_EQ(opened.refusal, "");
-    EXPECT_TRUE(client.IsValid());
-    kill(listener, SIGKILL);
-    waitpid(listener, nullptr, 0);
-    unlink(path.c_str());
-
-    listener = Listen(path, 65534);
-    ASSERT_GT(listener, 0);
-    EXPECT_EQ(client.Open(name, false).refusal, "server runs as user 65534");
-    EXPECT_FALSE(client.IsValid());
-    ASSERT_EQ(chmod(dir.Path().c_str(), 0777), 0);  // checked before any connect
-    EXPECT_EQ(client.Open(name, false).refusal, "folder writable by group or others (mode 0777)");
-    ASSERT_EQ(chmod(dir.Path().c_str(), 0700), 0);
-    ASSERT_EQ(chown(dir.Path().c_str(), 65534, 65534), 0);
-    EXPECT_EQ(client.Open(name, false).refusal, "folder owned by user 65534");
-    EXPECT_FALSE(client.IsValid());
-    kill(listener, SIGKILL);
-    waitpid(listener, nullptr, 0);
+    // Who listens, the folder's mode and owner, and the refusal; the folder is checked before any connect.
+    for (const auto& [uid, mode, owner, refusal] :
+         {std::tuple{0u, 0755u, 0u, ""}, std::tuple{65534u, 0755u, 0u, "server runs as user 65534"},
+          std::tuple{65534u, 0777u, 0u, "folder writable by group or others (mode 0777)"},
+          std::tuple{65534u, 0700u, 65534u, "folder owned by user 65534"}}) {
+        SCOPED_TRACE(refusal);
+        ASSERT_EQ(chmod(dir.Path().c_str(), mode), 0);
+        ASSERT_EQ(chown(dir.Path().c_str(), owner, owner), 0);
+        const pid_t listener = Listen(path, uid);
+        ASSERT_GT(listener, 0);
+        const auto opened = client.Open(name, false);
+        EXPECT_EQ(opened.error, 0);
+        EXPECT_EQ(opened.refusal, refusal);
+        EXPECT_EQ(client.IsValid(), *refusal == '\0');
+        kill(listener, SIGKILL);
+        waitpid(listener, nullptr, 0);
+        unlink(path.c_str());
+    }
 
     // A folder that is not there is a plain open failure; a path one byte too long for a
     // socket address (108 with its terminator) fails before anything is looked at.
@@ -132,7 +128,7 @@ TEST(PipeTrust, LinuxClientRefusesForeignFoldersAndListeners) {
     for (const auto& [folder, error] : {std::pair{dir.Path() + "/none", ENOENT}, std::pair{longest, ENOENT},
                                         std::pair{longest + "x", ENAMETOOLONG}}) {
         setenv("NETWORKDRIVER_PIPE_DIR", folder.c_str(), 1);
-        opened = client.Open(name, false);
+        const auto opened = client.Open(name, false);
         EXPECT_EQ(opened.path, folder + "/" + name);
         EXPECT_EQ(opened.error, error);
         EXPECT_EQ(opened.refusal, "");

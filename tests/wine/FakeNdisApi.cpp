@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <tuple>
 
 #include "Platform/NdisApiTypes.h"
 
@@ -30,21 +31,14 @@ const FakeAdapter kAdapters[] = {
     {"\\DEVICE\\{11111111-2222-3333-4444-555555555555}", 0x0000001200005678ull, {2, 0x11, 0x22, 0x33, 0x44, 0x55}},
     {"\\DEVICE\\{6B29FC40-CA47-1067-B31D-00DD010662DA}", 0x0000003400009ABCull, {2, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE}},
 };
-constexpr uint16_t kTriggerType = 0x88B5;  // local experimental EtherType
 
 HANDLE const kDriver = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x4E44));
 
-struct Captured {
-    Handle adapter;
-    uint32_t flags;
-    std::string frame;
-};
+using Captured = std::tuple<Handle, uint32_t, std::string>;  // adapter, device flags, frame
 
 std::mutex lock, traceLock;
 std::deque<Captured> queue;
 HANDLE packetEvent = nullptr;
-
-const char* const kTracePath = "C:\\ndfake\\ndisapi-trace.txt";
 
 void Trace(const char* format, ...) {
     char line[512];
@@ -53,42 +47,30 @@ void Trace(const char* format, ...) {
     std::vsnprintf(line, sizeof(line), format, args);
     va_end(args);
     std::lock_guard guard(traceLock);
-    if (FILE* f = std::fopen(kTracePath, "ab")) {
+    if (FILE* f = std::fopen("C:\\ndfake\\ndisapi-trace.txt", "ab")) {
         std::fprintf(f, "%s\n", line);
         std::fclose(f);
     }
 }
 
-std::string Mac(const uint8_t* m) {
-    char text[13];
-    std::snprintf(text, sizeof(text), "%02x%02x%02x%02x%02x%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return text;
-}
-
 unsigned long long H(HANDLE h) { return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(h)); }
 
-// A 60-byte frame: destination, source, EtherType, then a counting pattern from `fill`.
-std::string Frame(const uint8_t* dst, const uint8_t* src, uint16_t type, uint8_t fill) {
-    std::string f(60, '\0');
-    std::memcpy(&f[0], dst, 6);
-    std::memcpy(&f[6], src, 6);
-    f[12] = static_cast<char>(type >> 8);
-    f[13] = static_cast<char>(type);
-    for (size_t i = 14; i < f.size(); ++i) f[i] = static_cast<char>(fill + (i - 14));
-    return f;
-}
-
 // What the adapter captures once the tunnel triggers it: a broadcast from the wire, a frame
-// the stack sends to the supervisor, and a unicast from the wire for the adapter itself.
+// the stack sends to the supervisor, and a unicast from the wire for the adapter itself. Each
+// is 60 bytes: this header (destination, source, EtherType), then a count up from the number.
+const std::tuple<uint32_t, const char*, uint8_t> kCaptured[] = {
+    {PACKET_FLAG_ON_RECEIVE, "\xFF\xFF\xFF\xFF\xFF\xFF\x02\xAA\xBB\xCC\xDD\xEE\x08\x06", 0x01},
+    {PACKET_FLAG_ON_SEND, "\x02\x00\x00\x00\x00\x01\x02\xAA\xBB\xCC\xDD\xEE\x08\x00", 0xA0},
+    {PACKET_FLAG_ON_RECEIVE, "\x02\xAA\xBB\xCC\xDD\xEE\x02\x77\x77\x77\x77\x77\x08\x00", 0x50},
+};
+
 void QueueCapturedFrames(Handle adapter) {
-    static const uint8_t kBroadcast[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-    static const uint8_t kSupervisor[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
-    static const uint8_t kNeighbour[6] = {0x02, 0x77, 0x77, 0x77, 0x77, 0x77};
-    const uint8_t* own = kAdapters[1].mac;
     std::lock_guard guard(lock);
-    queue.push_back({adapter, PACKET_FLAG_ON_RECEIVE, Frame(kBroadcast, own, 0x0806, 0x01)});
-    queue.push_back({adapter, PACKET_FLAG_ON_SEND, Frame(kSupervisor, own, 0x0800, 0xA0)});
-    queue.push_back({adapter, PACKET_FLAG_ON_RECEIVE, Frame(own, kNeighbour, 0x0800, 0x50)});
+    for (const auto& [flags, header, fill] : kCaptured) {
+        std::string frame(header, 14);
+        for (uint8_t i = 0; i < 46; ++i) frame.push_back(static_cast<char>(fill + i));
+        queue.push_back({adapter, flags, frame});
+    }
     if (packetEvent != nullptr) SetEvent(packetEvent);
 }
 
@@ -97,10 +79,12 @@ void QueueCapturedFrames(Handle adapter) {
 BOOL TraceSend(const char* call, HANDLE driver, ETH_REQUEST* request) {
     if (driver != kDriver || request == nullptr || request->EthPacket == nullptr) return FALSE;
     const INTERMEDIATE_BUFFER& b = *request->EthPacket;
-    Trace("%s %016llx dst=%s src=%s len=%u", call, request->hAdapterHandle, Mac(b.m_IBuffer).c_str(),
-          Mac(b.m_IBuffer + 6).c_str(), b.m_Length);
+    const uint8_t* m = b.m_IBuffer;
+    Trace("%s %016llx dst=%02x%02x%02x%02x%02x%02x src=%02x%02x%02x%02x%02x%02x len=%u", call, request->hAdapterHandle,
+          m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8], m[9], m[10], m[11], b.m_Length);
     if (b.m_Length < 14 || b.m_Length > kMaxEtherFrame) return FALSE;
-    if ((b.m_IBuffer[12] << 8 | b.m_IBuffer[13]) == kTriggerType) QueueCapturedFrames(request->hAdapterHandle);
+    // The trigger carries the local experimental EtherType.
+    if ((m[12] << 8 | m[13]) == 0x88B5) QueueCapturedFrames(request->hAdapterHandle);
     return TRUE;
 }
 
@@ -169,14 +153,14 @@ __declspec(dllexport) BOOL WINAPI SetPacketEvent(HANDLE driver, HANDLE adapter, 
 __declspec(dllexport) BOOL WINAPI ReadPacket(HANDLE driver, ETH_REQUEST* request) {
     if (driver != kDriver || request == nullptr || request->EthPacket == nullptr) return FALSE;
     std::lock_guard guard(lock);
-    if (queue.empty() || queue.front().adapter != request->hAdapterHandle) return FALSE;
-    const Captured next = queue.front();
+    if (queue.empty() || std::get<0>(queue.front()) != request->hAdapterHandle) return FALSE;
+    const auto [adapter, flags, frame] = queue.front();
     queue.pop_front();
     INTERMEDIATE_BUFFER& b = *request->EthPacket;
-    b.m_dwDeviceFlags = next.flags;
-    b.m_Length = static_cast<uint32_t>(next.frame.size());
-    std::memcpy(b.m_IBuffer, next.frame.data(), next.frame.size());
-    Trace("ReadPacket %016llx flags=%u len=%u", request->hAdapterHandle, next.flags, b.m_Length);
+    b.m_dwDeviceFlags = flags;
+    b.m_Length = static_cast<uint32_t>(frame.size());
+    std::memcpy(b.m_IBuffer, frame.data(), frame.size());
+    Trace("ReadPacket %016llx flags=%u len=%u", adapter, flags, b.m_Length);
     return TRUE;
 }
 
