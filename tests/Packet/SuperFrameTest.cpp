@@ -21,7 +21,9 @@ Frame Tcp(bool ipv6, const Bytes& payload, uint32_t seq = 1000, uint8_t flags = 
     return Built(FrameBuilder::Tcp().Seq(seq).Flags(flags).TcpOptions(tcpOptions).Payload(payload).IpId(id), ipv6);
 }
 
-Frame Udp(bool ipv6, const Bytes& payload) { return Built(FrameBuilder::Udp().Payload(payload), ipv6); }
+Frame Udp(bool ipv6, const Bytes& payload, uint16_t id = 0x1234) {
+    return Built(FrameBuilder::Udp().Payload(payload).IpId(id), ipv6);
+}
 
 FrameOffload Gso(uint32_t type, uint32_t size, FrameOffload h = {}) {
     h.gsoType = static_cast<uint8_t>(type);
@@ -68,61 +70,45 @@ TEST(SuperFrame, ChecksumLeftToHardwareIsCompletedAndPlainFramesPassUnchanged) {
     EXPECT_FALSE(Starts(FrameOffload{}, Bytes(kMax + 1, 0)));
     EXPECT_FALSE(Starts(FrameOffload{}, frame, 13));
     // Checksum fields that would start at or run past the end.
-    FrameOffload h;
-    h.flags = kOffloadNeedsChecksum;
-    for (auto [start, offset] : {std::pair<size_t, uint16_t>{frame.size(), 0}, {frame.size() - 1, 0}, {34, 0xFFFF}}) {
-        h.csumStart = static_cast<uint16_t>(start);
-        h.csumOffset = offset;
-        EXPECT_FALSE(Starts(h, frame)) << start << " " << offset;
-    }
+    for (auto [at, offset] : {std::pair<size_t, uint16_t>{frame.size(), 0}, {frame.size() - 1, 0}, {34, 0xFFFF}})
+        EXPECT_FALSE(Starts({.flags = kOffloadNeedsChecksum, .csumStart = uint16_t(at), .csumOffset = offset}, frame));
 }
 
-// A TCP super-frame is cut into wire-sized segments: each with its headers, lengths, IP ID,
-// sequence number and checksums right, FIN/PSH on the last only, CWR on the first only.
-TEST(SuperFrame, TcpSuperFrameIsCutIntoWireSizedSegments) {
-    struct Case { bool ipv6; size_t payload, options; uint16_t gsoSize; uint8_t gsoType; size_t perSegment; };
+// A super-frame is cut into wire-sized segments, each the frame a stack would have sent for
+// its slice of the payload: headers, lengths, the next IP ID and checksums right; for TCP the
+// sequence number, FIN/PSH on the last only, CWR on the first only.
+TEST(SuperFrame, SuperFrameIsCutIntoWireSizedSegments) {
+    struct Case { bool ipv6, udp; size_t payload, options; uint16_t gsoSize; uint8_t gsoType; size_t perSegment; };
     const Case cases[] = {
-        {false, 10000, 12, kMax - 66, kGsoTcpV4 | kGsoEcn, kMax - 66},
-        {true, 10000, 12, kMax - 86, kGsoTcpV6 | kGsoEcn, kMax - 86},
-        {false, 20000, 0, 8948, kGsoTcpV4, kMax - 54},  // jumbo segments are capped at the wire size
+        {false, false, 10000, 12, kMax - 66, kGsoTcpV4 | kGsoEcn, kMax - 66},
+        {true, false, 10000, 12, kMax - 86, kGsoTcpV6 | kGsoEcn, kMax - 86},
+        {false, false, 20000, 0, 8948, kGsoTcpV4, kMax - 54},  // jumbo segments are capped at the wire size
+        {false, true, 2500, 0, 1000, kGsoUdpL4, 1000},
+        {true, true, 2500, 0, 1000, kGsoUdpL4, 1000},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.payload + c.ipv6);
+        const auto frame = [&c](const Bytes& payload, uint32_t seq, uint8_t flags, uint16_t id) {
+            return c.udp ? Udp(c.ipv6, payload, id) : Tcp(c.ipv6, payload, seq, flags, c.options, id);
+        };
         const Bytes payload = Pattern(c.payload);
-        Bytes super = Tcp(c.ipv6, payload, 0xFFFFF000, kAck | kPsh | kFin | kCwr, c.options);  // the sequence wraps
+        Bytes super = frame(payload, 0xFFFFF000, kAck | kPsh | kFin | kCwr, 0x1234);  // the sequence wraps
         FrameOffload h = Gso(c.gsoType, c.gsoSize, LeaveChecksumToHardware(super));
         h.hdrLen = 200;  // the kernel's linear length, not a header length
         const auto segments = SplitAll(h, super);
         ASSERT_EQ(segments.size(), (payload.size() + c.perSegment - 1) / c.perSegment);
-        // Each segment is the frame a stack would have sent for its slice of the payload.
         for (size_t i = 0, at = 0; i < segments.size(); ++i, at += c.perSegment) {
             const size_t end = std::min(at + c.perSegment, c.payload);
             const Bytes slice(payload.begin() + static_cast<long>(at), payload.begin() + static_cast<long>(end));
             const uint8_t flags = kAck | (i + 1 == segments.size() ? kFin | kPsh : 0) | (i == 0 ? kCwr : 0);
-            const uint16_t id = static_cast<uint16_t>(0x1234 + i);
             const uint32_t seq = 0xFFFFF000 + static_cast<uint32_t>(at);
-            EXPECT_EQ(segments[i], Tcp(c.ipv6, slice, seq, flags, c.options, id)) << i;
+            EXPECT_EQ(segments[i], frame(slice, seq, flags, uint16_t(0x1234 + i))) << i;
         }
-    }
-}
-
-TEST(SuperFrame, UdpSuperFrameBecomesSeparateDatagrams) {
-    for (bool ipv6 : {false, true}) {
-        SCOPED_TRACE(ipv6 ? "ipv6" : "ipv4");
-        const Bytes payload = Pattern(2500);
-        const Bytes super = Udp(ipv6, payload);
-        const auto segments = SplitAll(Gso(kGsoUdpL4, 1000), super);
-        // Each datagram with the next IP ID, as the kernel numbers them.
-        std::vector<Bytes> expected;
-        for (long at = 0; at < 2500; at += 1000) {
-            const Bytes slice(payload.begin() + at, payload.begin() + std::min(at + 1000, 2500L));
-            expected.push_back(Built(FrameBuilder::Udp().IpId(uint16_t(0x1234 + at / 1000)).Payload(slice), ipv6));
+        // UDP datagram boundaries cannot move: a segment size of 0 or one that does not fit is refused.
+        if (c.udp) {
+            EXPECT_FALSE(Starts(Gso(kGsoUdpL4, 0), super));
+            EXPECT_FALSE(Starts(Gso(kGsoUdpL4, kMax - (c.ipv6 ? 54 : 34) - 8 + 1), super));
         }
-        EXPECT_EQ(segments, expected);
-        const size_t l4 = ipv6 ? 54 : 34;
-        // Datagram boundaries cannot move: a segment size of 0 or one that does not fit is refused.
-        EXPECT_FALSE(Starts(Gso(kGsoUdpL4, 0), super));
-        EXPECT_FALSE(Starts(Gso(kGsoUdpL4, kMax - l4 - 8 + 1), super));
     }
 }
 
