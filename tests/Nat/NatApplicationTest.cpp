@@ -84,20 +84,14 @@ TEST(NatApplicationLayer, ParsersFindWhatToRewriteAndNothingElse) {
     };
     for (const auto& c : cases) {
         const auto* data = reinterpret_cast<const uint8_t*>(c.in.data());
-        std::optional<App::Edit> edit;
-        if (c.kind == Host) {
-            edit = App::HostFieldEdit(data, c.in.size(), kServerIp, 80);
-        } else if (c.kind == Passive) {
-            if (auto reply = App::ParsePassiveReply(data, c.in.size())) {
-                edit = App::Edit{reply->begin, reply->end, App::PassiveReplyText(*reply, kExtIp, 5000)};
-            }
-        } else if (auto command = App::ParsePortCommand(data, c.in.size())) {
+        const size_t n = c.in.size();
+        std::optional<App::Edit> edit = c.kind == Host ? App::HostFieldEdit(data, n, kServerIp, 80) : std::nullopt;
+        if (auto reply = c.kind == Passive ? App::ParsePassiveReply(data, n) : std::nullopt)
+            edit = App::Edit{reply->begin, reply->end, App::PassiveReplyText(*reply, kExtIp, 5000)};
+        if (auto command = c.kind == Port ? App::ParsePortCommand(data, n) : std::nullopt)
             edit = App::Edit{command->begin, command->end, App::PortCommandText(*command, kSrvSideIp, 5001)};
-        }
-        ASSERT_EQ(edit.has_value(), c.out.has_value()) << c.in;
-        if (edit) {
-            EXPECT_EQ(c.in.substr(0, edit->begin) + edit->text + c.in.substr(edit->end), *c.out);
-        }
+        auto applied = [&c](const App::Edit& e) { return c.in.substr(0, e.begin) + e.text + c.in.substr(e.end); };
+        EXPECT_EQ(edit ? std::optional(applied(*edit)) : std::nullopt, c.out) << c.in;
     }
 }
 
@@ -128,8 +122,8 @@ TEST(NatHttp, RewriteThatWouldOverflowTheFrameIsSkipped) {
     Rig rig({Rule(6, 8080, 8081, false, true)});
     rig.Learn(kServerIp, kServerMac);
     const std::string head = "GET / HTTP/1.1\r\nHost: 1.2.3.4\r\n";
+    // A request filling a 1514-byte frame: no room to grow.
     std::string big = head + std::string(1514 - 54 - head.size() - 4, 'a') + "\r\n\r\n";
-    ASSERT_EQ(54 + big.size(), 1514u);
     const uint32_t next = 1 + static_cast<uint32_t>(big.size());
     Conversation{.rig = rig, .serverPort = 8081}.Run({
         {true, 1, 0, kAck, big},
@@ -150,9 +144,6 @@ TEST(NatFtp, PassiveReplyOpensATemporaryRuleForTheDataConnection) {
         {true, 101, 7047, kAck, "", 101, 7050},
         {false, 7050, 101, kAck | kPsh, "150 ok\r\n", 7047},
     });
-    ASSERT_EQ(rig.nat->Rules().size(), 2u);
-    EXPECT_TRUE(rig.nat->Rules().back().temporary);
-    EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 7u);
 
     // The data connection through the published pool port reaches the server's port.
     Conversation data{.rig = rig, .clientPort = 40001, .published = 5000, .serverSeesPort = 40001, .serverPort = 5001};
@@ -193,7 +184,6 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
         {false, 7001, 125, kAck, "", 7001, 128},
         {true, 128, 7001, kAck | kPsh, "LIST\r\n", 125},
     });
-    EXPECT_EQ(rig.nat->TcpTable().FreePortCount(), 6u);
 
     // The server connects from its data port to the address it was given (the client
     // listens on 40001).
