@@ -29,6 +29,7 @@
 #include <cstring>
 
 #include "Nat/NetworkAddressTranslator.h"
+#include "Packet/BigEndian.h"
 #include "Packet/FrameView.h"
 #include "Packet/IcmpPacket.h"
 #include "Packet/NatException.h"
@@ -46,13 +47,6 @@ constexpr size_t kQuotedChecksumAt = 10;  // in the quoted IP header
 constexpr size_t kQuotedSourceAt = 12;
 constexpr size_t kQuotedDestinationAt = 16;
 
-uint16_t Word(const Frame& frame, size_t at) { return static_cast<uint16_t>((frame[at] << 8) | frame[at + 1]); }
-
-void PutWord(Frame& frame, size_t at, uint16_t value) {
-    frame[at] = static_cast<uint8_t>(value >> 8);
-    frame[at + 1] = static_cast<uint8_t>(value);
-}
-
 bool IsOwnAddress(const AdapterInfo& adapter, const Ipv4Address& ip) {
     for (const IpEntry& entry : adapter.ips) {
         if (SameIp(entry.address, ip)) return true;
@@ -69,16 +63,16 @@ public:
         : frame_(frame), icmpChecksumAt_(message.begin + Icmp::kChecksumAt), udpChecksumAt_(udpChecksumAt) {}
 
     void Set(size_t at, uint16_t value, size_t covering1 = 0, size_t covering2 = 0) {
-        const uint16_t old = Word(frame_, at);
+        const uint16_t old = ReadBe16(frame_.data() + at);
         if (old == value) return;
-        PutWord(frame_, at, value);
+        WriteBe16(frame_.data() + at, value);
         Carry(icmpChecksumAt_, old, value);
         for (size_t checksumAt : {covering1, covering2}) {
             if (checksumAt == 0) continue;
-            const uint16_t before = Word(frame_, checksumAt);
+            const uint16_t before = ReadBe16(frame_.data() + checksumAt);
             uint16_t after = PU::AdjustChecksum(before, old, value);
             if (after == 0 && checksumAt == udpChecksumAt_) after = 0xFFFF;  // 0 would mean "none"
-            PutWord(frame_, checksumAt, after);
+            WriteBe16(frame_.data() + checksumAt, after);
             Carry(icmpChecksumAt_, before, after);
         }
     }
@@ -90,7 +84,7 @@ public:
 
 private:
     void Carry(size_t checksumAt, uint16_t old, uint16_t value) {
-        PutWord(frame_, checksumAt, PU::AdjustChecksum(Word(frame_, checksumAt), old, value));
+        WriteBe16(frame_.data() + checksumAt, PU::AdjustChecksum(ReadBe16(frame_.data() + checksumAt), old, value));
     }
 
     Frame& frame_;

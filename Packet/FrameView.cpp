@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "Packet/BigEndian.h"
 #include "Packet/NatException.h"
 
 namespace Nat {
@@ -17,8 +18,6 @@ constexpr uint32_t kUdpHeaderSize = 8;
 constexpr uint16_t kIpv4FrameType = 0x0800;
 constexpr uint32_t kMaxDatagram = 65535;
 
-uint16_t U16(const uint8_t* at) { return static_cast<uint16_t>((at[0] << 8) | at[1]); }
-uint32_t U32(const uint8_t* at) { return (static_cast<uint32_t>(U16(at)) << 16) | U16(at + 2); }
 
 [[noreturn]] void ThrowSize(const char* text, size_t size) { throw Exception(text + std::to_string(size)); }
 
@@ -26,18 +25,18 @@ void ReadTransport(const uint8_t* frame, FrameView& v) {
     const size_t t = kEthernetHeaderSize + v.ipHeaderSize;
     if (v.size < t + 4) return;
     v.ports = true;
-    v.srcPort = U16(frame + t);
-    v.dstPort = U16(frame + t + 2);
+    v.srcPort = ReadBe16(frame + t);
+    v.dstPort = ReadBe16(frame + t + 2);
     if (v.Udp()) {
         if (v.size < t + kUdpHeaderSize) return;
         v.transportHeader = true;
-        v.udpWithoutChecksum = U16(frame + t + 6) == 0;
+        v.udpWithoutChecksum = ReadBe16(frame + t + 6) == 0;
         return;
     }
     if (v.size < t + kMinTcpHeaderSize) return;
     v.transportHeader = true;
-    v.sequence = U32(frame + t + 4);
-    v.acknowledgment = U32(frame + t + 8);
+    v.sequence = ReadBe32(frame + t + 4);
+    v.acknowledgment = ReadBe32(frame + t + 8);
     v.tcpHeaderSize = static_cast<uint32_t>(frame[t + 12] >> 4) * 4;
     v.tcpFlags = frame[t + 13];
     const uint32_t headers = v.ipHeaderSize + v.tcpHeaderSize;
@@ -57,7 +56,7 @@ void ReadIcmp(const uint8_t* frame, FrameView& v) {
     m.type = frame[m.begin];
     m.code = frame[m.begin + 1];
     const bool echo = m.type == Icmp::kEchoRequest || m.type == Icmp::kEchoReply;
-    m.identifier = echo ? U16(frame + m.begin + Icmp::kIdentifierAt) : 0;
+    m.identifier = echo ? ReadBe16(frame + m.begin + Icmp::kIdentifierAt) : 0;
 }
 
 }  // namespace
@@ -73,11 +72,11 @@ FrameView ReadFrameView(const uint8_t* frame, size_t size) {
 
     const uint8_t* ip = frame + kEthernetHeaderSize;
     v.ipv4 = true;
-    v.totalLength = U16(ip + 2);
-    v.identification = U16(ip + 4);
+    v.totalLength = ReadBe16(ip + 2);
+    v.identification = ReadBe16(ip + 4);
     v.moreFragments = (ip[6] & 0x20) != 0;
     v.dontFragment = (ip[6] & 0x40) != 0;
-    v.fragmentOffset = (static_cast<uint32_t>(U16(ip + 6)) & 0x1FFFu) * 8u;
+    v.fragmentOffset = (static_cast<uint32_t>(ReadBe16(ip + 6)) & 0x1FFFu) * 8u;
     v.protocol = ip[9];
     std::memcpy(v.srcIp.data(), ip + 12, 4);
     std::memcpy(v.dstIp.data(), ip + 16, 4);

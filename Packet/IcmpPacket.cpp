@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Packet/BigEndian.h"
+
 namespace Nat::Icmp {
 
 namespace {
 
 constexpr size_t kMinIpHeaderSize = 20;
-
-uint16_t U16(const Frame& frame, size_t at) { return static_cast<uint16_t>((frame[at] << 8) | frame[at + 1]); }
 
 Ipv4Address IpAt(const Frame& frame, size_t at) {
     Ipv4Address ip;
@@ -38,11 +38,12 @@ bool ReadQuote(const Frame& frame, const Message& message, Quote& quote) {
         case IpProtocol::kTcp:
         case IpProtocol::kUdp: {
             if (!present(0, 4)) return false;
-            quote.srcPort = U16(frame, t);
-            quote.dstPort = U16(frame, t + 2);
-            const size_t checksum = quote.protocol == IpProtocol::kTcp ? 16 : 6;
+            quote.srcPort = ReadBe16(frame.data() + t);
+            quote.dstPort = ReadBe16(frame.data() + t + 2);
+            const bool tcp = quote.protocol == IpProtocol::kTcp;
+            const size_t checksum = tcp ? 16 : 6;
             // A UDP datagram sent without a checksum has none to keep.
-            if (present(checksum, 2) && (quote.protocol == IpProtocol::kTcp || U16(frame, t + checksum) != 0)) {
+            if (present(checksum, 2) && (tcp || ReadBe16(frame.data() + t + checksum) != 0)) {
                 quote.transportChecksumAt = t + checksum;
             }
             quote.pseudoHeader = true;
@@ -51,7 +52,7 @@ bool ReadQuote(const Frame& frame, const Message& message, Quote& quote) {
         case IpProtocol::kIcmp:
             // Only echo requests are flows; an error about an error is never translated.
             if (!present(0, kIdentifierAt + 2) || frame[t] != kEchoRequest) return false;
-            quote.srcPort = quote.dstPort = U16(frame, t + kIdentifierAt);
+            quote.srcPort = quote.dstPort = ReadBe16(frame.data() + t + kIdentifierAt);
             quote.transportChecksumAt = t + kChecksumAt;
             quote.pseudoHeader = false;
             return true;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "Packet/BigEndian.h"
 #include "Packet/IpProtocol.h"
 #include "Packet/PacketUtils.h"
 
@@ -16,22 +17,6 @@ constexpr uint16_t kEtherTypeQinQ = 0x88A8;
 constexpr uint8_t kTcpFin = 0x01;
 constexpr uint8_t kTcpPsh = 0x08;
 constexpr uint8_t kTcpCwr = 0x80;
-
-uint16_t Get16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
-uint32_t Get32(const uint8_t* p) {
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | p[3];
-}
-void Put16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v >> 8);
-    p[1] = static_cast<uint8_t>(v);
-}
-void Put32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
 
 // A checksum field value: the inverted sum, with 0 sent as 0xFFFF as the kernel does.
 uint16_t FinishChecksum(uint16_t folded) {
@@ -71,10 +56,10 @@ bool SuperFrameSplitter::Start(const FrameOffload& offload, const uint8_t* frame
 
     // Locate the headers ourselves: hdrLen is only the kernel's linear part, not a header length.
     size_t l3 = kEthHeader;
-    uint16_t etherType = Get16(frame + 12);
+    uint16_t etherType = ReadBe16(frame + 12);
     for (int tags = 0; (etherType == kEtherTypeVlan || etherType == kEtherTypeQinQ) && tags < 2; ++tags) {
         if (length < l3 + 4) return false;
-        etherType = Get16(frame + l3 + 2);
+        etherType = ReadBe16(frame + l3 + 2);
         l3 += 4;
     }
     uint8_t protocol = 0;
@@ -106,7 +91,7 @@ bool SuperFrameSplitter::Start(const FrameOffload& offload, const uint8_t* frame
         transportHeader = static_cast<size_t>(frame[l4 + 12] >> 4) * 4;
         if (transportHeader < 20 || length < l4 + transportHeader) return false;
         tcp_ = true;
-        firstSeq_ = Get32(frame + l4 + 4);
+        firstSeq_ = ReadBe32(frame + l4 + 4);
     }
     l3Offset_ = l3;
     l4Offset_ = l4;
@@ -121,7 +106,7 @@ bool SuperFrameSplitter::Start(const FrameOffload& offload, const uint8_t* frame
         if (offload.gsoSize == 0 || headerLength_ + offload.gsoSize > maxFrame) return false;
         segmentSize_ = offload.gsoSize;
     }
-    firstIpId_ = ipv6_ ? 0 : Get16(frame + l3 + 4);
+    firstIpId_ = ipv6_ ? 0 : ReadBe16(frame + l3 + 4);
     remaining_ = length - headerLength_;
     // A bare header marked GSO still goes out once, with fresh checksums.
     emptySegmentPending_ = remaining_ == 0;
@@ -138,7 +123,7 @@ size_t SuperFrameSplitter::Next(uint8_t* out, size_t capacity) {
             const size_t field = start + offload_.csumOffset;
             // The field holds the pseudo-header sum; fold the rest in and store.
             const uint16_t folded = PacketUtils::InternetChecksumFold(0, out + start, length_ - start);
-            Put16(out + field, FinishChecksum(folded));
+            WriteBe16(out + field, FinishChecksum(folded));
             checksumCompleted_ = true;
         }
         return length_;
@@ -160,32 +145,32 @@ size_t SuperFrameSplitter::NextSegment(uint8_t* out) {
     uint8_t* ip = out + l3Offset_;
     uint32_t pseudo = 0;
     if (ipv6_) {
-        Put16(ip + 4, static_cast<uint16_t>(l4Length));
+        WriteBe16(ip + 4, static_cast<uint16_t>(l4Length));
         // Pseudo header: addresses, upper-layer length, next header.
         pseudo = PacketUtils::InternetChecksumFold(0, ip + 8, 32);
         pseudo += static_cast<uint32_t>(l4Length >> 16) + static_cast<uint32_t>(l4Length & 0xFFFF);
         pseudo += tcp_ ? IpProtocol::kTcp : IpProtocol::kUdp;
     } else {
         const size_t ihl = l4Offset_ - l3Offset_;
-        Put16(ip + 2, static_cast<uint16_t>(frameLength - l3Offset_));
-        Put16(ip + 4, static_cast<uint16_t>(firstIpId_ + segmentIndex_));
-        Put16(ip + 10, 0);
-        Put16(ip + 10, static_cast<uint16_t>(~PacketUtils::InternetChecksumFold(0, ip, ihl)));
+        WriteBe16(ip + 2, static_cast<uint16_t>(frameLength - l3Offset_));
+        WriteBe16(ip + 4, static_cast<uint16_t>(firstIpId_ + segmentIndex_));
+        WriteBe16(ip + 10, 0);
+        WriteBe16(ip + 10, static_cast<uint16_t>(~PacketUtils::InternetChecksumFold(0, ip, ihl)));
         pseudo = PacketUtils::InternetChecksumFold(0, ip + 12, 8);
         pseudo += static_cast<uint32_t>(l4Length) + (tcp_ ? IpProtocol::kTcp : IpProtocol::kUdp);
     }
 
     uint8_t* l4 = out + l4Offset_;
     if (tcp_) {
-        Put32(l4 + 4, firstSeq_ + static_cast<uint32_t>(payloadOffset_));
+        WriteBe32(l4 + 4, firstSeq_ + static_cast<uint32_t>(payloadOffset_));
         if (!last) l4[13] = static_cast<uint8_t>(l4[13] & ~(kTcpFin | kTcpPsh));
         if (!first) l4[13] = static_cast<uint8_t>(l4[13] & ~kTcpCwr);
-        Put16(l4 + 16, 0);
-        Put16(l4 + 16, FinishChecksum(PacketUtils::InternetChecksumFold(pseudo, l4, l4Length)));
+        WriteBe16(l4 + 16, 0);
+        WriteBe16(l4 + 16, FinishChecksum(PacketUtils::InternetChecksumFold(pseudo, l4, l4Length)));
     } else {
-        Put16(l4 + 4, static_cast<uint16_t>(l4Length));
-        Put16(l4 + 6, 0);
-        Put16(l4 + 6, FinishChecksum(PacketUtils::InternetChecksumFold(pseudo, l4, l4Length)));
+        WriteBe16(l4 + 4, static_cast<uint16_t>(l4Length));
+        WriteBe16(l4 + 6, 0);
+        WriteBe16(l4 + 6, FinishChecksum(PacketUtils::InternetChecksumFold(pseudo, l4, l4Length)));
     }
 
     payloadOffset_ += chunk;
