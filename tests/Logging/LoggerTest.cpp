@@ -69,6 +69,23 @@ TEST_F(LoggerTest, LinesCarryAUtcStampAndTheRingRotatesAndResumes) {
     EXPECT_EQ(Entries(2), std::vector<std::string>{"INFO;" + text + "10"});
 }
 
+// A fatal line after ordinary ones takes the ring's next file like any line, and a new
+// folder or name prefix takes the lines that follow at once.
+TEST_F(LoggerTest, FatalLinesAndANewFolderFollowOnFromOrdinaryLines) {
+    Logger::Instance().SetMaxFileSize(100);
+    Log(std::string(60, 'x'), LogLevel::Info);
+    Log(std::string(60, 'y'), LogLevel::Info);  // file 0 is full
+    Logger::Instance().WriteFatal("fatal");
+    EXPECT_EQ(Entries(1), std::vector<std::string>{"ERROR;fatal"});
+    ndtest::TempDir other;
+    Logger::Instance().SetDirectory(other.Path() + "/");
+    Log("moved", LogLevel::Info);
+    Logger::Instance().SetPrefix("next_");
+    Log("renamed", LogLevel::Info);
+    EXPECT_EQ(ndtest::LogEntries(other.Path() + "/log_0.txt"), std::vector<std::string>{"INFO;moved"});
+    EXPECT_EQ(ndtest::LogEntries(other.Path() + "/next_0.txt"), std::vector<std::string>{"INFO;renamed"});
+}
+
 TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
     std::vector<std::thread> writers;
     for (int t = 0; t < 4; ++t)

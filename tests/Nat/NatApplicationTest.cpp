@@ -192,6 +192,23 @@ TEST(NatFtp, ActiveModeDataConnectionReachesTheClientThroughTranslateSource) {
     data.Run({{false, 300, 0, kSyn}, {true, 800, 301, kSyn | kAck}});
 }
 
+// Without translate source the server is shown the client itself: the command stands,
+// a repeated command finds the entry the first one made, and the data connection leaves
+// from a pool port.
+TEST(NatFtp, ActiveModeWithoutTranslateSourceShowsTheClientItself) {
+    Rig rig({Rule(6, 21, 21, false, false, true)});
+    rig.Learn(kServerIp, kServerMac);
+    const std::string command = "PORT 93,184,216,34,156,65\r\n";
+    Conversation{.rig = rig, .published = 21, .serverPort = 21}.Run({
+        {true, 100, 0, kSyn},
+        {false, 7000, 101, kSyn | kAck},
+        {true, 101, 7001, kAck | kPsh, command},
+        {true, 101, 7001, kAck | kPsh, command},
+    });
+    Conversation data{.rig = rig, .clientPort = 40001, .published = 5000, .serverSeesPort = 40001, .serverPort = 20};
+    data.Run({{false, 300, 0, kSyn}, {true, 800, 301, kSyn | kAck}});
+}
+
 // Two rules publish the same server, one of them translating the source. A passive data
 // connection must reach the server from the same address as its control connection, or
 // the server refuses it, whichever rule comes first in the list.
