@@ -93,6 +93,8 @@ TEST(NatApplicationLayer, ParsersFindWhatToRewriteAndNothingElse) {
         auto applied = [&c](const App::Edit& e) { return c.in.substr(0, e.begin) + e.text + c.in.substr(e.end); };
         EXPECT_EQ(edit ? std::optional(applied(*edit)) : std::nullopt, c.out) << c.in;
     }
+    const std::string extended = "229 (|||6446|)";  // the data port the temporary rule leads to
+    EXPECT_EQ(App::ParsePassiveReply(reinterpret_cast<const uint8_t*>(extended.data()), extended.size())->port, 6446);
 }
 
 // Each rewrite shortens a request by two bytes ("10.0.0.2:8080" becomes "172.20.0.20");
