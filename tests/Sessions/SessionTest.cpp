@@ -27,6 +27,7 @@ NatSettings Settings(uint32_t poolSize) {
     Nat::AdapterMapping mapping = Rig::DefaultMapping();
     mapping.external.id = kExt;
     mapping.internal.id = kInt;
+    mapping.external.ips.push_back({{11, 0, 0, 9}, {255, 255, 255, 0}});  // a second subnet on the same wire
     s.mappings.push_back(mapping);
     s.tcpPoolSize = s.udpPoolSize = poolSize;
     s.entryTimeoutMs = 60000;
@@ -102,13 +103,16 @@ TEST_F(SessionTest, EstablishedFlowsGoFromCaptureToSendWithoutHeapAllocationAndS
 }
 
 // The next hop of a frame leaving on the external side is unknown: the session asks for
-// it on that adapter, from the adapter's own address, and the held frame goes out once the
+// it on that adapter, from its own address in the hop's subnet, and the held frame goes out once the
 // answer comes. Frames of neither side, and ones the engine does not take, pass untouched.
 TEST_F(SessionTest, AnUnknownNextHopIsAskedForAndTheHeldFrameFollowsTheAnswer) {
     const Frame query = Udp({kHostMac, kIntMac, kHostIp, kPeerIp, 53000, 53, "query"});
     Pass({{kInt, query}});
     ASSERT_EQ(Wire(kExt), std::vector<Frame>{BuildArpRequest(kExtMac, kExtIp, kPeerIp)});
     EXPECT_TRUE(Wire(kInt).empty());  // not on the other adapter of the session
+    network->ClearSent(kExt);
+    Pass({{kInt, Udp({kHostMac, kIntMac, kHostIp, Ip(11, 0, 0, 50), 53000, 53, "query"})}});
+    ASSERT_EQ(Wire(kExt), std::vector<Frame>{BuildArpRequest(kExtMac, Ip(11, 0, 0, 9), Ip(11, 0, 0, 50))});
     network->ClearSent(kExt);
 
     Pass({{kExt, FrameBuilder::Arp().ArpOpcode(2).EthDst(kExtMac).EthSrc(kPeerMac).ArpSender(kPeerMac, kPeerIp)
