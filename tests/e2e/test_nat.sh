@@ -7,8 +7,8 @@
 # one failing. (TCP behind the gateway: in the sessions test; UDP: in the lifetime test.)
 # Published ports: external clients reach an internal web server with source translation and
 # a UDP service without, through the daemon's external address, and a source range keeps
-# other clients out. (Without source translation: in the FTP test; HTTP Host rewriting: in
-# the hostile start test.)
+# other clients out. (Without source translation and with HTTP Host rewriting: in the FTP
+# test.)
 # Privileges: a pipe folder that others may write is refused with one ERROR line and a clean
 # exit before any message is read (the other refusals are unit-tested on the pipe client);
 # the translating daemon holds just its four capabilities.
