@@ -40,9 +40,8 @@ cat > "$WORK/bad.json" <<JSON
   {"expectExit": {"code": 0, "within": 10}}
 ]}
 JSON
-in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/bad.json" > "$WORK/peer.log" 2>&1 &
+bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/bad.json" > "$WORK/peer.log" 2>&1
 peer=$!
-_pids+=($peer)
 
 check "StartNAT with a missing internal adapter: result 0, and why" eval 'answer 1 "type 9 (StartNAT), result 0 " &&
   log_has "ERROR;Unable to register the drivers for Arp cache." "ERROR;Error opening NAT: ArpCache registration failed"'
@@ -110,9 +109,8 @@ echo "     (seed $SEED: $from_inside frames from inside, $from_outside from outs
 sleep 1  # let the daemon's queue drain before counting what it translated
 kill -INT $dump; wait $dump 2>/dev/null || true
 translated=$(tcpdump -r "$WORK/out.pcap" -n 2>/dev/null | wc -l)
-check "thousands of frames went out" test $((from_inside + from_outside)) -ge 5000
-check "and the daemon translated a good share of them out of nd-ext ($translated, not all refused at the door)" \
-  test "$translated" -ge 200
+check "thousands of frames went out, and the daemon translated a good share of them out of nd-ext ($translated)" \
+  test $((from_inside + from_outside)) -ge 5000 -a "$translated" -ge 200
 check "source translation, the published port (to the first rule's target) and the host's own traffic work" \
   eval 'test "$(page in http://198.51.100.2:8000/index.html)|$(page ext http://198.51.100.1:8080/index.html)" = \
     "port 80|port 80" && test "$(udp_ask in 198.51.100.2 5353 ping)" = echo:ping && reaches nd 198.51.100.2 10.1.0.2'
