@@ -9,9 +9,8 @@ nat_topology
 
 # The daemon host's own kernel never asks for the external hosts: any ARP request from
 # 198.51.100.1 on the wire is the daemon's.
-EXT_MAC=$(in_ns ext cat /sys/class/net/ext0/address)
 ND_EXT_MAC=$(in_ns nd cat /sys/class/net/nd-ext/address)
-in_ns nd ip neigh replace 198.51.100.2 lladdr "$EXT_MAC" dev nd-ext nud permanent
+in_ns nd ip neigh replace 198.51.100.2 lladdr "$(in_ns ext cat /sys/class/net/ext0/address)" dev nd-ext nud permanent
 
 udp_service ext 0.0.0.0 5353
 udp_log=$WORK/udp_0.0.0.0_5353.log
