@@ -14,9 +14,8 @@ check "depends on the C and C++ run-time libraries ($depends)" \
   eval '[[ $depends == *"libc6 (>="* && $depends == *"libstdc++6 (>="* ]]'
 
 {
-  printf '%s\n' /usr/sbin/NetworkDriver /usr/bin/ndpeer \
-    /usr/share/man/man8/NetworkDriver.8.gz /usr/share/man/man1/ndpeer.1.gz \
-    /usr/share/doc/networkdriver/copyright /usr/share/doc/networkdriver/changelog.gz
+  printf '%s\n' /usr/sbin/NetworkDriver /usr/bin/ndpeer /usr/share/man/man8/NetworkDriver.8.gz \
+    /usr/share/man/man1/ndpeer.1.gz /usr/share/doc/networkdriver/copyright /usr/share/doc/networkdriver/changelog.gz
   cd "$ND_SOURCE_DIR/tools/scenarios" && printf '/usr/share/networkdriver/scenarios/%s\n' *.json
 } | sort > "$WORK/expected"
 dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./|/|' | sort > "$WORK/actual"
