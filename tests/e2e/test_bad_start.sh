@@ -40,20 +40,18 @@ cat > "$WORK/bad.json" <<JSON
   {"expectExit": {"code": 0, "within": 10}}
 ]}
 JSON
-in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/bad.json" > "$WORK/peer.log" 2>&1 &
+bg in_ns nd "$PEER" --daemon "$DAEMON" --scenario "$WORK/bad.json" > "$WORK/peer.log" 2>&1
 peer=$!
-_pids+=($peer)
 
 check "StartNAT with a missing internal adapter: result 0, and why" eval 'answer 1 "type 9 (StartNAT), result 0 " &&
   log_has "ERROR;Unable to register the drivers for Arp cache." "ERROR;Error opening NAT: ArpCache registration failed"'
 check "the daemon host still reaches both sides" reaches nd 198.51.100.2 10.1.0.2
 touch "$WORK/absent-checked"
 
-check "a UDP pool of 20 with ten ephemeral ports: result 0, the shortage with the real counts" \
+check "a UDP pool of 20 with ten ephemeral ports: result 0, the shortage with the real counts, none for TCP" \
   eval 'answer 2 "type 9 (StartNAT), result 0 " &&
     log_has "ERROR;NAT: error reserving UDP ports, required: 20 reserved: 10" \
-      "ERROR;Error opening NAT: error reserving TCP/UDP ports"'
-check "the TCP pool of 5 was not reported short" fails log_has "error reserving TCP ports"
+      "ERROR;Error opening NAT: error reserving TCP/UDP ports" && fails log_has "error reserving TCP ports"'
 in_ns nd sysctl -qw net.ipv4.ip_local_port_range="32768 60999"
 touch "$WORK/ports-restored"
 
@@ -110,9 +108,8 @@ echo "     (seed $SEED: $from_inside frames from inside, $from_outside from outs
 sleep 1  # let the daemon's queue drain before counting what it translated
 kill -INT $dump; wait $dump 2>/dev/null || true
 translated=$(tcpdump -r "$WORK/out.pcap" -n 2>/dev/null | wc -l)
-check "thousands of frames went out" test $((from_inside + from_outside)) -ge 5000
-check "and the daemon translated a good share of them out of nd-ext ($translated, not all refused at the door)" \
-  test "$translated" -ge 200
+check "thousands of frames went out, and the daemon translated a good share of them out of nd-ext ($translated)" \
+  test $((from_inside + from_outside)) -ge 5000 -a "$translated" -ge 200
 check "source translation, the published port (to the first rule's target) and the host's own traffic work" \
   eval 'test "$(page in http://198.51.100.2:8000/index.html)|$(page ext http://198.51.100.1:8080/index.html)" = \
     "port 80|port 80" && test "$(udp_ask in 198.51.100.2 5353 ping)" = echo:ping && reaches nd 198.51.100.2 10.1.0.2'

@@ -49,20 +49,18 @@ check "port 8080: the web server saw the real client and the Host field rewritte
   eval "[ \"\$(page ext http://198.51.100.1:8080/page.html)\" = page ] &&
         grep -qF 'client=198.51.100.2 host=10.1.0.2 path=/page.html' '$WORK/http_in.log'"
 
-
-# curl would otherwise ignore the address of a 227 reply and reuse the control connection's.
+# curl would otherwise ignore the address of a 227 reply and reuse the control connection's; the
+# internal address the server names there is unreachable outside, so a passive download proves
+# that the daemon put its external address there.
 ftp_curl() { in_ns ext curl -sS --max-time 30 --no-ftp-skip-pasv-ip "$@"; }
-same_file() { cmp -s "$1" "$2"; }
 listing() { [ "$(ftp_curl "${@:2}" | sort | tr '\n' ' ')" = "$1" ]; }
 
 for port in 21 2121; do
   url=ftp://198.51.100.1:$port
-  ftp_curl --disable-epsv -v -o "$WORK/pasv$port.bin" "$url/big.bin" 2> "$WORK/pasv$port.log"
-  check "port $port: the passive reply names the daemon's external address and a new port" \
-    grep -Eq '^< 227 Entering Passive Mode \(198,51,100,1,[0-9]+,[0-9]+\)' "$WORK/pasv$port.log"
-  check "port $port: passive (PASV) download of 4 MB arrives intact" same_file "$WORK/ftp/big.bin" "$WORK/pasv$port.bin"
+  ftp_curl --disable-epsv -o "$WORK/pasv$port.bin" "$url/big.bin"
+  check "port $port: passive (PASV) download of 4 MB arrives intact" cmp -s "$WORK/ftp/big.bin" "$WORK/pasv$port.bin"
   ftp_curl --disable-eprt -P 198.51.100.2 -o "$WORK/port$port.bin" "$url/big.bin"
-  check "port $port: active (PORT) download of 4 MB arrives intact" same_file "$WORK/ftp/big.bin" "$WORK/port$port.bin"
+  check "port $port: active (PORT) download of 4 MB arrives intact" cmp -s "$WORK/ftp/big.bin" "$WORK/port$port.bin"
 done
 
 # (The start-up probe above connected from 10.1.0.2 itself; only sessions that logged in count.)

@@ -1,17 +1,16 @@
 #!/usr/bin/env bash
 # Lifetime of translation state: the first frames to a host the daemon has no MAC for are
-# held until its ARP reply and then delivered; a flow idle past the timeout is refused and
-# its port goes back to the pool, both when a late reply meets the expired entry and when a
-# new flow finds the pool empty.
+# held until its ARP reply and then delivered; a one-port pool refuses a second flow; a flow
+# idle past the timeout is refused and its port goes back to the pool. (The sweep of idle
+# entries when a new flow finds the pool empty, and the log texts, are unit-tested.)
 source "$(dirname "$0")/lib.sh"
 require_namespaces
 nat_topology
 
 # The daemon host's own kernel never asks for the external hosts: any ARP request from
 # 198.51.100.1 on the wire is the daemon's.
-EXT_MAC=$(in_ns ext cat /sys/class/net/ext0/address)
 ND_EXT_MAC=$(in_ns nd cat /sys/class/net/nd-ext/address)
-in_ns nd ip neigh replace 198.51.100.2 lladdr "$EXT_MAC" dev nd-ext nud permanent
+in_ns nd ip neigh replace 198.51.100.2 lladdr "$(in_ns ext cat /sys/class/net/ext0/address)" dev nd-ext nud permanent
 
 udp_service ext 0.0.0.0 5353
 udp_log=$WORK/udp_0.0.0.0_5353.log
@@ -19,7 +18,8 @@ udp_log=$WORK/udp_0.0.0.0_5353.log
 # ask SOURCE_PORT WAIT TEXT...: the answers to the texts sent from that port of the internal host.
 ask() { UDP_FROM=10.1.0.2:$1 UDP_WAIT=$2 udp_ask in 198.51.100.2 5353 "${@:3}"; }
 
-ip netns exec "ext$TAG" tcpdump -i ext0 -n -e -l --immediate-mode 'arp or (udp and port 5353)' > "$WORK/wire.txt" 2> "$WORK/tcpdump.err" &
+ip netns exec "ext$TAG" tcpdump -i ext0 -n -e -l --immediate-mode 'arp or (udp and port 5353)' \
+  > "$WORK/wire.txt" 2> "$WORK/tcpdump.err" &
 _pids+=($!)
 wait_for 10 grep -q "listening on" "$WORK/tcpdump.err"
 
@@ -38,27 +38,17 @@ first=$(grep -m1 -E "who-has 198.51.100.2 tell 198.51.100.1|198.51.100.1.[0-9]+ 
 check "the daemon sent an ARP request for the host before the first datagram went out" \
   grep -q "$ND_EXT_MAC > ff:ff:ff:ff:ff:ff.*Request who-has" <<< "$first"
 PORT=$(sed -n 's/^client=198\.51\.100\.1:\([0-9]*\) one$/\1/p' "$udp_log")
-check "the flow left on a pool port" test -n "$PORT"
 
 # 2. The one-port pool is taken: a second flow is refused while the first is fresh.
 check "a second flow finds no free port" test -z "$(ask 40002 1.5 second)"
-check "and the log says so" log_has "Error translating a NAT packet from internal to external: There are no port available"
 
 # 3. Replies within the timeout arrive; a reply 5 s after the last outbound datagram meets
 #    an expired entry and is dropped.
 check "an answer 1 s late still arrives" test "$(ask 40001 3 delay=1:soon)" = "echo:delay=1:soon"
 check "an answer 5 s late (timeout 3 s) never reaches the client" test -z "$(ask 40001 7 delay=5:late)"
 check "the server did send the late answer" grep -q "late answer sent to 198.51.100.1:$PORT after 5 s" "$udp_log"
-check "the log names the expired entry" \
-  log_has "Internal host info timeout exceeded for remoteIP: 198.51.100.2 remotePort: 5353 externalPort: $PORT. The packet will be discarded"
 
 # 4. The expired entry's port is free again: a new flow gets it at once.
 check "a new flow works after the old one expired" test "$(ask 40003 3 third)" = "echo:third"
 check "and it left on the same, only, pool port" grep -q "^client=198.51.100.1:$PORT third$" "$udp_log"
-
-# 5. An entry that just goes idle is swept when the next flow needs its port.
-sleep 3.5
-check "after 3.5 s idle the next flow takes the idle flow's port" test "$(ask 40004 3 fourth)" = "echo:fourth"
-check "the same port again" grep -q "^client=198.51.100.1:$PORT fourth$" "$udp_log"
-check "the daemon is still running" daemon_running nd
 echo PASS

@@ -28,7 +28,8 @@ cat > "$WORK/sessions.json" <<JSON
 {"steps": [
   {"send": "InitializeConfiguration", "HandleVirtualMachine": false, "expect": {"result": 1}},
   {"send": "StartNAT", $MAP, $(pools 20 10), "expect": {"result": 1}},
-  {"send": "StartICS", "sharedAdapter": "nd-ext2", "internalAdapters": ["nd-ics"], $(pools 20 10), "expect": {"result": 1}},
+  {"send": "StartICS", "sharedAdapter": "nd-ext2", "internalAdapters": ["nd-ics"], $(pools 20 10),
+   "expect": {"result": 1}},
   {"send": "StartVPN", "SupervisorMACAddress": "$SUPERVISOR", "adapters": ["nd-lan"], "expect": {"result": 1}},
   {"waitFile": "$WORK/stop-ics", "within": 100},
   {"send": "StopICS", "expect": {}},

@@ -9,17 +9,12 @@
 #include "PcapWriter.h"
 #include "support/TestFiles.h"
 
-namespace {
-
-uint32_t Get32(const std::string& bytes, size_t at) {
-    uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) value = value << 8 | static_cast<uint8_t>(bytes.at(at + i));
-    return value;
-}
-
-}  // namespace
-
 TEST(PcapWriter, EveryRecordIsOnDiskWholeAsSoonAsItIsWritten) {
+    const auto get32 = [](const std::string& bytes, size_t at) {  // little-endian, as the magic says
+        uint32_t value = 0;
+        for (int i = 3; i >= 0; --i) value = value << 8 | static_cast<uint8_t>(bytes.at(at + i));
+        return value;
+    };
     ndtest::TempDir dir;
     const std::string path = dir.Path() + "/tunnel.pcap";
     ndpeer::PcapWriter writer;
@@ -39,10 +34,10 @@ TEST(PcapWriter, EveryRecordIsOnDiskWholeAsSoonAsItIsWritten) {
 
         const std::string file = ndtest::ReadFile(path);  // the writer is still open
         ASSERT_EQ(file.size(), at + 16 + kept) << "frame of " << frame.size() << " bytes";
-        EXPECT_NEAR(Get32(file, at), std::time(nullptr), 1.0);  // seconds, then microseconds
-        EXPECT_LT(Get32(file, at + 4), 1000000u);
-        EXPECT_EQ(Get32(file, at + 8), kept);
-        EXPECT_EQ(Get32(file, at + 12), frame.size());
+        EXPECT_NEAR(get32(file, at), std::time(nullptr), 1.0);  // seconds, then microseconds
+        EXPECT_LT(get32(file, at + 4), 1000000u);
+        EXPECT_EQ(get32(file, at + 8), kept);
+        EXPECT_EQ(get32(file, at + 12), frame.size());
         EXPECT_EQ(file.substr(at + 16), std::string(frame.begin(), frame.begin() + static_cast<long>(kept)));
         at = file.size();
     }

@@ -9,20 +9,6 @@ using nlohmann::json;
 using NativeNetworkDriver::Bytes;
 namespace nd = NativeNetworkDriver;
 
-namespace {
-
-// What the parser refuses, named by where the scenario came from.
-std::string RefusalOf(const char* text) {
-    try {
-        ndpeer::ParseScenario(json::parse(text), "s.json");
-    } catch (const ndpeer::ScenarioError& e) {
-        return e.what();
-    }
-    return "accepted";
-}
-
-}  // namespace
-
 // The payloads are what the daemon's own encoder makes of the same requests.
 TEST(Scenario, StepsEncodeTheRequestsTheyName) {
     const auto scenario = ndpeer::ParseScenario(json::parse(R"({"steps": [
@@ -71,6 +57,15 @@ TEST(Scenario, StepsEncodeTheRequestsTheyName) {
 }
 
 TEST(Scenario, RefusalsNameTheFieldAndWhatWasExpected) {
+    // What the parser refuses, named by where the scenario came from.
+    const auto refusalOf = [](const char* text) -> std::string {
+        try {
+            ndpeer::ParseScenario(json::parse(text), "s.json");
+        } catch (const ndpeer::ScenarioError& e) {
+            return e.what();
+        }
+        return "accepted";
+    };
     const std::pair<const char*, const char*> cases[] = {
         {R"({"steps": [{"send": "StartNAT", "mappings": [{"external": "lo",
             "internal": {"interface": "nope0", "absent": true, "ip": "10.5.0.1/33"}}]}]})",
@@ -82,7 +77,7 @@ TEST(Scenario, RefusalsNameTheFieldAndWhatWasExpected) {
         {R"({"steps": [{"send": "StopVPN", "truncateBy": 1}]})",
          "s.json: steps[0].truncateBy: expected a whole number from 0 to 0"},
     };
-    for (const auto& [text, refusal] : cases) EXPECT_EQ(RefusalOf(text), refusal);
+    for (const auto& [text, refusal] : cases) EXPECT_EQ(refusalOf(text), refusal);
 }
 
 TEST(Scenario, AddressTextsParseStrictly) {
