@@ -103,8 +103,9 @@ TEST_F(SessionTest, EstablishedFlowsGoFromCaptureToSendWithoutHeapAllocationAndS
 }
 
 // The next hop of a frame leaving on the external side is unknown: the session asks for
-// it on that adapter, from its own address in the hop's subnet, and the held frame goes out once the
-// answer comes. Frames of neither side, and ones the engine does not take, pass untouched.
+// it on that adapter, from the adapter's own address in the hop's subnet, and the held
+// frame goes out once the answer comes. Frames of neither side, and ones the engine does
+// not take, pass untouched.
 TEST_F(SessionTest, AnUnknownNextHopIsAskedForAndTheHeldFrameFollowsTheAnswer) {
     const Frame query = Udp({kHostMac, kIntMac, kHostIp, kPeerIp, 53000, 53, "query"});
     Pass({{kInt, query}});
