@@ -94,7 +94,7 @@ TEST(PacketBounds, ThresholdsSitExactlyWhereTheyShould) {
 TEST(PacketBounds, EveryFunctionOnEveryLengthAnswersOrThrowsNatException) {
     std::mt19937 rng(2024);
     const Frame tcp =
-        FrameBuilder::Tcp().IpOptions(Bytes(12, 1)).TcpOptions(Bytes(12, 1)).Payload(Bytes(1422, 0x5A)).Build();
+        FrameBuilder::Tcp().IpOptions(Bytes(12, 1)).TcpOptions(Bytes(12, 1)).Payload(Bytes(1436, 0x5A)).Build();
     // The IHL claims the whole header area, or nothing at all.
     Frame widest = tcp, none = tcp;
     widest[14] = 0x4F;
@@ -102,6 +102,7 @@ TEST(PacketBounds, EveryFunctionOnEveryLengthAnswersOrThrowsNatException) {
     const Frame sources[] = {tcp, widest, none, FrameBuilder::Udp().Payload(Bytes(1472, 0xA5)).Build(),
                              FrameBuilder::Arp().ArpOpcode(2).PadTo(1514).Build()};
     const auto sizeKept = [](bool kept) { ASSERT_TRUE(kept); };
+    for (const Frame& source : sources) ASSERT_EQ(source.size(), 1514u);
     for (size_t length = 0; length <= 1514; ++length)
         for (const Frame& source : sources) CallEveryCodecFunction(Cut(source, length), rng(), sizeKept);
 }

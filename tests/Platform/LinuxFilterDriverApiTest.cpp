@@ -171,8 +171,8 @@ TEST_F(LinuxDriver, ListsInterfacesAndHoldsEveryFrameUntilTheDaemonSendsItOn) {
         ASSERT_TRUE(t.api.GetTcpipBoundAdaptersInfo(&list));
         ASSERT_EQ(list.m_nAdapterCount, 2u);  // lo and the veth
         const uint32_t i = list.m_nAdapterHandle[0] == t.handle ? 0 : 1;
-        // The veth's handle, the name its GUID gives, its MAC, then its MTU (a copy: the field is packed).
-        EXPECT_EQ(list.m_nAdapterHandle[i], t.handle);
+        // The veth's handle, the name its GUID gives, its MAC and its MTU (copies: the fields are packed).
+        EXPECT_EQ(+list.m_nAdapterHandle[i], t.handle);
         EXPECT_EQ(reinterpret_cast<const char*>(list.m_szAdapterNameList[i]),
                   "\\DEVICE\\" + Platform::InterfaceGuidText("ndv0"));
         EXPECT_EQ(Bytes(list.m_czCurrentAddress[i], list.m_czCurrentAddress[i] + 6), (Bytes{2, 0x4e, 0x44, 0, 0, 1}));
